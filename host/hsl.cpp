@@ -1,0 +1,1 @@
+#include "Lumora32.h"

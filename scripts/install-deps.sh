@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that Lumora Fusion needs to build, test and
+# run, when they are missing. Does nothing (and touches no package list) when
+# everything is present.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config          # toolchain
+  libjpeg62-turbo-dev libpng-dev libtiff-dev  # image files
+  libexiv2-dev                              # metadata (EXIF, XMP, ICC) for the CLI
+  libcli11-dev                              # command-line parsing
+  libhwy-dev                                # SIMD dispatch
+  libgtest-dev libgmock-dev libbenchmark-dev  # tests and benchmarks
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+echo "Installing missing packages: ${missing[*]}" >&2
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
