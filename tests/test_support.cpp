@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <png.h>
+
+#include <cstdio>
 #include <filesystem>
 #include <random>
 
@@ -24,6 +27,30 @@ std::string tempPath(const std::string &name) {
 
 std::string samplePath(const std::string &relative) {
     return std::string(LUMORA_SAMPLES_DIR) + "/" + relative;
+}
+
+RgbImage loadPngRgb(const std::string &path) {
+    RgbImage out;
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_file(&image, path.c_str())) {
+        ADD_FAILURE() << "cannot read " << path << ": " << image.message;
+        return out;
+    }
+    image.format = PNG_FORMAT_RGB;
+    out.width = static_cast<int>(image.width);
+    out.height = static_cast<int>(image.height);
+    out.pixels.resize(PNG_IMAGE_SIZE(image));
+    if (!png_image_finish_read(&image, nullptr, out.pixels.data(), 0, nullptr)) {
+        ADD_FAILURE() << "cannot decode " << path << ": " << image.message;
+        out = RgbImage{};
+    }
+    return out;
+}
+
+RgbImage loadSample(int index) {
+    static const char *names[3] = {"0_dark.png", "1_mid.png", "2_bright.png"};
+    return loadPngRgb(samplePath(std::string("belgium_house/") + names[index]));
 }
 
 }  // namespace testsupport

@@ -16,4 +16,15 @@ std::string tempPath(const std::string &name);
 // Path of a file below samples/.
 std::string samplePath(const std::string &relative);
 
+// An 8-bit RGB image read from a PNG file (fails the test on error).
+struct RgbImage {
+    int width = 0;
+    int height = 0;
+    std::vector<unsigned char> pixels;  // width * height * 3, rows top to bottom
+};
+RgbImage loadPngRgb(const std::string &path);
+
+// The shipped three-exposure bracket, darkest first.
+RgbImage loadSample(int index);
+
 }  // namespace testsupport
