@@ -1,1 +1,200 @@
+// Sparse spatial kernels: how far apart a level's grid points lie, how many
+// entries its kernel has, and the jittered kernel itself.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "internal.h"
+
+namespace lumora {
+
+int proposedLevelFactorImplCalls = 0;
+
+namespace {
+
+// A window coordinate pair is on the grid when both distances from the
+// centre are multiples of the spacing and less than A spacings away.
+bool onGrid(int i, int j, int offset, int levelFactor, int A) {
+    const int dx = std::abs(i - offset);
+    const int dy = std::abs(j - offset);
+    return dx % levelFactor == 0 && dy % levelFactor == 0 && dx / levelFactor < A &&
+           dy / levelFactor < A;
+}
+
+bool hasEvenRows(int numEntries) {
+    return (int)std::sqrt((double)numEntries) % 2 == 0;
+}
+
+}  // namespace
+
+float kernelRadius(float startingSigma, float sigmaMultiplier, int numLevels) {
+    const float edgeVal = 0.1f;
+    float finalSigma = startingSigma;
+    for (int k = 0; k < numLevels; k++) finalSigma *= sigmaMultiplier;
+    // The log is of the float 0.1, widened: ln(edgeVal) = -2.3025850780928847.
+    return (float)std::sqrt(-finalSigma * std::log((double)edgeVal) * 0.5);
+}
+
+int fastSpatialKernelNumEntriesImpl(int size, float sigma, float power, int srcImgNo,
+                                    int levelFactor, int *accuracyFactors) {
+    const int A = accuracyFactors[srcImgNo];
+    const int offset = size / 2;
+    int count = 0;
+    for (int i = 0; i < size; i++)
+        for (int j = 0; j < size; j++)
+            if (onGrid(i, j, offset, levelFactor, A)) count++;
+    // Room for the centre entry that the kernel builder inserts into a grid
+    // with an even number of rows.
+    if (hasEvenRows(count)) count++;
+    return count;
+}
+
+float getProposedLevelFactorImpl(int size, float origLevelFactor, float estimatedLevelFactor,
+                                 float sigma, float sigmaSqd, float power, float srcImgNo,
+                                 int *accuracyFactors) {
+    proposedLevelFactorImplCalls++;
+    const int centreDistance = size / 2;
+    const int numEntries = fastSpatialKernelNumEntriesImpl(
+        size, sigma, power, (int)srcImgNo, (int)estimatedLevelFactor, accuracyFactors);
+    const int maxDist = (int)(std::sqrt((double)numEntries) / 2.0 + 1.0);
+    const float minFactor = (float)numEntries * 0.005f / 100.0f;
+    int i;
+    for (i = 0; i < centreDistance; i++) {
+        const float dist = i / origLevelFactor;
+        // Weight of the diagonal point (dist, dist).
+        const float arg = -(2 * dist * dist) / sigmaSqd;
+        const float factor = (float)std::exp((double)arg);
+        if (factor < minFactor) break;
+    }
+    return (float)i / (float)maxDist;
+}
+
+float getProposedLevelFactor(int size, float origLevelFactor, float sigma, float sigmaSqd,
+                             float power, float srcImgNo, int *accuracyFactors) {
+    float oldPropLev = getProposedLevelFactorImpl(size, origLevelFactor, origLevelFactor, sigma,
+                                                  sigmaSqd, power, srcImgNo, accuracyFactors);
+    float propLev = oldPropLev;
+    for (int round = 0; round < 10; round++) {
+        if (oldPropLev < 1.0f) oldPropLev = 1.0f;
+        propLev = getProposedLevelFactorImpl(size, origLevelFactor, oldPropLev, sigma, sigmaSqd,
+                                             power, srcImgNo, accuracyFactors);
+        if constexpr (debugSpatialKernel)
+            std::fprintf(stderr, "------------------> STEP %d: propLev=%f  oldPropLev=%f\n",
+                         round, propLev, oldPropLev);
+        // Converged once the integer parts agree; fractions do not matter.
+        if ((int)propLev == (int)oldPropLev) return propLev;
+        oldPropLev = propLev;
+    }
+    return propLev;
+}
+
+int fastSpatialKernelNumEntries(int size, float sigma, float power, int srcImgNo,
+                                int *accuracyFactors) {
+    int levelFactor = (int)std::pow((double)power, srcImgNo + 0.8);
+    if (levelFactor <= 0) levelFactor = 1;
+    const float proposed = getProposedLevelFactor(size, (float)levelFactor, sigma, sigma * sigma,
+                                                  power, (float)srcImgNo, accuracyFactors);
+    // The spacing may shrink, never grow.
+    if ((float)levelFactor > proposed) levelFactor = (int)proposed;
+    if (levelFactor <= 0) levelFactor = 1;
+    return fastSpatialKernelNumEntriesImpl(size, sigma, power, srcImgNo, levelFactor,
+                                           accuracyFactors);
+}
+
+void makeFastSpatialKernel(int size, float sigma, float power, int srcImgNo,
+                           int *accuracyFactors, KernelEntry *kernel) {
+    const float sigmaSqd = sigma * sigma;
+    const int offset = size / 2;
+    const int A = accuracyFactors[srcImgNo];
+
+    // Kept unclamped, unlike the entry counter: callers choose a power whose
+    // raw factor is at least 1.
+    int levelFactor = (int)std::pow((double)power, srcImgNo + 0.8);
+    const int levelFactorDiv = levelFactor;
+    const float proposed = getProposedLevelFactor(size, (float)levelFactorDiv, sigma, sigmaSqd,
+                                                  power, (float)srcImgNo, accuracyFactors);
+    if ((float)levelFactor > proposed) levelFactor = (int)proposed;
+    if (levelFactor <= 0) levelFactor = 1;
+    if constexpr (debugSpatialKernel)
+        std::fprintf(stderr, "PROPLEVELFACT=%f LEVFACT=%d\n", proposed, levelFactor);
+
+    // Odd jitter range, so the offsets are centred on the grid point.
+    int peturb = levelFactor - 2;
+    if (peturb % 2 == 0) peturb++;
+
+    int xStart = 0, yStart = 0, xEnd = 0, yEnd = 0;
+    bool first = true;
+    for (int i = 0; i < size; i++)
+        for (int j = 0; j < size; j++)
+            if (onGrid(i, j, offset, levelFactor, A)) {
+                if (first) {
+                    xStart = i;
+                    yStart = j;
+                    first = false;
+                }
+                xEnd = i;
+                yEnd = j;
+            }
+
+    int numEntries = 0;
+    for (int i = 0; i < size; i++)
+        for (int j = 0; j < size; j++) {
+            if (!onGrid(i, j, offset, levelFactor, A)) continue;
+            int xpos = i;
+            int ypos = j;
+            if (peturb > 0) {
+                const int xrand = rand();
+                const int yrand = rand();
+                xpos += xrand % peturb - peturb / 2;
+                ypos += yrand % peturb - peturb / 2;
+            }
+            if (xpos < xStart) xpos = xStart;
+            if (xpos > xEnd) xpos = xEnd;
+            if (ypos < yStart) ypos = yStart;
+            if (ypos > yEnd) ypos = yEnd;
+            float dx = (float)std::abs(xpos - offset);
+            float dy = (float)std::abs(ypos - offset);
+            // Deliberate: divided by the raw spacing, so when the search shrank
+            // the factor the weights still fall off in units of the raw one.
+            dx /= (float)levelFactorDiv;
+            dy /= (float)levelFactorDiv;
+            KernelEntry *kptr = &kernel[numEntries++];
+            kptr->xpos = xpos;
+            kptr->ypos = ypos;
+            const float arg = -(dx * dx + dy * dy) / sigmaSqd;
+            kptr->factor = (float)std::exp((double)arg);
+        }
+
+    // The corners stay put whatever the jitter did; their weights do not
+    // follow them.
+    kernel[0].xpos = xStart;
+    kernel[0].ypos = yStart;
+    kernel[numEntries - 1].xpos = xEnd;
+    kernel[numEntries - 1].ypos = yEnd;
+
+    const int m = numEntries / 2;
+    if (hasEvenRows(numEntries)) {
+        if constexpr (debugSpatialKernel)
+            std::fprintf(stderr, "####################Has even rows###################\n");
+        // An even grid has no middle entry: open one. It keeps a copy of the
+        // displaced entry's weight, which is not recomputed (kept as is).
+        std::memmove(&kernel[m + 1], &kernel[m], m * sizeof(KernelEntry));
+        numEntries++;
+    }
+    kernel[m].xpos = (kernel[0].xpos + kernel[numEntries - 1].xpos) / 2;
+    kernel[m].ypos = (kernel[0].ypos + kernel[numEntries - 1].ypos) / 2;
+
+    const int x0 = kernel[0].xpos;
+    const int y0 = kernel[0].ypos;
+    for (int k = 0; k < numEntries; k++) {
+        KernelEntry *kptr = &kernel[k];
+        kptr->xpos -= x0;
+        kptr->ypos -= y0;
+        BF_ASSERT(kptr->xpos >= 0 && kptr->ypos >= 0);
+    }
+    if constexpr (debugSpatialKernel)
+        std::fprintf(stderr, "\n--> MADE %d Entries for level %d\n", numEntries, srcImgNo);
+}
+
+}  // namespace lumora
