@@ -3,10 +3,24 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "internal.h"
 
+// Profiling slots exported for the host; the module never touches them.
+extern "C" {
+LUMORA_API float bil1 = 0.0f, bil2 = 0.0f, bil3 = 0.0f, bil4 = 0.0f, bil5 = 0.0f;
+LUMORA_API TimeInfo bilt1 = 0, bilt2 = 0, bilt3 = 0, bilt4 = 0, bilt5 = 0;
+}
+
+// Profiling is switched off in this build.
+extern "C" LUMORA_API void ProfileLog(const char *format, ...) { (void)format; }
+
 namespace lumora {
+
+int dbgTestImage = 0;
+int __k = 0;
+int __level = 0;
 
 void assertionFailed(const char *expression, int line, const char *function) {
     // The usual assertion format, with the module's name as the source.
@@ -16,4 +30,98 @@ void assertionFailed(const char *expression, int line, const char *function) {
     std::abort();
 }
 
+namespace {
+
+// Hands an 8-bit RGB picture to the host writer. The quality (97 or 85) and
+// the two fields of 100 (the resolution) are the host's business.
+void writeRgb(const char *name, int quality, int width, int height, unsigned char *pixels) {
+    int saveInfos[14] = {};
+    saveInfos[0] = width;
+    saveInfos[1] = height;
+    saveInfos[2] = 3;
+    saveInfos[3] = 8;
+    saveInfos[4] = 100;
+    saveInfos[5] = 100;
+    // A failed debug dump is not worth reporting.
+    HXwritejpg(name, quality, saveInfos, width * 3, 0, 0, nullptr, 0, nullptr, 0, nullptr, pixels);
+}
+
+// Writes a bordered 8-bit image (spp 3 or 1) framed by its outside borders.
+void saveWithEdges(const char *name, int iMax, int jMax, int spp, ImageWithBorder *img) {
+    const int bw = img->borderWidth;
+    if (img->mainImageHasBorders) {
+        saveTestImage(name, iMax + 2 * bw, jMax + 2 * bw, spp, 8, img->image);
+        return;
+    }
+    const int width = iMax + 2 * bw;
+    const int height = jMax + 2 * bw;
+    unsigned char *picture = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(width) * height * 3));
+    unsigned char *out = picture;
+    for (int y = -bw; y < jMax + bw; ++y) {
+        for (int x = -bw; x < iMax + bw; ++x) {
+            const unsigned char *p = imageData(iMax, jMax, spp, 8, iMax * spp, img, x, y);
+            for (int s = 0; s < 3; ++s) *out++ = p[spp == 3 ? s : 0];
+        }
+    }
+    // Kept: the reported new size adds the border width once, although the
+    // picture grows by twice the border width.
+    std::fprintf(stderr, "Old size: %d x %d  New size: %d x %d\n", iMax, jMax, iMax + bw, jMax + bw);
+    writeRgb(name, 85, width, height, picture);
+    std::free(picture);
+}
+
+}  // namespace
+
+void saveTestImage8_3SamplesWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img) {
+    saveWithEdges(name, iMax, jMax, 3, img);
+}
+
+void saveTestImage8_1SampleWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img) {
+    saveWithEdges(name, iMax, jMax, 1, img);
+}
+
 }  // namespace lumora
+
+extern "C" LUMORA_API void saveTestImage(const char *name, int iMax, int jMax, int sppImg,
+                                         int bpsImg, unsigned char *img) {
+    unsigned char *converted = nullptr;
+    unsigned char *pixels = img;
+    if (!(bpsImg == 8 && sppImg == 3)) {
+        const size_t numPixels = static_cast<size_t>(iMax) * jMax;
+        converted = static_cast<unsigned char *>(std::malloc(numPixels * 3));
+        unsigned char *out = converted;
+        if (sppImg == 1) {
+            for (size_t n = 0; n < numPixels; ++n) {
+                unsigned char v;
+                if (bpsImg == 8) {
+                    v = img[n];
+                } else {
+                    unsigned short w;
+                    std::memcpy(&w, img + 2 * n, 2);
+                    v = static_cast<unsigned char>(w >> 8);
+                }
+                *out++ = v;
+                *out++ = v;
+                *out++ = v;
+            }
+        } else {
+            // Kept: every sample is read as a 16-bit word whatever bpsImg
+            // says, and only three bytes per pixel are reserved. This branch
+            // serves 16-bit RGB.
+            const size_t numSamples = numPixels * sppImg;
+            for (size_t n = 0; n < numSamples; ++n) {
+                unsigned short w;
+                std::memcpy(&w, img + 2 * n, 2);
+                *out++ = static_cast<unsigned char>(w >> 8);
+            }
+        }
+        pixels = converted;
+    }
+    lumora::writeRgb(name, 97, iMax, jMax, pixels);
+    std::free(converted);
+}
+
+extern "C" LUMORA_API void dbgSaveTestImage(const char *name, int iMax, int jMax, int sppImg,
+                                            int bpsImg, unsigned char *img) {
+    if (lumora::dbgTestImage) saveTestImage(name, iMax, jMax, sppImg, bpsImg, img);
+}
