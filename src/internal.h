@@ -20,6 +20,11 @@
 // C (a null pointer test prints as "p != ((void *)0)").
 #define BF_ASSERT_TEXT(expr, text) \
     ((expr) ? static_cast<void>(0) : ::lumora::assertionFailed(text, __LINE__, __func__))
+// Same, reporting under a given function name: checks made by a helper on
+// behalf of an entry point report as that entry point (the reconstruction's
+// checks read as hx_fusion2's).
+#define BF_ASSERT_IN(expr, function) \
+    ((expr) ? static_cast<void>(0) : ::lumora::assertionFailed(#expr, __LINE__, function))
 
 namespace lumora {
 
