@@ -1,1 +1,176 @@
+// One level of the pyramid on a thread team: every pixel gets its own
+// bilateral kernel and is convolved with it, then the team smooths the level.
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "internal.h"
+
+namespace lumora {
+namespace {
+
+// The bright map's choice for one pixel of a level that consults it.
+enum class KernelChoice { Copy, Normal, Fine };
+
+KernelChoice chooseKernel(int bright, int i, int j) {
+    if (bright == 0) return KernelChoice::Copy;
+    if (bright < 10) return KernelChoice::Normal;
+    if (bright > 200) return KernelChoice::Fine;
+    // Fine-kernel pixels lie on anti-diagonals whose period shrinks as the
+    // map gets brighter: 20 for 10..39 down to 2 for 140..200.
+    int d = bright / 20;
+    if (d == 0) d = 1;
+    const int period = (int)((1.0 / d) * 20.0);
+    return (i + j) % period == 0 ? KernelChoice::Fine : KernelChoice::Normal;
+}
+
+// Pixel (i, j) of an 8-bit level. The window's top-left sample and the
+// strides depend on whether the working image carries its border.
+void filterPixel8(const LevelPassArgs &a, int i, int j, int externalBorderSpace,
+                  KernelEntry *bilateralKernel) {
+    const bool bordered = a.imageHasBorder != 0;
+    const int inStride = bordered ? a.extendedRowStride : a.rowStride;
+    const int filterStride = bordered ? a.filterExtendedRowStride : a.filterRowStride;
+    unsigned char *window =
+        bordered ? a.img->image + (size_t)j * a.extendedRowStride + (size_t)i * a.spp
+                 : a.img->image + (size_t)(j - externalBorderSpace) * a.rowStride +
+                       (size_t)(i - externalBorderSpace) * a.spp;
+    unsigned char *out = a.imgOutput + (size_t)j * a.rowStride + (size_t)i * a.spp;
+
+    if (a.levelGaussOnly) {
+        convolveFastSimple8(window, out, a.spp, inStride, a.logLut, a.unLogLut,
+                            a.numKernelEntries, a.spatialKernel);
+        return;
+    }
+
+    // The first level is never steered by the bright map.
+    const bool useMap = a.level != 1 && a.brightImage != nullptr;
+    const int bright = useMap ? a.brightImage[(size_t)j * a.iMax + i] : 1;
+    const KernelChoice choice = chooseKernel(bright, i, j);
+
+    if (choice == KernelChoice::Copy) {
+        const unsigned char *self = window + (size_t)a.largestHalfKernelSize * inStride +
+                                    (size_t)a.largestHalfKernelSize * a.spp;
+        std::memcpy(out, self, a.spp);
+        return;
+    }
+
+    const bool fine = choice == KernelChoice::Fine;
+    const int n = fine ? a.numFineKernelEntries : a.numKernelEntries;
+    KernelEntry *kernel = fine ? a.spatialKernelFine : a.spatialKernel;
+    // The window size is the larger of the two kernels', whichever is used.
+    fusion2f(a.iMax, a.jMax, a.filterSpp, a.filterBps, filterStride, a.filterImg, a.expLut,
+             a.logLut, a.rgbeExpLut, i, j, a.largestPhysicalKernelSize, a.rangeKernelSigma, n,
+             kernel, bilateralKernel);
+    convolveFastSimple8(window, out, a.spp, inStride, a.logLut, a.unLogLut, n, bilateralKernel);
+}
+
+// Pixel (i, j) of a 16-bit level: normal kernel only, no bright map.
+void filterPixel16(const LevelPassArgs &a, int i, int j, KernelEntry *bilateralKernel) {
+    // Kept: the window is addressed with the plain rowStride although the
+    // copy is bordered, and fusion2f gets the strides the other way round
+    // from the 8-bit loop.
+    unsigned short *window = reinterpret_cast<unsigned short *>(a.img->image) +
+                             (size_t)(j - a.halfKernelSize) * a.rowStride +
+                             (size_t)(i - a.halfKernelSize) * a.spp;
+    unsigned short *out = reinterpret_cast<unsigned short *>(a.imgOutput) +
+                          (size_t)j * a.rowStride + (size_t)i * a.spp;
+
+    if (a.levelGaussOnly) {
+        convolveFastSimple16(window, out, a.spp, a.rowStride, a.logLut, a.unLogLut,
+                             a.numKernelEntries, a.spatialKernel, a.physicalKernelSize);
+        return;
+    }
+    const int stride = a.imageHasBorder ? a.rowStride : a.extendedRowStride;
+    fusion2f(a.iMax, a.jMax, a.spp, a.bps, stride, a.img, a.expLut, a.logLut, a.rgbeExpLut, i,
+             j, a.physicalKernelSize, a.rangeKernelSigma, a.numKernelEntries, a.spatialKernel,
+             bilateralKernel);
+    convolveFastSimple16(window, out, a.spp, a.rowStride, a.logLut, a.unLogLut,
+                         a.numKernelEntries, bilateralKernel, a.physicalKernelSize);
+}
+
+// Pixel (i, j) of the frame of an image without built-in border: addressed
+// through imageData, never copied, fine kernel only above 200.
+void filterEdgePixel(const LevelPassArgs &a, int i, int j, KernelEntry *bilateralKernel) {
+    unsigned char *out =
+        a.imgOutput + (size_t)j * a.rowStrideBytes + (size_t)i * a.spp * a.byteDepth;
+
+    if (a.levelGaussOnly) {
+        convolveFastIncludingEdges(a.img, out, a.iMax, a.jMax, a.spp, a.bps, a.rowStride,
+                                   a.logLut, i, j, a.numKernelEntries, a.spatialKernel,
+                                   a.largestPhysicalKernelSize);
+        return;
+    }
+    const bool useMap = a.level != 1 && a.brightImage != nullptr;
+    const int bright = useMap ? a.brightImage[(size_t)j * a.iMax + i] : 0;
+    const bool fine = bright > 200;
+    const int n = fine ? a.numFineKernelEntries : a.numKernelEntries;
+    KernelEntry *kernel = fine ? a.spatialKernelFine : a.spatialKernel;
+    fusion2f(a.iMax, a.jMax, a.filterSpp, a.filterBps, a.filterRowStride, a.filterImg,
+             a.expLut, a.logLut, a.rgbeExpLut, i, j, a.largestPhysicalKernelSize,
+             a.rangeKernelSigma, n, kernel, bilateralKernel);
+    convolveFastIncludingEdges(a.img, out, a.iMax, a.jMax, a.spp, a.bps, a.rowStride,
+                               a.logLut, i, j, n, bilateralKernel, a.largestPhysicalKernelSize);
+}
+
+}  // namespace
+
+void levelPass(int nbProc, const LevelPassArgs &a) {
+#pragma omp parallel num_threads(nbProc)
+    {
+        const int externalBorderSpace = a.imageHasBorder ? 0 : a.largestHalfKernelSize;
+
+        // Every thread builds its pixels' kernels in its own buffer. There is
+        // no way to report a failure from here, and with rows handed out
+        // dynamically a thread cannot leave its share to the others, so
+        // running out of memory for these few kilobytes ends the process.
+        const size_t capacity = (size_t)std::max(a.numKernelEntries, a.numFineKernelEntries);
+        KernelEntry *bilateralKernel = static_cast<KernelEntry *>(
+            std::malloc(std::max<size_t>(capacity, 1) * sizeof(KernelEntry)));
+        if (bilateralKernel == nullptr) {
+            std::fprintf(stderr, "levelPass: cannot allocate a kernel buffer of %zu entries\n",
+                         capacity);
+            std::abort();
+        }
+
+        if (a.bps == 8) {
+#pragma omp for schedule(dynamic, 1) nowait
+            for (int j = externalBorderSpace; j < a.jMax - externalBorderSpace; j++)
+                for (int i = externalBorderSpace; i < a.iMax - externalBorderSpace; i++)
+                    filterPixel8(a, i, j, externalBorderSpace, bilateralKernel);
+        } else {
+            // Kept: pixels closer than halfKernelSize to an edge are not written.
+#pragma omp for schedule(dynamic, 1) nowait
+            for (int j = a.halfKernelSize; j < a.jMax - a.halfKernelSize; j++)
+                for (int i = a.halfKernelSize; i < a.iMax - a.halfKernelSize; i++)
+                    filterPixel16(a, i, j, bilateralKernel);
+        }
+
+        if (!a.imageHasBorder) {
+            const int e = externalBorderSpace;
+            // Top and bottom strips, column by column.
+#pragma omp for schedule(dynamic, 1) nowait
+            for (int i = 0; i < a.iMax; i++) {
+                for (int j = 0; j < e; j++) filterEdgePixel(a, i, j, bilateralKernel);
+                for (int j = a.jMax - e; j < a.jMax; j++) filterEdgePixel(a, i, j, bilateralKernel);
+            }
+            // Left and right strips of the remaining rows.
+#pragma omp for schedule(dynamic, 1) nowait
+            for (int j = e; j < a.jMax - e; j++) {
+                for (int i = 0; i < e; i++) filterEdgePixel(a, i, j, bilateralKernel);
+                for (int i = a.iMax - e; i < a.iMax; i++) filterEdgePixel(a, i, j, bilateralKernel);
+            }
+        }
+
+        std::free(bilateralKernel);
+#pragma omp barrier
+        // Every member calls the smoothing, which shares its rows among them.
+        if (a.level > 0) smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
+#pragma omp barrier
+    }
+}
+
+}  // namespace lumora
