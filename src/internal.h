@@ -79,6 +79,16 @@ constexpr int LOG_LUT_ENTRIES = 65536;
 constexpr int RGBE_EXP_LUT_ENTRIES = 256;
 
 // ---------------------------------------------------------------------------
+// Implementation switch
+
+// The hot loops exist twice: the plain per-pixel code, which reads like the
+// algorithm and is the reference, and a vectorised fast path that gives the
+// same bytes. The fast path runs by default; tests and benchmarks set this to
+// run the plain one. It is not a configuration: the library reads nothing but
+// its arguments.
+inline bool usePlainPath = false;
+
+// ---------------------------------------------------------------------------
 // Diagnostics (diagnostics.cpp)
 
 // Compile-time trace switches. debugMain gates the commentary that every
