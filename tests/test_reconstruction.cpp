@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "internal.h"
+#include "test_support.h"
+
+using namespace lumora;
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+// Hand-made towers and weight planes of kMax images, w x h, for reconstruct().
+// Tower and detail index k * 2 + lev; tower[k * 2 + 1] is image k's base.
+struct Scene {
+    std::vector<Bytes> tower, diff;
+    Bytes poids, images, fused, res;
+    std::vector<float> sharpLUT = std::vector<float>(129, 0.0f);
+    float coeff[256] = {};
+    ReconstructionArgs a{};
+
+    Scene(int w, int h, int k, int bpsOut = 8, int rowOut = 0) {
+        const size_t n = (size_t)w * h * 3;
+        tower.assign(2 * k, Bytes(n, 0));
+        diff.assign(2 * k, Bytes(n, 128));
+        poids.assign((size_t)w * h * 3 * k, 0);
+        images.assign(n * k, 0);
+        fused.assign(n, 0);
+        rowOut = rowOut ? rowOut : w * 3;
+        res.assign((size_t)rowOut * h * bpsOut / 8, 0xAB);
+        a = ReconstructionArgs{(size_t)w * 3, n, (size_t)w * h, nullptr, nullptr, nullptr,
+                               nullptr, nullptr, nullptr, nullptr, coeff, nullptr, 2, 1,
+                               bpsOut / 8, 128, 0.0f, 0.0f /* no HSL round trip */, k, h, w,
+                               3, 8, 8, bpsOut, 1, rowOut, 0, 0, 0};
+    }
+    // Base value of every sample of image k, and its weight byte on every level.
+    void fill(int k, unsigned char base, unsigned char weight) {
+        std::fill(tower[k * 2 + 1].begin(), tower[k * 2 + 1].end(), base);
+        const size_t plane = poids.size() / (3 * a.kMax);
+        for (int lev = 0; lev <= 2; lev++)
+            std::memset(&poids[(lev * a.kMax + k) * plane], weight, plane);
+    }
+    void run(int nbProc) {
+        std::vector<unsigned char *> t, d;
+        for (auto &v : tower) t.push_back(v.data());
+        for (auto &v : diff) d.push_back(v.data());
+        a.resImage = res.data();
+        a.outputImageTower = t.data();
+        a.outputImageDiffTower = d.data();
+        a.poidsBuffer = poids.data();
+        a.imagesBuffer = images.data();
+        a.fusedResult = fused.data();
+        a.sharpLUT = sharpLUT.data();
+        reconstruct(nbProc, a);
+    }
+    unsigned short res16(size_t sample) const {
+        unsigned short v;
+        std::memcpy(&v, &res[2 * sample], 2);
+        return v;
+    }
+};
+
+}  // namespace
+
+TEST(Reconstruction, NeutralDetailAddsNothingAndTheWeightedSumIsTruncated) {
+    Scene s(4, 3, 2);
+    s.fill(0, 100, 255);
+    s.fill(1, 60, 0);
+    s.a.sharpnessFactor = 0.4f;
+    s.sharpLUT.assign(129, 0.4f);
+    s.run(1);
+    for (unsigned char v : s.res) EXPECT_EQ(v, 100);
+    s.fill(0, 100, 128);  // 100 * 128 / 255 = 50.2
+    s.run(1);
+    EXPECT_EQ(s.res[0], 50);
+}
+
+TEST(Reconstruction, DetailByteZeroIsSharpenedOnlyWithPositiveSharpness) {
+    Scene s(2, 2, 1);
+    s.fill(0, 200, 255);
+    std::fill(s.diff[1].begin(), s.diff[1].end(), 0);  // level 1: -128
+    s.sharpLUT[128] = 0.5f;
+    s.a.sharpnessFactor = 0.4f;
+    s.run(1);
+    EXPECT_EQ(s.res[0], 200 - 192);  // -128 * (1 + 0.5)
+    s.a.sharpnessFactor = 0.0f;
+    s.run(1);
+    EXPECT_EQ(s.res[0], 200 - 128);
+}
+
+TEST(Reconstruction, ClampsBeforeTruncatingIn8And16Bits) {
+    // Samples of -3.7, 300 and 100: details -1 * (1 + 2.7), +45 and 0.
+    for (int bpsOut : {8, 16}) {
+        Scene s(1, 1, 1, bpsOut);
+        s.fill(0, 0, 255);
+        s.tower[1] = {0, 255, 100};
+        s.diff[0] = {127, 128 + 45, 128};
+        s.sharpLUT[1] = 2.7f;
+        s.a.sharpnessFactor = 1.0f;
+        s.run(1);
+        if (bpsOut == 8) {
+            EXPECT_EQ(s.res, (Bytes{0, 255, 100}));
+        } else {
+            EXPECT_EQ(s.res16(0), 0);
+            EXPECT_EQ(s.res16(1), 65535);  // 76800 clamped
+            EXPECT_EQ(s.res16(2), 25600);
+        }
+    }
+}
+
+TEST(Reconstruction, RowOutCountsSamplesAndRgb2bgrSwapsRedAndBlue) {
+    Scene s(2, 2, 1, 16, /*rowOut=*/8);
+    s.fill(0, 0, 255);
+    for (size_t i = 0; i < s.tower[1].size(); i++) s.tower[1][i] = 10 * (1 + i % 3);
+    s.a.rgb2bgr = 1;
+    s.run(2);
+    for (size_t row : {0, 8}) {
+        for (size_t px : {0, 3}) {
+            EXPECT_EQ(s.res16(row + px), 30 * 256);
+            EXPECT_EQ(s.res16(row + px + 1), 20 * 256);
+            EXPECT_EQ(s.res16(row + px + 2), 10 * 256);
+        }
+        EXPECT_EQ(s.res16(row + 6), 0xABAB);  // beyond the row: untouched
+        EXPECT_EQ(s.res16(row + 7), 0xABAB);
+    }
+}
+
+TEST(Reconstruction, DarkImageWeightDropsToThreeQuartersAtSmoothedLuminance50) {
+    Scene s(3, 2, 2);
+    s.a.fusionPreserveHighlights = 1;
+    s.a.darkMergeThreshold = 0;  // influence 10: factor1 stays 1
+    std::fill(s.fused.begin(), s.fused.end(), 200);
+    std::fill(s.images.begin(), s.images.end(), 50);
+    for (auto &t : s.tower) t.assign(t.size(), 50);
+    s.fill(0, 200, 102);  // weights 0.4 and 0.4
+    s.fill(1, 50, 102);
+    s.run(2);
+    const float w = 102 / 255.0f;
+    const float p0 = w / (w + w * 0.75f);
+    const float p1 = w * 0.75f / (w * 0.75f + p0);
+    for (unsigned char v : s.res) EXPECT_EQ(v, (int)(200 * p0 + 50 * p1));
+
+    // Smoothed luminance 100 keeps the dark weight; only the renormalisation.
+    std::fill(s.images.begin(), s.images.end(), 100);
+    s.tower[2].assign(s.tower[2].size(), 100);
+    s.fill(1, 100, 102);
+    s.run(1);
+    EXPECT_EQ(s.res[0], (int)(200 * 0.5f + 100 * (w / (w + 0.5f))));
+}
+
+TEST(Reconstruction, SameBytesForEveryTeamSizeIncludingMoreThreadsThanRows) {
+    const int w = 5, h = 3;
+    Scene s(w, h, 3);
+    for (int e = 0; e < 6; e++) {
+        s.tower[e] = testsupport::randomImage(w, h, 3, 10 + e);
+        s.diff[e] = testsupport::randomImage(w, h, 3, 20 + e);
+    }
+    s.poids = testsupport::randomImage(w, h * 9, 1, 7);
+    for (auto &v : s.poids) v /= 3;
+    s.a.sharpnessFactor = 0.4f;
+    for (int i = 0; i <= 128; i++) s.sharpLUT[i] = 0.4f / (1 + i);
+    s.run(1);
+    const Bytes one = s.res;
+    for (int n : {2, 4, 7}) {
+        s.res.assign(s.res.size(), 0xAB);
+        s.run(n);
+        EXPECT_EQ(s.res, one) << n << " threads";
+    }
+}
+
+TEST(ReconstructionDeathTest, BadWeightsAbortWithTheirReports) {
+    Scene depth(1, 1, 1);
+    depth.a.bitDepthPoids = 16;
+    EXPECT_DEATH(depth.run(1), "hx_fusion2: Assertion `bitDepthPoids == 8' failed");
+
+    Scene zero(2, 1, 2);  // highlight mode, both weights 0
+    zero.a.fusionPreserveHighlights = 1;
+    EXPECT_DEATH(zero.run(1),
+                 "i=0 j=0 factor1=1.000000 factor2=0.000000 luminance1=0 luminance2=0");
+
+    // A black dark image gets factor 0 and the fused image had no weight: 0 / 0.
+    Scene nan(2, 1, 2);
+    nan.a.fusionPreserveHighlights = 1;
+    nan.fill(1, 0, 255);
+    EXPECT_DEATH(nan.run(1), "poidsLev\\[0\\]=-?nan\npoidsLev\\[1\\]=-?nan");
+}
