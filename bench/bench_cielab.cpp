@@ -1,17 +1,24 @@
 // Cost of one full fill of the RGB-to-CIELab table, as every fusion call
-// pays it, for one and two threads.
+// pays it: plain and fast path, one and two threads.
 #include <benchmark/benchmark.h>
 
 #include "internal.h"
 
-static void BM_CIELabInit(benchmark::State &state) {
+static void fill(benchmark::State &state, bool plain) {
     // Allocate outside the timing, so every timed call is a pure refill.
     if (lumora::labLUT == nullptr) lumora::CIELab_Init(1);
+    lumora::usePlainPath = plain;
     for (auto _ : state) {
         lumora::CIELab_Init((int)state.range(0));
         benchmark::DoNotOptimize(lumora::labLUT[255][255][255]);
     }
+    if (!plain) state.counters["fallbacks"] = lumora::labFastFallbacks;
+    lumora::usePlainPath = false;
 }
-BENCHMARK(BM_CIELabInit)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+static void BM_CIELabInitPlain(benchmark::State &state) { fill(state, true); }
+static void BM_CIELabInitFast(benchmark::State &state) { fill(state, false); }
+BENCHMARK(BM_CIELabInitPlain)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_CIELabInitFast)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_MAIN();

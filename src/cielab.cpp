@@ -10,6 +10,7 @@
 namespace lumora {
 
 LABData ***labLUT = nullptr;
+int labFastFallbacks = 0;
 
 // Linear RGB to XYZ; each row sums to the matching component of the white.
 const double rgb_xyz[3][3] = {
@@ -48,17 +49,32 @@ void make_CIELAB_lookup_table(int nbProc) {
     }
     // Deliberate: refilled in full on every call, with identical values. Each
     // thread owns a contiguous block of red planes.
+    if (usePlainPath) {
 #pragma omp parallel num_threads(nbProc)
+        {
+            int rBegin, rEnd;
+            staticBlock(256, omp_get_thread_num(), omp_get_num_threads(), &rBegin, &rEnd);
+            for (int r = rBegin; r < rEnd; r++)
+                for (int g = 0; g < 256; g++)
+                    for (int b = 0; b < 256; b++) {
+                        LABData *entry = &labLUT[r][g][b];
+                        Point_RGB_to_CIELab(r, g, b, &entry->l, &entry->a, &entry->b);
+                    }
+        }
+        return;
+    }
+    // Same entries, a block of 256 blues at a time (cielab_fast.cpp).
+    LabFillTables tables;
+    makeLabFillTables(&tables);
+    int fallbacks = 0;
+#pragma omp parallel num_threads(nbProc) reduction(+ : fallbacks)
     {
         int rBegin, rEnd;
         staticBlock(256, omp_get_thread_num(), omp_get_num_threads(), &rBegin, &rEnd);
         for (int r = rBegin; r < rEnd; r++)
-            for (int g = 0; g < 256; g++)
-                for (int b = 0; b < 256; b++) {
-                    LABData *entry = &labLUT[r][g][b];
-                    Point_RGB_to_CIELab(r, g, b, &entry->l, &entry->a, &entry->b);
-                }
+            for (int g = 0; g < 256; g++) fallbacks += fillLabBlockFast(r, g, tables, labLUT[r][g]);
     }
+    labFastFallbacks = fallbacks;
 }
 
 void Point_RGB_to_CIELab(int rR, int gG, int bB, float *L, float *A, float *B) {
