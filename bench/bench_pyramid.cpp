@@ -1,5 +1,7 @@
 // Two-level pyramid on a one-megapixel picture with the fusion driver's
-// parameters for that size, as an RGB image and as a one-sample plane.
+// parameters for that size, as an RGB image and as a one-sample plane, on
+// the plain per-pixel path and on the vectorised one (labelled with the
+// instruction set it dispatched to).
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -36,6 +38,7 @@ std::vector<unsigned char> syntheticImage(int spp) {
 void BM_Pyramid(benchmark::State &state) {
     const int spp = (int)state.range(0);
     const int nbProc = (int)state.range(1);
+    const bool fast = state.range(2) != 0;
     std::vector<unsigned char> in = syntheticImage(spp);
     std::vector<std::vector<unsigned char>> tower(kLevels, std::vector<unsigned char>(in.size()));
     std::vector<std::vector<unsigned char>> diffs(kLevels, std::vector<unsigned char>(in.size()));
@@ -46,6 +49,7 @@ void BM_Pyramid(benchmark::State &state) {
     const float factorMult = sqrtf((float)imgSize) / 56.56854248046875f * 10.0f;
     const float mult = std::max(1.0f, 5.0f * factorMult);
 
+    lumora::usePlainPath = !fast;
     for (auto _ : state) {
         srand(0);
         const int r = lumora::fusion2a(nbProc, kLevels, 7.0f, mult, 0.2f, 0.2f, 0, kSide, kSide,
@@ -53,15 +57,14 @@ void BM_Pyramid(benchmark::State &state) {
                                        nullptr, diffPtrs, towerPtrs, nullptr);
         benchmark::DoNotOptimize(r);
     }
+    lumora::usePlainPath = false;
     state.SetItemsProcessed(state.iterations() * (int64_t)kSide * kSide);
+    state.SetLabel(fast ? lumora::fastPathTargetName() : "plain");
 }
 
 BENCHMARK(BM_Pyramid)
-    ->ArgNames({"spp", "threads"})
-    ->Args({3, 1})
-    ->Args({3, 2})
-    ->Args({1, 1})
-    ->Args({1, 2})
+    ->ArgNames({"spp", "threads", "fast"})
+    ->ArgsProduct({{3, 1}, {1, 2}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 

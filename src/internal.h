@@ -246,6 +246,21 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
              unsigned char **outImageTower, unsigned char *outImage);
 
 // ---------------------------------------------------------------------------
+// Fast path (fast_filter.cpp)
+
+// The 8-bit level pass of an image with its border built in, vectorised
+// across neighbouring pixels of a row, with the plain pass's bytes. Returns
+// false, having written nothing, when it does not cover the case or cannot
+// get its working memory; the caller then runs the plain pass.
+bool fastLevelPass(int nbProc, const LevelPassArgs &args);
+// One interior row j of the 8-bit 3x3 smoothing (rows j-1, j, j+1 in, row j
+// out), with the plain row's bytes.
+void smoothRow8Fast(const unsigned char *prev, const unsigned char *cur,
+                    const unsigned char *next, unsigned char *out, int rowStride, int spp);
+// The instruction set the fast path runs on ("AVX3", "AVX2", ...).
+const char *fastPathTargetName();
+
+// ---------------------------------------------------------------------------
 // Exposure weights (exposure_weights.cpp)
 
 void buildErrorCoefficients(float invSigmaWeighting, float *coeffErreur,

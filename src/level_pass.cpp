@@ -119,6 +119,7 @@ void filterEdgePixel(const LevelPassArgs &a, int i, int j, KernelEntry *bilatera
 }  // namespace
 
 void levelPass(int nbProc, const LevelPassArgs &a) {
+    if (!usePlainPath && a.bps == 8 && a.imageHasBorder && fastLevelPass(nbProc, a)) return;
 #pragma omp parallel num_threads(nbProc)
     {
         const int externalBorderSpace = a.imageHasBorder ? 0 : a.largestHalfKernelSize;

@@ -1,0 +1,557 @@
+// Vectorised 8-bit level pass and 3x3 smoothing rows.
+//
+// The lanes of a vector are neighbouring pixels of one row, never the
+// entries of one pixel's kernel: every lane runs the per-pixel arithmetic of
+// fusion2f and convolveFastSimple8 operation for operation (separate
+// multiplies and adds, sums in entry order, IEEE division, truncating
+// conversions), so each pixel gets the very bytes of the per-pixel code.
+// Pixels that do not fill a vector, at the end of a row, go through the
+// per-pixel code itself.
+//
+// So that an entry of neighbouring pixels lies in neighbouring memory, the
+// bordered working copy is split once per level into planes: one plane of
+// bytes per sample (a one-sample copy is its own plane) and, for filtered
+// colour levels, float planes of every pixel's L, A and B from the CIELab
+// table. Rows are filtered in blocks of pixels, entry by entry across the
+// block, so that the far-apart entries of the wide kernels read memory in
+// long runs.
+//
+// Compiled once per instruction set (Highway's foreach_target); the best one
+// the processor supports is chosen at run time.
+
+#ifndef LUMORA_FAST_FILTER_SHARED
+#define LUMORA_FAST_FILTER_SHARED
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal.h"
+
+namespace lumora {
+namespace fastpass {
+
+// What the bright map asks of a pixel.
+constexpr unsigned char CHOOSE_COPY = 0;
+constexpr unsigned char CHOOSE_NORMAL = 1;
+constexpr unsigned char CHOOSE_FINE = 2;
+
+// One sparse kernel addressed in the planes: entry e of the pixel whose
+// window origin is plane index p lies at p + offset[e].
+struct KernelPlan {
+    const ptrdiff_t *offset;
+    const float *factor;
+    int n;
+    int centre;
+};
+
+// What every row of one level's fast pass reads.
+struct Pass {
+    const LevelPassArgs *args;
+    const unsigned char *sample[3];  // one plane of bytes per sample
+    const float *lab[3];             // L, A, B planes (filtered colour levels)
+    size_t width;                    // pixels per row of the bordered copy
+    KernelPlan normal;
+    KernelPlan fine;
+    bool useMap;
+    int block;  // pixels filtered together, a multiple of the lane count
+};
+
+// One thread's working memory for a block of pixels.
+struct Scratch {
+    float *weights;          // entries x block bilateral weights
+    float *sums;             // block weight sums
+    float *acc;              // spp x block convolution sums
+    int32_t *resultNormal;   // spp x block truncated sums, normal kernel
+    int32_t *resultFine;     // likewise, fine kernel
+    unsigned char *choice;   // block kernel choices
+    unsigned char *need;     // 2 x block/lanes: vectors that need the normal / fine kernel
+    KernelEntry *kernel;     // the per-pixel code's kernel buffer
+};
+
+// The bright map's choice for pixel (i, j), as the plain pass makes it.
+inline unsigned char choiceOf(int bright, int i, int j) {
+    if (bright == 0) return CHOOSE_COPY;
+    if (bright < 10) return CHOOSE_NORMAL;
+    if (bright > 200) return CHOOSE_FINE;
+    int d = bright / 20;
+    if (d == 0) d = 1;
+    const int period = (int)((1.0 / d) * 20.0);
+    return (i + j) % period == 0 ? CHOOSE_FINE : CHOOSE_NORMAL;
+}
+
+// Pixel (i, j) through the per-pixel functions, exactly as the plain pass
+// treats an 8-bit pixel of a bordered image.
+inline void plainPixel(const Pass &p, int i, int j, KernelEntry *bilateralKernel) {
+    const LevelPassArgs &a = *p.args;
+    unsigned char *window = a.img->image + (size_t)j * a.extendedRowStride + (size_t)i * a.spp;
+    unsigned char *out = a.imgOutput + (size_t)j * a.rowStride + (size_t)i * a.spp;
+    if (a.levelGaussOnly) {
+        convolveFastSimple8(window, out, a.spp, a.extendedRowStride, a.logLut, a.unLogLut,
+                            a.numKernelEntries, a.spatialKernel);
+        return;
+    }
+    const int bright = p.useMap ? a.brightImage[(size_t)j * a.iMax + i] : 1;
+    const unsigned char choice = choiceOf(bright, i, j);
+    if (choice == CHOOSE_COPY) {
+        std::memcpy(out,
+                    window + (size_t)a.largestHalfKernelSize * a.extendedRowStride +
+                        (size_t)a.largestHalfKernelSize * a.spp,
+                    a.spp);
+        return;
+    }
+    const bool fine = choice == CHOOSE_FINE;
+    const int n = fine ? a.numFineKernelEntries : a.numKernelEntries;
+    KernelEntry *kernel = fine ? a.spatialKernelFine : a.spatialKernel;
+    fusion2f(a.iMax, a.jMax, a.filterSpp, a.filterBps, a.filterExtendedRowStride, a.filterImg,
+             a.expLut, a.logLut, a.rgbeExpLut, i, j, a.largestPhysicalKernelSize,
+             a.rangeKernelSigma, n, kernel, bilateralKernel);
+    convolveFastSimple8(window, out, a.spp, a.extendedRowStride, a.logLut, a.unLogLut, n,
+                        bilateralKernel);
+}
+
+// Rows [r0, r1) of the bordered colour copy into the planes. The two zero
+// rows of slack after the copy are converted too: the per-pixel code can
+// read them on small images, and it reads bytes 0, 0, 0 there, so the planes
+// hold 0 and labLUT[0][0][0].
+inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
+                        size_t width, int r0, int r1) {
+    for (size_t px = (size_t)r0 * width; px < (size_t)r1 * width; px++) {
+        const unsigned char *q = a.img->image + px * 3;
+        sample[0][px] = q[0];
+        sample[1][px] = q[1];
+        sample[2][px] = q[2];
+        if (lab[0] != nullptr) {
+            const LABData &v = labLUT[q[0]][q[1]][q[2]];
+            lab[0][px] = v.l;
+            lab[1][px] = v.a;
+            lab[2][px] = v.b;
+        }
+    }
+}
+
+}  // namespace fastpass
+}  // namespace lumora
+
+#endif  // LUMORA_FAST_FILTER_SHARED
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "fast_filter.cpp"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+HWY_BEFORE_NAMESPACE();
+namespace lumora {
+namespace fastpass {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+using DF = hn::ScalableTag<float>;
+using DI = hn::RebindToSigned<DF>;
+
+size_t FloatLanes() { return hn::Lanes(DF()); }
+
+const char *TargetName() { return hwy::TargetName(HWY_TARGET); }
+
+// A vector of bytes from a sample plane, as floats (exactly).
+HWY_INLINE hn::Vec<DF> LoadSamples(const unsigned char *p) {
+    const hn::Rebind<uint8_t, DF> d8;
+    return hn::ConvertTo(DF(), hn::PromoteTo(DI(), hn::LoadU(d8, p)));
+}
+
+// Within a block the loops run entry by entry and, for each entry, over the
+// block's vectors: every plane row is then read in long contiguous runs. Each
+// lane still sees its own entries in kernel order, so its sums are the
+// per-pixel code's. `need` marks the vectors to compute (null: all).
+
+// Unnormalised bilateral weights (entry-major, block wide) and their sums.
+// Colour images weigh by the squared Lab distance to the centre entry,
+// clamped to the table; one-sample images by the brightness difference,
+// where brightness is the spatial weight plus the sample (the per-pixel code
+// starts its sum from the copied weight, and dividing by one sample changes
+// nothing).
+template <int SPP>
+HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
+                             const unsigned char *need, const Scratch &s) {
+    const DF df;
+    const DI di;
+    const size_t N = hn::Lanes(df);
+    const size_t B = (size_t)p.block;
+    const float *expLut = p.args->expLut;
+    float *HWY_RESTRICT w = s.weights;
+    float *HWY_RESTRICT sums = s.sums;
+    for (size_t x = 0; x < nv * N; x += N) hn::StoreU(hn::Zero(df), df, sums + x);
+    const ptrdiff_t c = k.offset[k.centre];
+    if constexpr (SPP == 3) {
+        const float *L = p.lab[0] + base;
+        const float *A = p.lab[1] + base;
+        const float *Bp = p.lab[2] + base;
+        const auto limit = hn::Set(df, 20000.0f);
+        const auto lastEntry = hn::Set(df, 19999.0f);
+        for (int e = 0; e < k.n; e++) {
+            const ptrdiff_t o = k.offset[e];
+            const auto spatial = hn::Set(df, k.factor[e]);
+            for (size_t v = 0, x = 0; v < nv; v++, x += N) {
+                if (need != nullptr && !need[v]) continue;
+                const auto dL = hn::Sub(hn::LoadU(df, L + o + x), hn::LoadU(df, L + c + x));
+                const auto dA = hn::Sub(hn::LoadU(df, A + o + x), hn::LoadU(df, A + c + x));
+                const auto dB = hn::Sub(hn::LoadU(df, Bp + o + x), hn::LoadU(df, Bp + c + x));
+                // No fused multiply-add: each square is rounded, L and A first.
+                auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
+                dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
+                const auto range = hn::GatherIndex(df, expLut, hn::ConvertTo(di, dist));
+                const auto weight = hn::Mul(spatial, range);
+                hn::StoreU(weight, df, w + e * B + x);
+                hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
+            }
+        }
+    } else {
+        const unsigned char *S = p.sample[0] + base;
+        const auto centreSpatial = hn::Set(df, k.factor[k.centre]);
+        for (int e = 0; e < k.n; e++) {
+            const ptrdiff_t o = k.offset[e];
+            const auto spatial = hn::Set(df, k.factor[e]);
+            for (size_t v = 0, x = 0; v < nv; v++, x += N) {
+                if (need != nullptr && !need[v]) continue;
+                const auto centre = hn::Add(centreSpatial, LoadSamples(S + c + x));
+                const auto bright = hn::Add(spatial, LoadSamples(S + o + x));
+                const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centre)));
+                const auto weight = hn::Mul(spatial, hn::GatherIndex(df, expLut, index));
+                hn::StoreU(weight, df, w + e * B + x);
+                hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
+            }
+        }
+    }
+}
+
+// Convolution of the block's windows, per sample a single-precision sum in
+// entry order, truncated to int into result[sample * block + pixel]. When
+// gauss is set the weights are the kernel's own; otherwise they are the
+// range weights, divided by their sum wherever the truncated sum is non-zero
+// (the per-pixel test |(int)sum| > 1e-5, i.e. |sum| >= 1).
+template <int SPP>
+HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
+                         const unsigned char *need, bool gauss, const Scratch &s,
+                         int32_t *HWY_RESTRICT result) {
+    const DF df;
+    const DI di;
+    const size_t N = hn::Lanes(df);
+    const size_t B = (size_t)p.block;
+    const float *HWY_RESTRICT w = s.weights;
+    const float *HWY_RESTRICT sums = s.sums;
+    float *HWY_RESTRICT acc = s.acc;
+    const auto one = hn::Set(df, 1.0f);
+    for (size_t x = 0; x < SPP * B; x += N) hn::StoreU(hn::Zero(df), df, acc + x);
+    const unsigned char *S0 = p.sample[0] + base;
+    const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + base;
+    const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + base;
+    for (int e = 0; e < k.n; e++) {
+        const ptrdiff_t o = k.offset[e];
+        const auto spatial = hn::Set(df, k.factor[e]);
+        for (size_t v = 0, x = 0; v < nv; v++, x += N) {
+            if (need != nullptr && !need[v]) continue;
+            auto weight = spatial;
+            if (!gauss) {
+                const auto sum = hn::LoadU(df, sums + x);
+                weight = hn::LoadU(df, w + e * B + x);
+                weight = hn::IfThenElse(hn::Ge(hn::Abs(sum), one), hn::Div(weight, sum), weight);
+            }
+            hn::StoreU(hn::Add(hn::LoadU(df, acc + x), hn::Mul(LoadSamples(S0 + o + x), weight)),
+                       df, acc + x);
+            if constexpr (SPP == 3) {
+                hn::StoreU(hn::Add(hn::LoadU(df, acc + B + x),
+                                   hn::Mul(LoadSamples(S1 + o + x), weight)),
+                           df, acc + B + x);
+                hn::StoreU(hn::Add(hn::LoadU(df, acc + 2 * B + x),
+                                   hn::Mul(LoadSamples(S2 + o + x), weight)),
+                           df, acc + 2 * B + x);
+            }
+        }
+    }
+    for (int q = 0; q < SPP; q++)
+        for (size_t x = 0; x < nv * N; x += N)
+            hn::StoreU(hn::ConvertTo(di, hn::LoadU(df, acc + q * B + x)), di, result + q * B + x);
+}
+
+template <int SPP>
+void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
+    const LevelPassArgs &a = *p.args;
+    const size_t N = hn::Lanes(DF());
+    const int B = p.block;
+    unsigned char *outRow = a.imgOutput + (size_t)j * a.rowStride;
+    const size_t rowBase = (size_t)j * p.width;
+    const int covered = a.iMax / (int)N * (int)N;  // pixels in whole vectors
+    unsigned char *needNormal = s.need;
+    unsigned char *needFine = s.need + B / N;
+    for (int i0 = 0; i0 < covered; i0 += B) {
+        const int count = std::min(B, covered - i0);
+        const size_t nv = (size_t)count / N;
+        const size_t base = rowBase + (size_t)i0;
+        unsigned char *out = outRow + (size_t)i0 * SPP;
+        bool anyNormal = true;
+        bool anyFine = false;
+        if (a.levelGaussOnly) {
+            Convolve<SPP>(p, p.normal, base, nv, nullptr, true, s, s.resultNormal);
+        } else {
+            if (p.useMap) {
+                const unsigned char *bright = a.brightImage + (size_t)j * a.iMax + i0;
+                anyNormal = false;
+                for (size_t v = 0; v < nv; v++) {
+                    needNormal[v] = needFine[v] = 0;
+                    for (size_t lane = v * N; lane < (v + 1) * N; lane++) {
+                        s.choice[lane] = choiceOf(bright[lane], i0 + (int)lane, j);
+                        needNormal[v] |= s.choice[lane] == CHOOSE_NORMAL;
+                        needFine[v] |= s.choice[lane] == CHOOSE_FINE;
+                    }
+                    anyNormal |= needNormal[v] != 0;
+                    anyFine |= needFine[v] != 0;
+                }
+            }
+            if (anyNormal) {
+                const unsigned char *need = p.useMap ? needNormal : nullptr;
+                RangeWeights<SPP>(p, p.normal, base, nv, need, s);
+                Convolve<SPP>(p, p.normal, base, nv, need, false, s, s.resultNormal);
+            }
+            if (anyFine) {
+                RangeWeights<SPP>(p, p.fine, base, nv, needFine, s);
+                Convolve<SPP>(p, p.fine, base, nv, needFine, false, s, s.resultFine);
+            }
+        }
+        for (int px = 0; px < count; px++) {
+            const unsigned char choice = p.useMap ? s.choice[px] : CHOOSE_NORMAL;
+            unsigned char *o = out + (size_t)px * SPP;
+            if (choice == CHOOSE_COPY) {
+                // The per-pixel code's copy: window origin moved by the
+                // larger half kernel in both directions.
+                const unsigned char *self =
+                    a.img->image + (size_t)(j + a.largestHalfKernelSize) * a.extendedRowStride +
+                    (size_t)(i0 + px + a.largestHalfKernelSize) * SPP;
+                std::memcpy(o, self, SPP);
+                continue;
+            }
+            // Low 8 bits of the truncated sum, no clamping, as the per-pixel
+            // store does (a white area whose weights sum above 1 wraps).
+            const int32_t *result = choice == CHOOSE_FINE ? s.resultFine : s.resultNormal;
+            for (int q = 0; q < SPP; q++) o[q] = (unsigned char)result[q * B + px];
+        }
+    }
+    for (int i = covered; i < a.iMax; i++) plainPixel(p, i, j, s.kernel);
+}
+
+void FilterRow(const Pass &p, int j, const Scratch &s) {
+    if (p.args->spp == 3)
+        FilterRowSpp<3>(p, j, s);
+    else
+        FilterRowSpp<1>(p, j, s);
+}
+
+// One interior row of the 8-bit 3x3 smoothing. The nine-sample sums (at
+// most 9 * 255 = 2295) fit 16 bits, and (sum * 7282) >> 16 equals sum / 9
+// for every sum up to 2295 (checked below at compile time), so the
+// truncating division is exact in 16-bit lanes.
+void SmoothRow8(const unsigned char *prev, const unsigned char *cur, const unsigned char *next,
+                unsigned char *out, int rowStride, int spp) {
+    const hn::ScalableTag<uint16_t> d16;
+    const hn::Rebind<uint8_t, decltype(d16)> d8;
+    const hn::Rebind<int16_t, decltype(d16)> di16;
+    const int N = (int)hn::Lanes(d16);
+    const auto reciprocal = hn::Set(d16, 7282);
+    const int end = rowStride - spp;  // first sample of the last pixel
+    for (int i = 0; i < std::min(spp, rowStride); i++) out[i] = cur[i];
+    int i = spp;
+    for (; i + N <= end; i += N) {
+        auto sum = hn::Add(hn::PromoteTo(d16, hn::LoadU(d8, prev + i - spp)),
+                           hn::PromoteTo(d16, hn::LoadU(d8, prev + i)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, prev + i + spp)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, cur + i - spp)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, cur + i)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, cur + i + spp)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, next + i - spp)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, next + i)));
+        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, next + i + spp)));
+        const auto mean = hn::MulHigh(sum, reciprocal);
+        hn::StoreU(hn::DemoteTo(d8, hn::BitCast(di16, mean)), d8, out + i);
+    }
+    for (; i < end; i++) {
+        const int sum = prev[i - spp] + prev[i] + prev[i + spp] + cur[i - spp] + cur[i] +
+                        cur[i + spp] + next[i - spp] + next[i] + next[i + spp];
+        out[i] = (unsigned char)(sum / 9);
+    }
+    for (int k = std::max(spp, end); k < rowStride; k++) out[k] = cur[k];
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace fastpass
+}  // namespace lumora
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace lumora {
+namespace fastpass {
+
+HWY_EXPORT(FloatLanes);
+HWY_EXPORT(TargetName);
+HWY_EXPORT(FilterRow);
+HWY_EXPORT(SmoothRow8);
+
+// Bytes of bilateral weights one block of pixels keeps: a block's plane
+// reads stay in long runs while its weights stay in the second-level cache.
+constexpr size_t BLOCK_WEIGHT_BYTES = 128 * 1024;
+
+constexpr bool reciprocalIsExact() {
+    for (unsigned sum = 0; sum <= 9 * 255; sum++)
+        if (((sum * 7282u) >> 16) != sum / 9) return false;
+    return true;
+}
+static_assert(reciprocalIsExact(), "the 16-bit reciprocal of 9 must divide exactly");
+
+}  // namespace fastpass
+
+const char *fastPathTargetName() { return HWY_DYNAMIC_DISPATCH(fastpass::TargetName)(); }
+
+void smoothRow8Fast(const unsigned char *prev, const unsigned char *cur,
+                    const unsigned char *next, unsigned char *out, int rowStride, int spp) {
+    HWY_DYNAMIC_DISPATCH(fastpass::SmoothRow8)(prev, cur, next, out, rowStride, spp);
+}
+
+bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
+    using namespace fastpass;
+    // Covered: 8-bit one- and three-sample images with their border built
+    // in, guided by themselves. The debug dump of fusion2f stays with the
+    // per-pixel code.
+    if (a.bps != 8 || !a.imageHasBorder || !a.img->mainImageHasBorders || dbgTestImage)
+        return false;
+    if (a.spp != 1 && a.spp != 3) return false;
+    if (a.filterImg != a.img || a.filterSpp != a.spp || a.filterBps != a.bps ||
+        a.filterExtendedRowStride != a.extendedRowStride)
+        return false;
+    if (a.iMax <= 0 || a.jMax <= 0 || a.extendedRowStride % a.spp != 0) return false;
+    const bool lab = !a.levelGaussOnly && a.spp == 3;
+    if (lab && labLUT == nullptr) return false;
+    const bool useMap = !a.levelGaussOnly && a.level != 1 && a.brightImage != nullptr;
+    if (a.numKernelEntries < 1 || (useMap && a.numFineKernelEntries < 1)) return false;
+
+    // Choose the instruction set first: the lane count and the row function
+    // must come from the same one.
+    const size_t N = HWY_DYNAMIC_DISPATCH(FloatLanes)();
+    const auto filterRow = HWY_DYNAMIC_DISPATCH(FilterRow);
+
+    const size_t width = (size_t)(a.extendedRowStride / a.spp);
+    // The copy's rows plus the two rows of slack createOutsideImageBorders
+    // leaves after them.
+    const int rows = a.jMax + 2 * a.img->borderWidth + 2;
+    const size_t planeSize = width * (size_t)rows;
+    const int nNormal = a.numKernelEntries;
+    const int nFine = useMap ? a.numFineKernelEntries : 0;
+    const int nMax = std::max(std::max(nNormal, nFine), 1);
+    const int team = std::max(nbProc, 1);
+    const size_t kernelCapacity =
+        (size_t)std::max(std::max(a.numKernelEntries, a.numFineKernelEntries), 1);
+    // Pixels per block: as many whole vectors as keep one block's weights
+    // within BLOCK_WEIGHT_BYTES, at most 64 vectors.
+    const size_t vectors =
+        std::clamp<size_t>(BLOCK_WEIGHT_BYTES / (nMax * N * sizeof(float)), 1, 64);
+    const size_t block = vectors * N;
+    // Per thread, each piece rounded up to 64 bytes: weights, sums,
+    // convolution sums, two result blocks, choices and the two need lists.
+    const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
+    const size_t pieces[7] = {round64(nMax * block * sizeof(float)),
+                              round64(block * sizeof(float)),
+                              round64(a.spp * block * sizeof(float)),
+                              round64(a.spp * block * sizeof(int32_t)),
+                              round64(a.spp * block * sizeof(int32_t)),
+                              round64(block),
+                              round64(2 * vectors)};
+    size_t threadBytes = 0;
+    for (size_t piece : pieces) threadBytes += piece;
+
+    bool done = false;
+    // A one-sample copy is its own sample plane; a colour copy is split
+    // into three, plus L, A and B when its level is filtered.
+    unsigned char *samples = nullptr;
+    float *labPlanes = nullptr;
+    if (a.spp == 3) samples = static_cast<unsigned char *>(std::malloc(planeSize * 3));
+    if (lab) labPlanes = static_cast<float *>(std::malloc(planeSize * 3 * sizeof(float)));
+    ptrdiff_t *offsets =
+        static_cast<ptrdiff_t *>(std::malloc((size_t)(nNormal + nFine + 1) * sizeof(ptrdiff_t)));
+    float *factors =
+        static_cast<float *>(std::malloc((size_t)(nNormal + nFine + 1) * sizeof(float)));
+    unsigned char *scratch = static_cast<unsigned char *>(std::malloc(threadBytes * team));
+    KernelEntry *kernels =
+        static_cast<KernelEntry *>(std::malloc(kernelCapacity * team * sizeof(KernelEntry)));
+    if ((a.spp == 3 && samples == nullptr) || (lab && labPlanes == nullptr) || offsets == nullptr ||
+        factors == nullptr || scratch == nullptr || kernels == nullptr)
+        goto cleanup;
+
+    {
+        Pass p;
+        p.args = &a;
+        unsigned char *sample[3] = {a.img->image, nullptr, nullptr};
+        float *labPlane[3] = {};
+        for (int q = 0; q < 3 && a.spp == 3; q++) sample[q] = samples + planeSize * q;
+        for (int q = 0; q < 3 && lab; q++) labPlane[q] = labPlanes + planeSize * q;
+        for (int q = 0; q < 3; q++) {
+            p.sample[q] = sample[q];
+            p.lab[q] = labPlane[q];
+        }
+        p.width = width;
+        p.useMap = useMap;
+        p.block = (int)block;
+        const auto plan = [&](KernelPlan &k, const KernelEntry *kernel, int n, int first) {
+            for (int e = 0; e < n; e++) {
+                offsets[first + e] = (ptrdiff_t)kernel[e].ypos * (ptrdiff_t)width + kernel[e].xpos;
+                factors[first + e] = kernel[e].factor;
+            }
+            k = {offsets + first, factors + first, n, n / 2};
+        };
+        plan(p.normal, a.spatialKernel, nNormal, 0);
+        plan(p.fine, a.spatialKernelFine, nFine, nNormal);
+
+#pragma omp parallel num_threads(nbProc)
+        {
+            const int t = omp_get_thread_num();
+            int r0, r1;
+            staticBlock(rows, t, omp_get_num_threads(), &r0, &r1);
+            if (a.spp == 3) convertRows(a, sample, labPlane, width, r0, r1);
+#pragma omp barrier
+            unsigned char *mine = scratch + threadBytes * t;
+            unsigned char *piece[7];
+            for (int q = 0; q < 7; q++) {
+                piece[q] = mine;
+                mine += pieces[q];
+            }
+            Scratch s;
+            s.weights = reinterpret_cast<float *>(piece[0]);
+            s.sums = reinterpret_cast<float *>(piece[1]);
+            s.acc = reinterpret_cast<float *>(piece[2]);
+            s.resultNormal = reinterpret_cast<int32_t *>(piece[3]);
+            s.resultFine = reinterpret_cast<int32_t *>(piece[4]);
+            s.choice = piece[5];
+            s.need = piece[6];
+            s.kernel = kernels + kernelCapacity * t;
+#pragma omp for schedule(dynamic, 1) nowait
+            for (int j = 0; j < a.jMax; j++) filterRow(p, j, s);
+#pragma omp barrier
+            // Every member calls the smoothing, which shares its rows among them.
+            if (a.level > 0) smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
+#pragma omp barrier
+        }
+    }
+    done = true;
+
+cleanup:
+    std::free(samples);
+    std::free(labPlanes);
+    std::free(offsets);
+    std::free(factors);
+    std::free(scratch);
+    std::free(kernels);
+    return done;
+}
+
+}  // namespace lumora
+#endif  // HWY_ONCE
