@@ -13,13 +13,19 @@ int proposedLevelFactorImplCalls = 0;
 
 namespace {
 
-// A window coordinate pair is on the grid when both distances from the
-// centre are multiples of the spacing and less than A spacings away.
-bool onGrid(int i, int j, int offset, int levelFactor, int A) {
-    const int dx = std::abs(i - offset);
-    const int dy = std::abs(j - offset);
-    return dx % levelFactor == 0 && dy % levelFactor == 0 && dx / levelFactor < A &&
-           dy / levelFactor < A;
+// A window coordinate is on the grid when its distance from the centre is a
+// multiple of the spacing and less than A spacings. A point is on the grid
+// when both of its coordinates are, so the grid is one axis times itself:
+// the scans below visit one axis (O(size)) instead of the whole window.
+bool onAxis(int i, int offset, int levelFactor, int A) {
+    const int d = std::abs(i - offset);
+    return d % levelFactor == 0 && d / levelFactor < A;
+}
+
+int axisCount(int size, int levelFactor, int A) {
+    int n = 0;
+    for (int i = 0; i < size; i++) n += onAxis(i, size / 2, levelFactor, A);
+    return n;
 }
 
 bool hasEvenRows(int numEntries) {
@@ -38,12 +44,8 @@ float kernelRadius(float startingSigma, float sigmaMultiplier, int numLevels) {
 
 int fastSpatialKernelNumEntriesImpl(int size, float sigma, float power, int srcImgNo,
                                     int levelFactor, int *accuracyFactors) {
-    const int A = accuracyFactors[srcImgNo];
-    const int offset = size / 2;
-    int count = 0;
-    for (int i = 0; i < size; i++)
-        for (int j = 0; j < size; j++)
-            if (onGrid(i, j, offset, levelFactor, A)) count++;
+    const int n = axisCount(size, levelFactor, accuracyFactors[srcImgNo]);
+    int count = n * n;
     // Room for the centre entry that the kernel builder inserts into a grid
     // with an even number of rows.
     if (hasEvenRows(count)) count++;
@@ -123,24 +125,18 @@ void makeFastSpatialKernel(int size, float sigma, float power, int srcImgNo,
     int peturb = levelFactor - 2;
     if (peturb % 2 == 0) peturb++;
 
-    int xStart = 0, yStart = 0, xEnd = 0, yEnd = 0;
-    bool first = true;
-    for (int i = 0; i < size; i++)
-        for (int j = 0; j < size; j++)
-            if (onGrid(i, j, offset, levelFactor, A)) {
-                if (first) {
-                    xStart = i;
-                    yStart = j;
-                    first = false;
-                }
-                xEnd = i;
-                yEnd = j;
-            }
+    // The first and last grid points met (column-outer, row-inner) bound the
+    // jitter.
+    int first = 0, last = size - 1;
+    while (!onAxis(first, offset, levelFactor, A)) first++;
+    while (!onAxis(last, offset, levelFactor, A)) last--;
+    const int xStart = first, yStart = first, xEnd = last, yEnd = last;
 
     int numEntries = 0;
-    for (int i = 0; i < size; i++)
-        for (int j = 0; j < size; j++) {
-            if (!onGrid(i, j, offset, levelFactor, A)) continue;
+    for (int i = first; i <= last; i++) {
+        if (!onAxis(i, offset, levelFactor, A)) continue;
+        for (int j = first; j <= last; j++) {
+            if (!onAxis(j, offset, levelFactor, A)) continue;
             int xpos = i;
             int ypos = j;
             if (peturb > 0) {
@@ -165,6 +161,7 @@ void makeFastSpatialKernel(int size, float sigma, float power, int srcImgNo,
             const float arg = -(dx * dx + dy * dy) / sigmaSqd;
             kptr->factor = (float)std::exp((double)arg);
         }
+    }
 
     // The corners stay put whatever the jitter did; their weights do not
     // follow them.
