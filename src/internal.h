@@ -313,6 +313,22 @@ struct ReconstructionArgs {
 void reconstruct(int nbProc, const ReconstructionArgs &args);
 
 // ---------------------------------------------------------------------------
+// Fast weights/reconstruction (fast_weights.cpp)
+
+// The driver's raw weight loop over the iMax x jMax pixels of the kMax images
+// in[k] (three samples a pixel): calculatePoids8Alt, the highlight shift when
+// highlight is set, and the byte (int)(poids * 255.0f) into plane out[k];
+// vectorised across pixels, with the per-pixel loop's bytes and aborts.
+void rawWeightsFast(int kMax, int iMax, int jMax, unsigned char **in, unsigned char **out,
+                    float *coeffErreur, float *coeffErreurLastImg, int highlight);
+// Whether reconstructRowsFast covers these arguments (8-bit input and
+// weights, three samples, at most three images, no debug dumps).
+bool fastReconstructionCovers(const ReconstructionArgs &args);
+// Output rows [rowBegin, rowEnd) of the reconstruction, vectorised across the
+// pixels of a row, with the per-pixel code's bytes and aborts.
+void reconstructRowsFast(const ReconstructionArgs &args, int rowBegin, int rowEnd);
+
+// ---------------------------------------------------------------------------
 // Driver (driver.cpp)
 
 // Forwards progress to the host; returns 0 when the host asked to cancel.

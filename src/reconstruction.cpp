@@ -269,7 +269,10 @@ void reconstruct(int nbProc, const ReconstructionArgs &args) {
     {
         int rowBegin, rowEnd;
         staticBlock(args.jMax, omp_get_thread_num(), omp_get_num_threads(), &rowBegin, &rowEnd);
-        reconstructRows(args, rowBegin, rowEnd);
+        if (!usePlainPath && fastReconstructionCovers(args))
+            reconstructRowsFast(args, rowBegin, rowEnd);
+        else
+            reconstructRows(args, rowBegin, rowEnd);
 
 #pragma omp barrier
         if (omp_get_thread_num() == 0 && dbgTestImage && args.bpsIn == 8) {

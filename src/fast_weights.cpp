@@ -1,0 +1,572 @@
+// Vectorised exposure weights and reconstruction rows.
+//
+// As in the fast level pass, the lanes of a vector are neighbouring pixels,
+// and every lane runs its pixel's arithmetic of the per-pixel code operation
+// for operation (the same table look-ups, separate multiplies and adds in
+// the same order, IEEE division, truncating conversions), so each pixel gets
+// the per-pixel code's bytes. Where a lane would reach one of the per-pixel
+// code's aborts, the pixels of that vector run through the per-pixel
+// arithmetic in order instead, which aborts at the same pixel with the same
+// words. Pixels that do not fill a vector, at the end of a row or image, take
+// the per-pixel arithmetic too.
+//
+// Raw weights: the driver's loop of calculatePoids8Alt, the highlight shift
+// and the byte store.
+//
+// Reconstruction: a row at a time, first the weights of every level for the
+// whole row (with the dark-image reduction in highlight-preserving mode),
+// then the level blend of the three samples of every pixel, then the host's
+// HSL round trip, one pixel at a time as the host interface demands, then
+// the clamped stores. 256-entry tables take the place of per-sample and
+// per-pixel work that depends on one byte-sized value alone: a detail byte's
+// sharpened difference, and the dark-image reduction's two factors by
+// luminance (the first a double exponential that the per-pixel code
+// evaluates at every pixel and level).
+//
+// Compiled once per instruction set (Highway's foreach_target); the best one
+// the processor supports is chosen at run time.
+
+#ifndef LUMORA_FAST_WEIGHTS_SHARED
+#define LUMORA_FAST_WEIGHTS_SHARED
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "internal.h"
+
+namespace lumora {
+namespace fastweights {
+
+// What the raw weight loop reads.
+struct RawPass {
+    int kMax;
+    int iMax;
+    int jMax;
+    unsigned char *const *in;   // image k, three samples a pixel
+    unsigned char *const *out;  // weight plane k
+    float *coeffErreur;
+    float *coeffErreurLastImg;
+    int highlight;
+};
+
+// Pixels [first, first + n) through the driver's per-pixel code.
+inline void plainRawPixels(const RawPass &p, size_t first, size_t n) {
+    unsigned char *in[3];
+    float poidsLev[3];
+    for (size_t q = first; q < first + n; q++) {
+        for (int k = 0; k < p.kMax; k++) in[k] = p.in[k] + 3 * q;
+        calculatePoids8Alt(p.kMax, in, 3, (int)(q % p.iMax), (int)(q / p.iMax), p.iMax, p.jMax,
+                           p.coeffErreur, p.coeffErreurLastImg, 1, poidsLev);
+        if (p.highlight) highlightShift(in[0], in[1], poidsLev);
+        for (int k = 0; k < p.kMax; k++) p.out[k][q] = (unsigned char)(int)(poidsLev[k] * 255.0f);
+    }
+}
+
+// Tables of one reconstruction call.
+struct ReconTables {
+    float detail[256];   // a detail byte's difference from max7, sharpened
+    float factor1[256];  // dark-merge factor by darkMergeLum
+    float factor2[256];  // dark-cut factor by darkCutLum
+    float mergeF;        // the blend of smoothed and fused luminance (threshold 140..169)
+};
+
+inline void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
+    for (int b = 0; b < 256; b++) {
+        float imgVal = (float)b;
+        imgVal -= a.max7;
+        if (a.sharpnessFactor > 0.0f) imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
+        t->detail[b] = imgVal;
+
+        const int threshold = a.darkMergeThreshold;
+        float factor1 = 1.0f;
+        if (b <= 254 && threshold > 0) {
+            const int lower = threshold;
+            const float f = b < lower ? 0.0f : (b - lower) / (255.0f - lower);
+            const float f4 = f * f * f * f;
+            factor1 = (float)(1.0 - std::exp((double)(-10.0f * f4)));
+        }
+        t->factor1[b] = factor1;
+        float factor2 = 1.0f;
+        if (b <= 99) {
+            const float u = 1.0f - b / 100.0f;
+            factor2 = 1.0f - u * u;
+        }
+        t->factor2[b] = factor2;
+    }
+    t->mergeF = (a.darkMergeThreshold - 140) / 30.0f;
+}
+
+// Row j's pointers: entry e = (numLevels - lev) * kMax + k as in the
+// per-pixel code, each at the row's first pixel.
+struct RowView {
+    std::vector<const unsigned char *> images;    // samples added to the sum
+    std::vector<const unsigned char *> smoothed;  // samples the weights are judged by
+    std::vector<const unsigned char *> poids;     // weight plane
+    const unsigned char *fused = nullptr;         // highlight mode
+    const unsigned char *dark = nullptr;
+};
+
+inline void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
+    const int kMax = a.kMax;
+    const int numLevels = a.numLevels;
+    const size_t poidsPosit = (size_t)a.iMax * j;
+    const size_t positIn = (size_t)a.iMax * j * 3;
+    for (int lev = numLevels; lev >= 0; lev--) {
+        for (int k = 0; k < kMax; k++) {
+            const int e = (numLevels - lev) * kMax + k;
+            const unsigned char *image;
+            const unsigned char *smoothed;
+            if (lev == numLevels) {
+                image = smoothed = a.outputImageTower[k * numLevels + numLevels - 1];
+            } else if (lev > 0) {
+                image = a.outputImageDiffTower[k * numLevels + lev];
+                smoothed = a.outputImageTower[k * numLevels + lev - 1];
+            } else {
+                image = a.outputImageDiffTower[k * numLevels];
+                if (a.fusionPreserveHighlights)
+                    smoothed = k == 0 ? a.fusedResult : a.imagesBuffer;
+                else
+                    smoothed = a.imagesBuffer + k * a.imageStride;
+            }
+            row.images[e] = image + positIn;
+            row.smoothed[e] = smoothed + positIn;
+            row.poids[e] =
+                a.poidsBuffer + (size_t)(lev * kMax + k) * a.poidsImageStride + poidsPosit;
+        }
+    }
+    if (a.fusionPreserveHighlights) {
+        row.fused = a.fusedResult + positIn;
+        row.dark = a.imagesBuffer + positIn;
+    }
+}
+
+inline int lum3(const unsigned char *p) { return (p[0] + p[1] + p[2]) / 3; }
+
+// Weights of pixel x at every level into w[e * iMax + x], with the
+// per-pixel code's arithmetic and aborts.
+inline void pixelWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView &row,
+                         int x, int j, float *w) {
+    const int kMax = a.kMax;
+    const int numLevels = a.numLevels;
+    float poidsLev[3];
+    for (int lev = numLevels; lev >= 0; lev--) {
+        const int base = (numLevels - lev) * kMax;
+        for (int k = 0; k < kMax; k++) poidsLev[k] = row.poids[base + k][x] / 255.0f;
+        if (a.fusionPreserveHighlights) {
+            const int luminance0 = lum3(row.fused + 3 * x);
+            const int luminance1 = lum3(row.dark + 3 * x);
+            const int smoothLum0 = lum3(row.smoothed[base] + 3 * x);
+            const int darkCutLum = lum3(row.smoothed[base + 1] + 3 * x);
+            const int threshold = a.darkMergeThreshold;
+            int darkMergeLum;
+            if (threshold <= 139)
+                darkMergeLum = smoothLum0;
+            else if (threshold < 170)
+                darkMergeLum = (int)(smoothLum0 * (1 - t.mergeF) + luminance0 * t.mergeF);
+            else
+                darkMergeLum = luminance0;
+            const float factor1 = t.factor1[darkMergeLum];
+            const float factor2 = t.factor2[darkCutLum];
+            if (poidsLev[0] == 0.0f && poidsLev[1] == 0.0f) {
+                // Kept: the labels name the two luminances one off.
+                std::fprintf(stderr,
+                             "i=%d j=%d factor1=%f factor2=%f luminance1=%d luminance2=%d\n", 3 * x,
+                             j, factor1, factor2, luminance0, luminance1);
+                std::abort();
+            }
+            poidsLev[1] *= factor1 < factor2 ? factor1 : factor2;
+            // Deliberate: sequential renormalisation.
+            poidsLev[0] = poidsLev[0] / (poidsLev[0] + poidsLev[1]);
+            poidsLev[1] = poidsLev[1] / (poidsLev[1] + poidsLev[0]);
+        }
+        bool bad = false;
+        for (int k = 0; k < kMax; k++)
+            if (!(poidsLev[k] <= 1.0f)) bad = true;
+        if (bad) {
+            for (int k = 0; k < kMax; k++)
+                std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
+            std::abort();
+        }
+        for (int k = 0; k < kMax; k++) w[(size_t)(base + k) * a.iMax + x] = poidsLev[k];
+    }
+}
+
+// The level blend of pixel x into acc[s * iMax + x].
+inline void pixelBlend(const ReconstructionArgs &a, const ReconTables &t, const RowView &row,
+                       const float *w, int x, float *acc) {
+    const int entries = (a.numLevels + 1) * a.kMax;
+    for (int s = 0; s < 3; s++) {
+        float fval = 0.0f;
+        for (int e = 0; e < entries; e++) {
+            const unsigned char b = row.images[e][3 * x + s];
+            const float imgVal = e < a.kMax ? (float)b : t.detail[b];
+            fval += imgVal * w[(size_t)e * a.iMax + x];
+        }
+        acc[(size_t)s * a.iMax + x] = fval;
+    }
+}
+
+// One output sample, clamped and truncated as the per-pixel code stores it.
+inline void storeSample(float fval, unsigned char *out, int byteDepthOut) {
+    if (byteDepthOut == 1) {
+        if (fval < 0.0f) fval = 0.0f;
+        if (fval > 255.0f) fval = 255.0f;
+        *out = (unsigned char)(int)fval;
+    } else {
+        fval *= 256.0f;
+        if (fval < 0.0f) fval = 0.0f;
+        if (fval > 65535.0f) fval = 65535.0f;
+        const unsigned short v = (unsigned short)(int)fval;
+        std::memcpy(out, &v, sizeof v);
+    }
+}
+
+}  // namespace fastweights
+}  // namespace lumora
+
+#endif  // LUMORA_FAST_WEIGHTS_SHARED
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "fast_weights.cpp"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+HWY_BEFORE_NAMESPACE();
+namespace lumora {
+namespace fastweights {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+using DF = hn::ScalableTag<float>;
+using DI = hn::RebindToSigned<DF>;
+using D8 = hn::Rebind<uint8_t, DF>;
+using VF = hn::Vec<DF>;
+using VI = hn::Vec<DI>;
+
+// N bytes as int lanes.
+HWY_INLINE VI LoadBytes(const unsigned char *p) { return hn::PromoteTo(DI(), hn::LoadU(D8(), p)); }
+
+// The three samples of N pixels as int lanes.
+HWY_INLINE void LoadPixels(const unsigned char *p, VI &r, VI &g, VI &b) {
+    hn::Vec<D8> r8, g8, b8;
+    hn::LoadInterleaved3(D8(), p, r8, g8, b8);
+    r = hn::PromoteTo(DI(), r8);
+    g = hn::PromoteTo(DI(), g8);
+    b = hn::PromoteTo(DI(), b8);
+}
+
+// (r + g + b) / 3 of N pixels: the float quotient of a sum up to 765 never
+// rounds across an integer, so truncating it is the integer division.
+HWY_INLINE VI Luminance(const unsigned char *p) {
+    VI r, g, b;
+    LoadPixels(p, r, g, b);
+    const VF sum = hn::ConvertTo(DF(), hn::Add(hn::Add(r, g), b));
+    return hn::ConvertTo(DI(), hn::Div(sum, hn::Set(DF(), 3.0f)));
+}
+
+// Weights of at most 255 * 1.0 and never negative: the saturating demotion
+// stores the truncated value's low 8 bits.
+HWY_INLINE void StoreWeightBytes(VF poids, unsigned char *out) {
+    const VI v = hn::ConvertTo(DI(), hn::Mul(poids, hn::Set(DF(), 255.0f)));
+    hn::StoreU(hn::DemoteTo(D8(), v), D8(), out);
+}
+
+// Sum over the three samples of image k's pixels of table[sample] times the
+// sample's luminance coefficient, from 0 in red, green, blue order; doubled
+// for a last image with a table of its own.
+HWY_INLINE VF RawWeight(const RawPass &p, int k, size_t px) {
+    const DF df;
+    const bool last = k == p.kMax - 1;
+    const float *erreur = last ? p.coeffErreurLastImg : p.coeffErreur;
+    VI r, g, b;
+    LoadPixels(p.in[k] + 3 * px, r, g, b);
+    VF fval = hn::Zero(df);
+    fval = hn::Add(fval, hn::Mul(hn::GatherIndex(df, erreur, r), hn::Set(df, 0.2f)));
+    fval = hn::Add(fval, hn::Mul(hn::GatherIndex(df, erreur, g), hn::Set(df, 0.7f)));
+    fval = hn::Add(fval, hn::Mul(hn::GatherIndex(df, erreur, b), hn::Set(df, 0.1f)));
+    if (last && p.coeffErreur != p.coeffErreurLastImg) fval = hn::Mul(fval, hn::Set(df, 2.0f));
+    return fval;
+}
+
+// Raw weights of the N pixels from px; false, having stored nothing, when a
+// lane fails the weight check.
+template <int K>
+HWY_INLINE bool RawVector(const RawPass &p, size_t px) {
+    const DF df;
+    const VF one = hn::Set(df, 1.0f);
+    const VF raw0 = RawWeight(p, 0, px);
+    const VF raw1 = K >= 2 ? RawWeight(p, 1, px) : hn::Zero(df);
+    const VF raw2 = K >= 3 ? RawWeight(p, 2, px) : hn::Zero(df);
+    // The sum afresh, from 0, in image order.
+    VF sum = hn::Add(hn::Zero(df), raw0);
+    if (K >= 2) sum = hn::Add(sum, raw1);
+    if (K >= 3) sum = hn::Add(sum, raw2);
+    VF w0 = hn::Div(raw0, sum);
+    VF w1 = hn::Div(raw1, sum);
+    const VF w2 = hn::Div(raw2, sum);
+    // Not-a-number fails the check, as it fails the assertion.
+    auto ok = hn::Le(w0, one);
+    if (K >= 2) ok = hn::And(ok, hn::Le(w1, one));
+    if (K >= 3) ok = hn::And(ok, hn::Le(w2, one));
+    if (!hn::AllTrue(df, ok)) return false;
+    if (K == 2 && p.highlight) {
+        const VI luminance0 = Luminance(p.in[0] + 3 * px);
+        const auto bright = hn::RebindMask(df, hn::Gt(luminance0, hn::Set(DI(), 240)));
+        const VF factor =
+            hn::Div(hn::ConvertTo(df, hn::Sub(luminance0, hn::Set(DI(), 240))), hn::Set(df, 15.0f));
+        VF s1 = hn::Add(w1, factor);
+        const VF s0 = hn::Div(w0, hn::Add(w0, s1));
+        s1 = hn::Div(s1, hn::Add(s0, s1));
+        w0 = hn::IfThenElse(bright, s0, w0);
+        w1 = hn::IfThenElse(bright, s1, w1);
+    }
+    StoreWeightBytes(w0, p.out[0] + px);
+    if (K >= 2) StoreWeightBytes(w1, p.out[1] + px);
+    if (K >= 3) StoreWeightBytes(w2, p.out[2] + px);
+    return true;
+}
+
+template <int K>
+void RawWeightsK(const RawPass &p) {
+    const size_t N = hn::Lanes(DF());
+    const size_t count = (size_t)p.iMax * p.jMax;
+    size_t px = 0;
+    for (; px + N <= count; px += N)
+        if (!RawVector<K>(p, px)) plainRawPixels(p, px, N);  // aborts there
+    plainRawPixels(p, px, count - px);
+}
+
+void RawWeights(const RawPass &p) {
+    if (p.kMax == 1)
+        RawWeightsK<1>(p);
+    else if (p.kMax == 2)
+        RawWeightsK<2>(p);
+    else
+        RawWeightsK<3>(p);
+}
+
+// Highlight-preserving weights of the N pixels from x at every level (kMax
+// 2); false, having stored nothing of some levels, when a lane reaches one
+// of the per-pixel code's aborts.
+HWY_INLINE bool HighlightVector(const ReconstructionArgs &a, const ReconTables &t,
+                                const RowView &row, size_t x, float *w) {
+    const DF df;
+    const DI di;
+    const VF one = hn::Set(df, 1.0f);
+    const VF zero = hn::Zero(df);
+    const VF inv = hn::Set(df, 255.0f);
+    const int threshold = a.darkMergeThreshold;
+    const VI luminance0 = Luminance(row.fused + 3 * x);
+    const size_t iMax = (size_t)a.iMax;
+    for (int lev = a.numLevels; lev >= 0; lev--) {
+        const int base = (a.numLevels - lev) * 2;
+        VF p0 = hn::Div(hn::ConvertTo(df, LoadBytes(row.poids[base] + x)), inv);
+        VF p1 = hn::Div(hn::ConvertTo(df, LoadBytes(row.poids[base + 1] + x)), inv);
+        const VI smoothLum0 = Luminance(row.smoothed[base] + 3 * x);
+        const VI darkCutLum = Luminance(row.smoothed[base + 1] + 3 * x);
+        VI darkMergeLum = smoothLum0;
+        if (threshold >= 170) {
+            darkMergeLum = luminance0;
+        } else if (threshold >= 140) {
+            const VF m = hn::Add(hn::Mul(hn::ConvertTo(df, smoothLum0), hn::Set(df, 1 - t.mergeF)),
+                                 hn::Mul(hn::ConvertTo(df, luminance0), hn::Set(df, t.mergeF)));
+            darkMergeLum = hn::ConvertTo(di, m);
+        }
+        const VF factor1 = hn::GatherIndex(df, t.factor1, darkMergeLum);
+        const VF factor2 = hn::GatherIndex(df, t.factor2, darkCutLum);
+        if (!hn::AllFalse(df, hn::And(hn::Eq(p0, zero), hn::Eq(p1, zero)))) return false;
+        p1 = hn::Mul(p1, hn::IfThenElse(hn::Lt(factor1, factor2), factor1, factor2));
+        p0 = hn::Div(p0, hn::Add(p0, p1));
+        p1 = hn::Div(p1, hn::Add(p1, p0));
+        if (!hn::AllTrue(df, hn::And(hn::Le(p0, one), hn::Le(p1, one)))) return false;
+        hn::StoreU(p0, df, w + base * iMax + x);
+        hn::StoreU(p1, df, w + (base + 1) * iMax + x);
+    }
+    return true;
+}
+
+// Weights of row j at every level into w[e * iMax + x].
+void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView &row, int j,
+                float *w) {
+    const DF df;
+    const size_t N = hn::Lanes(df);
+    const size_t iMax = (size_t)a.iMax;
+    size_t x = 0;
+    if (a.fusionPreserveHighlights) {
+        for (; x + N <= iMax; x += N)
+            if (!HighlightVector(a, t, row, x, w))
+                for (size_t q = x; q < x + N; q++) pixelWeights(a, t, row, (int)q, j, w);
+    } else {
+        // A byte over 255.0f never exceeds 1: nothing here can abort.
+        const int entries = (a.numLevels + 1) * a.kMax;
+        const VF inv = hn::Set(df, 255.0f);
+        for (; x + N <= iMax; x += N)
+            for (int e = 0; e < entries; e++)
+                hn::StoreU(hn::Div(hn::ConvertTo(df, LoadBytes(row.poids[e] + x)), inv), df,
+                           w + e * iMax + x);
+    }
+    for (; x < iMax; x++) pixelWeights(a, t, row, (int)x, j, w);
+}
+
+// Level blend of row j into acc[s * iMax + x]: per sample, from 0, entry by
+// entry (levels from the base down, images in order).
+void BlendRow(const ReconstructionArgs &a, const ReconTables &t, const RowView &row, const float *w,
+              float *acc) {
+    const DF df;
+    const size_t N = hn::Lanes(df);
+    const size_t iMax = (size_t)a.iMax;
+    const int entries = (a.numLevels + 1) * a.kMax;
+    size_t x = 0;
+    for (; x + N <= iMax; x += N) {
+        VF r = hn::Zero(df), g = hn::Zero(df), b = hn::Zero(df);
+        for (int e = 0; e < entries; e++) {
+            const VF weight = hn::LoadU(df, w + e * iMax + x);
+            VI r8, g8, b8;
+            LoadPixels(row.images[e] + 3 * x, r8, g8, b8);
+            VF vr, vg, vb;
+            if (e < a.kMax) {
+                vr = hn::ConvertTo(df, r8);
+                vg = hn::ConvertTo(df, g8);
+                vb = hn::ConvertTo(df, b8);
+            } else {
+                vr = hn::GatherIndex(df, t.detail, r8);
+                vg = hn::GatherIndex(df, t.detail, g8);
+                vb = hn::GatherIndex(df, t.detail, b8);
+            }
+            r = hn::Add(r, hn::Mul(vr, weight));
+            g = hn::Add(g, hn::Mul(vg, weight));
+            b = hn::Add(b, hn::Mul(vb, weight));
+        }
+        hn::StoreU(r, df, acc + x);
+        hn::StoreU(g, df, acc + iMax + x);
+        hn::StoreU(b, df, acc + 2 * iMax + x);
+    }
+    for (; x < iMax; x++) pixelBlend(a, t, row, w, (int)x, acc);
+}
+
+// n output samples from f, clamped and truncated; a vector holding
+// not-a-number goes through the per-sample store, whose conversion of it the
+// vector one does not share.
+void StoreRow(const float *f, unsigned char *out, size_t n, int byteDepthOut) {
+    const DF df;
+    const DI di;
+    const size_t N = hn::Lanes(df);
+    const VF zero = hn::Zero(df);
+    const VF top = hn::Set(df, byteDepthOut == 1 ? 255.0f : 65535.0f);
+    size_t i = 0;
+    for (; i + N <= n; i += N) {
+        VF v = hn::LoadU(df, f + i);
+        if (!hn::AllFalse(df, hn::Ne(v, v))) {
+            for (size_t q = i; q < i + N; q++)
+                storeSample(f[q], out + q * byteDepthOut, byteDepthOut);
+            continue;
+        }
+        if (byteDepthOut != 1) v = hn::Mul(v, hn::Set(df, 256.0f));
+        v = hn::IfThenElse(hn::Lt(v, zero), zero, v);
+        v = hn::IfThenElse(hn::Gt(v, top), top, v);
+        const VI iv = hn::ConvertTo(di, v);  // 0..top: the demotions keep it whole
+        if (byteDepthOut == 1) {
+            hn::StoreU(hn::DemoteTo(D8(), iv), D8(), out + i);
+        } else {
+            const hn::Rebind<uint16_t, DF> d16;
+            hn::StoreU(hn::DemoteTo(d16, iv), d16, reinterpret_cast<uint16_t *>(out) + i);
+        }
+    }
+    for (; i < n; i++) storeSample(f[i], out + i * byteDepthOut, byteDepthOut);
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace fastweights
+}  // namespace lumora
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace lumora {
+namespace fastweights {
+
+HWY_EXPORT(RawWeights);
+HWY_EXPORT(RowWeights);
+HWY_EXPORT(BlendRow);
+HWY_EXPORT(StoreRow);
+
+constexpr bool floatThirdIsExact() {
+    for (int sum = 0; sum <= 3 * 255; sum++)
+        if ((int)((float)sum / 3.0f) != sum / 3) return false;
+    return true;
+}
+static_assert(floatThirdIsExact(), "the float quotient must truncate to the integer one");
+
+}  // namespace fastweights
+
+void rawWeightsFast(int kMax, int iMax, int jMax, unsigned char **in, unsigned char **out,
+                    float *coeffErreur, float *coeffErreurLastImg, int highlight) {
+    fastweights::RawPass p;
+    p.kMax = kMax;
+    p.iMax = iMax;
+    p.jMax = jMax;
+    p.in = in;
+    p.out = out;
+    p.coeffErreur = coeffErreur;
+    p.coeffErreurLastImg = coeffErreurLastImg;
+    p.highlight = highlight;
+    // The highlight shift pairs exactly two images.
+    if (kMax < 1 || kMax > 3 || (highlight && kMax != 2)) {
+        fastweights::plainRawPixels(p, 0, (size_t)iMax * jMax);
+        return;
+    }
+    HWY_DYNAMIC_DISPATCH(fastweights::RawWeights)(p);
+}
+
+bool fastReconstructionCovers(const ReconstructionArgs &a) {
+    return a.byteDepthBpsIn == 1 && a.bitDepthPoids == 8 && a.byteDepthPoids == 1 && a.spp == 3 &&
+           a.max7 == 128 && a.kMax >= 1 && a.kMax <= 3 &&
+           (!a.fusionPreserveHighlights || a.kMax == 2) &&
+           (a.byteDepthBpsOut == 1 || a.byteDepthBpsOut == 2) && !dbgTestImage;
+}
+
+void reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
+    using namespace fastweights;
+    if (rowBegin >= rowEnd) return;
+    const int entries = (a.numLevels + 1) * a.kMax;
+    const size_t iMax = (size_t)a.iMax;
+    ReconTables t;
+    buildReconTables(a, &t);
+    RowView row;
+    row.images.resize(entries);
+    row.smoothed.resize(entries);
+    row.poids.resize(entries);
+    std::vector<float> w(entries * iMax);
+    std::vector<float> acc(3 * iMax);
+    std::vector<float> samples(3 * iMax);
+
+    for (int j = rowBegin; j < rowEnd; j++) {
+        startRowView(a, j, row);
+        // Dispatched per row: a pointer kept from before the first dispatch
+        // would be the chooser, which asks the processor again on every call.
+        HWY_DYNAMIC_DISPATCH(RowWeights)(a, t, row, j, w.data());
+        HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, w.data(), acc.data());
+        for (size_t x = 0; x < iMax; x++) {
+            float fvals[3] = {acc[x], acc[iMax + x], acc[2 * iMax + x]};
+            if (a.satCoeff != 0.0f) {
+                // The host's conversions, one pixel at a time; the round
+                // trip runs for the neutral coefficient too.
+                float hsl[3];
+                frgb2hsl(fvals, hsl);
+                hsl[1] *= a.satCoeff;
+                if (hsl[1] > 1.0f) hsl[1] = 1.0f;
+                fhsl2rgb(hsl, fvals);
+            }
+            for (int s = 0; s < 3; s++) samples[3 * x + s] = a.rgb2bgr ? fvals[2 - s] : fvals[s];
+        }
+        unsigned char *out = a.resImage + (size_t)a.rowOut * j * a.byteDepthBpsOut;
+        HWY_DYNAMIC_DISPATCH(StoreRow)(samples.data(), out, 3 * iMax, a.byteDepthBpsOut);
+    }
+}
+
+}  // namespace lumora
+#endif  // HWY_ONCE
