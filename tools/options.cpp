@@ -1,0 +1,336 @@
+// options.cpp: command-line parsing (CLI11) and the checks that keep every
+// value the library receives inside the range it handles.
+#include "options.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include <CLI/CLI.hpp>
+
+#include "BilateralFilter.h"
+
+#ifndef LUMORA_FUSE_VERSION
+#define LUMORA_FUSE_VERSION "0.0.0"
+#endif
+
+namespace lumora_fuse {
+
+const char *const kMinImageSideReason =
+    "below 26 pixels a side the library's filter kernels lose their centre pixel and its checks can stop it";
+
+const ParamSpec kParamSpecs[] = {
+    {"strength", kStrength, 0, 100, false, false,
+     "how strongly well-exposed pixels win over dark and bright ones; 0 averages the exposures",
+     "from about 420 the weights of pixels that are black or white in every exposure underflow to "
+     "zero and the library stops",
+     "above 19 only with --highlight-influence 10 or --no-preserve-highlights"},
+    {"sharpness", kSharpness, 0, 20, false, false,
+     "boost of fine detail; 0 keeps the detail as it is",
+     "a negative boost is ignored, and past 20 the detail only clips", nullptr},
+    {"saturation", kSaturation, -10, 10, true, false,
+     "colour saturation change: -9.9 nearly grey, 0 unchanged, 10 doubled",
+     "at -10 the library skips its colour step altogether, and saturation stops growing past 10",
+     nullptr},
+    {"start-radius", kStartRadius, 1, 20, false, true,
+     "half size of the first filter level in pixels; the library now sizes each level from the "
+     "picture, so this changes nothing visible",
+     "the library takes a whole number of pixels", nullptr},
+    {"radius-growth", kRadiusGrowth, 0, 50, true, false,
+     "growth of the filter reach from one level to the next, scaled by the picture size",
+     "0 or less means no growth, and past 50 the reach exceeds any picture", nullptr},
+    {"spatial-sigma", kSpatialSigma, 0.01, 10, false, false,
+     "spatial spread of the filter",
+     "0 divides by zero in the spatial weights and crashes the library", nullptr},
+    {"range-sigma", kRangeSigma, 0.01, 10, false, false,
+     "how different two colours may be and still be smoothed together",
+     "0 makes the range weights not a number and the library stops", nullptr},
+    {"highlight-influence", kHighlightInfluence, 0, 10, false, false,
+     "how far down from white the darkest exposure takes over the highlights: 10 only in the "
+     "brightest parts, 0 furthest down",
+     "the library's scale runs from 0 to 10", nullptr},
+};
+const int kParamSpecCount = int(sizeof kParamSpecs / sizeof kParamSpecs[0]);
+
+namespace {
+
+std::string number(double v) {
+    char buffer[32];
+    snprintf(buffer, sizeof buffer, "%g", v);
+    return buffer;
+}
+
+std::string rangeText(const ParamSpec &spec) {
+    if (spec.minExclusive)
+        return "above " + number(spec.min) + " up to " + number(spec.max);
+    return number(spec.min) + " to " + number(spec.max);
+}
+
+bool parseDouble(const std::string &text, double &value) {
+    if (text.empty())
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    value = strtod(text.c_str(), &end);
+    return end && *end == '\0' && errno == 0 && std::isfinite(value);
+}
+
+bool parseInt(const std::string &text, long &value) {
+    if (text.empty())
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    value = strtol(text.c_str(), &end, 10);
+    return end && *end == '\0' && errno == 0;
+}
+
+bool checkParam(const ParamSpec &spec, const std::string &text, float &out, std::string &message) {
+    const std::string name = std::string("--") + spec.option;
+    double v = 0;
+    long whole = 0;
+    if (spec.integer ? !parseInt(text, whole) : !parseDouble(text, v)) {
+        message = name + ": '" + text + "' is not " + (spec.integer ? "a whole number" : "a number") +
+                  " (valid: " + rangeText(spec) + ")";
+        return false;
+    }
+    if (spec.integer)
+        v = double(whole);
+    const bool below = spec.minExclusive ? !(v > spec.min) : !(v >= spec.min);
+    if (below || !(v <= spec.max)) {
+        message = name + ": " + text + " is out of range (valid: " + rangeText(spec) + "; " +
+                  spec.limit + ")";
+        return false;
+    }
+    out = float(v);
+    return true;
+}
+
+bool checkWhole(const char *name, const std::string &text, long min, long max, int &out,
+                std::string &message) {
+    long v = 0;
+    if (!parseInt(text, v) || v < min || v > max) {
+        message = std::string(name) + ": '" + text + "' is not valid (a whole number from " +
+                  std::to_string(min) + " to " + std::to_string(max) + ")";
+        return false;
+    }
+    out = int(v);
+    return true;
+}
+
+bool parseLoupe(const std::string &text, Loupe &loupe, std::string &message) {
+    long v[4];
+    size_t start = 0;
+    for (int i = 0; i < 4; ++i) {
+        const size_t comma = text.find(',', start);
+        const bool last = i == 3;
+        if ((comma == std::string::npos) != last ||
+            !parseInt(text.substr(start, last ? std::string::npos : comma - start), v[i]) ||
+            v[i] < 0 || v[i] > 1000000000) {
+            message = "--loupe: '" + text + "' is not X,Y,W,H (four whole numbers, X and Y from 0)";
+            return false;
+        }
+        start = comma + 1;
+    }
+    loupe.enabled = true;
+    loupe.x = int(v[0]);
+    loupe.y = int(v[1]);
+    loupe.width = int(v[2]);
+    loupe.height = int(v[3]);
+    return true;
+}
+
+void defaults(float params[kFusionParamCount]) {
+    init_realistic_param(params);  // its result carries no meaning
+}
+
+// One option of --help: the name, then its text wrapped in a column from 29.
+std::string wrapped(const std::string &name, const std::string &text) {
+    const size_t column = 29, width = 79;
+    std::string out = name, line;
+    if (out.size() + 1 > column)
+        out += "\n" + std::string(column, ' ');
+    else
+        out.append(column - out.size(), ' ');
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(' ', start);
+        if (end == std::string::npos)
+            end = text.size();
+        const std::string word = text.substr(start, end - start);
+        if (!line.empty() && column + line.size() + 1 + word.size() > width) {
+            out += line + "\n" + std::string(column, ' ');
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
+        start = end + 1;
+    }
+    return out + line + "\n";
+}
+
+}  // namespace
+
+std::string versionText() {
+    return std::string("lumora-fuse (Lumora Fusion) ") + LUMORA_FUSE_VERSION +
+           "\nExposure fusion of two or three photographs through a sparse bilateral filter pyramid.\n";
+}
+
+std::string helpText() {
+    float d[kFusionParamCount];
+    defaults(d);
+    std::string s =
+        "Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT\n"
+        "Fuse two or three exposures of one scene into one natural-looking picture.\n"
+        "\n"
+        "The exposures may be given in any order: they are sorted by mean brightness,\n"
+        "darkest first. Inputs are JPEG, PNG or TIFF; 16-bit, greyscale and palette\n"
+        "images are converted to 8-bit RGB and alpha is dropped (each conversion is\n"
+        "reported). The output format follows OUTPUT's extension: .jpg/.jpeg, .png,\n"
+        ".tif/.tiff. EXIF, XMP and the ICC profile of the middle exposure (the\n"
+        "brighter of two) are copied into the output.\n"
+        "\n"
+        "Output:\n"
+        "  -o, --output=FILE          write the result to FILE (required); it is\n"
+        "                             written whole or not at all, and never over an input\n"
+        "      --depth=8|16           bits per sample of a PNG or TIFF output (default 8;\n"
+        "                             JPEG is 8-bit only)\n"
+        "      --quality=Q            JPEG quality, 1 to 100 (default 95)\n"
+        "      --loupe=X,Y,W,H        fuse only the W x H pixels whose top-left corner is\n"
+        "                             at X,Y, filtered with the radii of the whole picture\n"
+        "                             (a fast preview; W and H at least " +
+        std::to_string(kMinImageSide) + ")\n"
+        "\n"
+        "Fusion (ranges are what the fusion handles safely):\n";
+    for (int i = 0; i < kParamSpecCount; ++i) {
+        const ParamSpec &p = kParamSpecs[i];
+        std::string text = std::string(p.help) + " (" + rangeText(p) + ", default " + number(d[p.index]) +
+                           (p.extra ? std::string("; ") + p.extra : std::string()) + ")";
+        s += wrapped(std::string("      --") + p.option + "=" + (p.integer ? "N" : "X"), text);
+    }
+    s += std::string("      --preserve-highlights  recover the highlights from the darkest exposure\n") +
+         "                             in a second pass (default: " +
+         (int(d[kPreserveHighlights]) != 0 ? "on" : "off") + ")\n" +
+         "      --no-preserve-highlights\n"
+         "                             stop after the first pass\n"
+         "\n"
+         "Program:\n"
+         "      --threads=N            worker threads, 1 to " + std::to_string(kMaxThreads) +
+         " (default: one per\n"
+         "                             available core)\n"
+         "  -q, --quiet                no progress bar and no conversion notes\n"
+         "  -v, --verbose              also show the fusion library's commentary\n"
+         "  -h, --help                 display this help and exit\n"
+         "  -V, --version              output version information and exit\n"
+         "\n"
+         "Pictures must be at least " + std::to_string(kMinImageSide) + "x" +
+         std::to_string(kMinImageSide) + " pixels and at most " +
+         std::to_string(kMaxPixels / 1000000) + " megapixels.\n"
+         "\n"
+         "Examples:\n"
+         "  lumora-fuse dark.jpg mid.jpg bright.jpg -o fused.jpg\n"
+         "  lumora-fuse --strength 25 --saturation 2 a.png b.png -o fused.png\n"
+         "  lumora-fuse --depth 16 --no-preserve-highlights a.tif b.tif c.tif -o fused.tif\n"
+         "  lumora-fuse --loupe 800,600,400,300 a.jpg b.jpg c.jpg -o preview.jpg\n"
+         "\n"
+         "Exit status: 0 done, 1 failure (unreadable input, unwritable output, fusion\n"
+         "failure), 2 usage error, 130 cancelled (Ctrl-C); a cancelled or failed run\n"
+         "writes nothing.\n";
+    return s;
+}
+
+int parseOptions(int argc, const char *const *argv, Options &options, std::string &message) {
+    options = Options();
+    defaults(options.params);
+
+    CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
+    app.set_help_flag();
+    bool help = false, version = false, preserve = int(options.params[kPreserveHighlights]) != 0;
+    std::string paramText[kFusionParamCount], threads, quality, depth, loupe;
+    app.add_option("images", options.images);
+    app.add_option("-o,--output", options.output);
+    app.add_flag("-h,--help", help);
+    app.add_flag("-V,--version", version);
+    app.add_flag("-q,--quiet", options.quiet);
+    app.add_flag("-v,--verbose", options.verbose);
+    app.add_flag("--preserve-highlights,!--no-preserve-highlights", preserve);
+    app.add_option("--threads", threads);
+    app.add_option("--quality", quality);
+    app.add_option("--depth", depth);
+    app.add_option("--loupe", loupe);
+    for (int i = 0; i < kParamSpecCount; ++i)
+        app.add_option(std::string("--") + kParamSpecs[i].option, paramText[kParamSpecs[i].index]);
+
+    try {
+        std::vector<std::string> args;
+        for (int i = argc - 1; i >= 1; --i)
+            args.emplace_back(argv[i]);
+        app.parse(args);
+    } catch (const CLI::ParseError &e) {
+        message = e.what();
+        return 2;
+    } catch (const std::exception &e) {
+        message = e.what();
+        return 2;
+    }
+    if (help) {
+        message = helpText();
+        return 0;
+    }
+    if (version) {
+        message = versionText();
+        return 0;
+    }
+
+    options.params[kPreserveHighlights] = preserve ? 1.0f : 0.0f;
+    for (int i = 0; i < kParamSpecCount; ++i) {
+        const ParamSpec &spec = kParamSpecs[i];
+        if (app.count(std::string("--") + spec.option) &&
+            !checkParam(spec, paramText[spec.index], options.params[spec.index], message))
+            return 2;
+    }
+    // With the highlight pass weighing the dark exposure down (influence
+    // below 10), a stronger weighting lets that pass give the fused image a
+    // weight of zero where the dark one's is zeroed too: 0/0, and the library
+    // stops. Up to 19 every fused pixel keeps a weight of at least 1/255.
+    if (int(options.params[kPreserveHighlights]) != 0 && options.params[kHighlightInfluence] < 10.0f &&
+        options.params[kStrength] > kMaxStrengthWithInfluence) {
+        message = "--strength " + paramText[kStrength] + ": above " + number(kMaxStrengthWithInfluence) +
+                  " only with --highlight-influence 10 or --no-preserve-highlights (the highlight pass would "
+                  "leave some pixels with no weight at all)";
+        return 2;
+    }
+    if (app.count("--threads") && !checkWhole("--threads", threads, 1, kMaxThreads, options.threads, message))
+        return 2;
+    if (app.count("--quality") && !checkWhole("--quality", quality, 1, 100, options.quality, message))
+        return 2;
+    if (app.count("--depth") && (depth != "8" && depth != "16")) {
+        message = "--depth: '" + depth + "' is not valid (8 or 16)";
+        return 2;
+    }
+    if (app.count("--depth"))
+        options.depth = depth == "16" ? 16 : 8;
+    if (app.count("--loupe") && !parseLoupe(loupe, options.loupe, message))
+        return 2;
+
+    if (options.images.size() < 2 || options.images.size() > 3) {
+        message = "expected 2 or 3 images, got " + std::to_string(options.images.size()) +
+                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT)";
+        return 2;
+    }
+    if (options.output.empty()) {
+        message = "no output file: give one with -o OUTPUT";
+        return 2;
+    }
+    options.outputFormat = formatFromExtension(options.output);
+    if (options.outputFormat == FileFormat::Unknown) {
+        message = options.output + ": unknown output format (use .jpg, .jpeg, .png, .tif or .tiff)";
+        return 2;
+    }
+    if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
+        message = options.output + ": JPEG holds 8-bit samples only; use .png or .tif for --depth 16";
+        return 2;
+    }
+    return kContinue;
+}
+
+}  // namespace lumora_fuse

@@ -1,0 +1,79 @@
+// options.h: the command line of lumora-fuse.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+
+namespace lumora_fuse {
+
+// The nine fusion parameters, in the library's order.
+enum FusionParam {
+    kStrength = 0,
+    kSharpness,
+    kSaturation,
+    kStartRadius,
+    kRadiusGrowth,
+    kSpatialSigma,
+    kRangeSigma,
+    kPreserveHighlights,
+    kHighlightInfluence,
+    kFusionParamCount
+};
+
+// Smallest side of a picture (or loupe region) the fusion handles; see
+// kMinImageSideReason.
+constexpr int kMinImageSide = 32;
+extern const char *const kMinImageSideReason;
+// Largest --strength allowed together with a --highlight-influence below 10.
+constexpr float kMaxStrengthWithInfluence = 19.0f;
+// Upper bound of --threads.
+constexpr int kMaxThreads = 256;
+
+// How one numeric fusion parameter appears on the command line.
+struct ParamSpec {
+    const char *option;  // long option name without the dashes
+    FusionParam index;
+    double min, max;
+    bool minExclusive;   // the range is (min, max] rather than [min, max]
+    bool integer;        // only whole numbers
+    const char *help;    // what it does
+    const char *limit;   // why the range stops where it does
+    const char *extra;   // a further condition, or null
+};
+extern const ParamSpec kParamSpecs[];
+extern const int kParamSpecCount;
+
+struct Loupe {
+    bool enabled = false;
+    int x = 0, y = 0, width = 0, height = 0;
+};
+
+struct Options {
+    std::vector<std::string> images;
+    std::string output;
+    FileFormat outputFormat = FileFormat::Unknown;
+    float params[kFusionParamCount] = {};  // the library's defaults unless set
+    int threads = 0;                       // 0: one per available core
+    Loupe loupe;
+    int quality = 95;
+    int depth = 8;
+    bool quiet = false;
+    bool verbose = false;
+};
+
+// Result of parseOptions when the tool should go on and fuse.
+constexpr int kContinue = -1;
+
+// Parses the command line into options. Returns kContinue to go on, 0 when
+// --help or --version was asked (message holds the text for the standard
+// output), or 2 for a usage error (message holds one line, without the
+// program name prefix). Never prints and never exits.
+int parseOptions(int argc, const char *const *argv, Options &options, std::string &message);
+
+// The --help text (with the library's defaults).
+std::string helpText();
+std::string versionText();
+
+}  // namespace lumora_fuse
