@@ -104,41 +104,16 @@ inline void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
 // Row j's pointers: entry e = (numLevels - lev) * kMax + k as in the
 // per-pixel code, each at the row's first pixel.
 struct RowView {
-    std::vector<const unsigned char *> images;    // samples added to the sum
-    std::vector<const unsigned char *> smoothed;  // samples the weights are judged by
-    std::vector<const unsigned char *> poids;     // weight plane
+    std::vector<unsigned char *> images;    // samples added to the sum
+    std::vector<unsigned char *> smoothed;  // samples the weights are judged by
+    std::vector<unsigned char *> poids;     // weight plane
     const unsigned char *fused = nullptr;         // highlight mode
     const unsigned char *dark = nullptr;
 };
 
 inline void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
-    const int kMax = a.kMax;
-    const int numLevels = a.numLevels;
-    const size_t poidsPosit = (size_t)a.iMax * j;
+    reconstructionRowEntries(a, j, row.images.data(), row.smoothed.data(), row.poids.data());
     const size_t positIn = (size_t)a.iMax * j * 3;
-    for (int lev = numLevels; lev >= 0; lev--) {
-        for (int k = 0; k < kMax; k++) {
-            const int e = (numLevels - lev) * kMax + k;
-            const unsigned char *image;
-            const unsigned char *smoothed;
-            if (lev == numLevels) {
-                image = smoothed = a.outputImageTower[k * numLevels + numLevels - 1];
-            } else if (lev > 0) {
-                image = a.outputImageDiffTower[k * numLevels + lev];
-                smoothed = a.outputImageTower[k * numLevels + lev - 1];
-            } else {
-                image = a.outputImageDiffTower[k * numLevels];
-                if (a.fusionPreserveHighlights)
-                    smoothed = k == 0 ? a.fusedResult : a.imagesBuffer;
-                else
-                    smoothed = a.imagesBuffer + k * a.imageStride;
-            }
-            row.images[e] = image + positIn;
-            row.smoothed[e] = smoothed + positIn;
-            row.poids[e] =
-                a.poidsBuffer + (size_t)(lev * kMax + k) * a.poidsImageStride + poidsPosit;
-        }
-    }
     if (a.fusionPreserveHighlights) {
         row.fused = a.fusedResult + positIn;
         row.dark = a.imagesBuffer + positIn;

@@ -311,6 +311,10 @@ struct ReconstructionArgs {
     int rgb2bgr;
 };
 void reconstruct(int nbProc, const ReconstructionArgs &args);
+// Row j's level entries (e = (numLevels - lev) * kMax + k): the samples added
+// to the sum, the samples its weights are judged by, and its weight plane.
+void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned char **images,
+                              unsigned char **smoothed, unsigned char **poids);
 
 // ---------------------------------------------------------------------------
 // Fast weights/reconstruction (fast_weights.cpp)

@@ -13,6 +13,43 @@
 
 namespace lumora {
 
+// Row j's level entries, e = (numLevels - lev) * kMax + k for lev from
+// numLevels down to 0: the samples that enter the sum (the coarsest smoothed
+// image, then the detail images), the samples the weights are judged by, and
+// the level's weight plane, each at the row's first pixel.
+void reconstructionRowEntries(const ReconstructionArgs &a, int j, unsigned char **images,
+                              unsigned char **smoothed, unsigned char **poids) {
+    const int kMax = a.kMax;
+    const int numLevels = a.numLevels;
+    const size_t imageBytes = a.imageStride * a.byteDepthBpsIn;
+    const size_t planeBytes = a.poidsImageStride * a.byteDepthPoids;
+    const size_t poidsPosit = (size_t)a.iMax * j * a.byteDepthPoids;
+    const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
+    for (int lev = numLevels; lev >= 0; lev--) {
+        for (int k = 0; k < kMax; k++) {
+            const int e = (numLevels - lev) * kMax + k;
+            unsigned char *image;
+            unsigned char *judged;
+            if (lev == numLevels) {
+                image = judged = a.outputImageTower[k * numLevels + numLevels - 1];
+            } else if (lev > 0) {
+                image = a.outputImageDiffTower[k * numLevels + lev];
+                judged = a.outputImageTower[k * numLevels + lev - 1];
+            } else {
+                image = a.outputImageDiffTower[k * numLevels];
+                if (a.fusionPreserveHighlights)
+                    judged = k == 0 ? a.fusedResult : a.imagesBuffer;
+                else
+                    judged = a.imagesBuffer + k * imageBytes;
+            }
+            images[e] = image + positIn;
+            smoothed[e] = judged + positIn;
+            poids[e] = a.poidsBuffer + (size_t)(lev * kMax + k) * planeBytes + poidsPosit;
+        }
+    }
+}
+
+
 namespace {
 
 // The per-row pointers of one thread. Entry (numLevels - lev) * kMax + k
@@ -85,36 +122,9 @@ void darkImageReduction(const ReconstructionArgs &a, const RowCursor &cur, int b
 
 // Prepares the level entries of row j.
 void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
-    const int kMax = a.kMax;
-    const int numLevels = a.numLevels;
-    const size_t imageBytes = a.imageStride * a.byteDepthBpsIn;
-    const size_t planeBytes = a.poidsImageStride * a.byteDepthPoids;
-    const size_t poidsPosit = (size_t)a.iMax * j * a.byteDepthPoids;
-    const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
-
-    for (int lev = numLevels; lev >= 0; lev--) {
-        for (int k = 0; k < kMax; k++) {
-            const int e = (numLevels - lev) * kMax + k;
-            unsigned char *image;
-            unsigned char *smoothed;
-            if (lev == numLevels) {
-                image = smoothed = a.outputImageTower[k * numLevels + numLevels - 1];
-            } else if (lev > 0) {
-                image = a.outputImageDiffTower[k * numLevels + lev];
-                smoothed = a.outputImageTower[k * numLevels + lev - 1];
-            } else {
-                image = a.outputImageDiffTower[k * numLevels];
-                if (a.fusionPreserveHighlights)
-                    smoothed = k == 0 ? a.fusedResult : a.imagesBuffer;
-                else
-                    smoothed = a.imagesBuffer + k * imageBytes;
-            }
-            cur.images[e] = image + positIn;
-            cur.smoothed[e] = smoothed + positIn;
-            cur.poids[e] = a.poidsBuffer + (size_t)(lev * kMax + k) * planeBytes + poidsPosit;
-        }
-    }
+    reconstructionRowEntries(a, j, cur.images.data(), cur.smoothed.data(), cur.poids.data());
     if (a.fusionPreserveHighlights) {
+        const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
         cur.src[0] = a.fusedResult + positIn;
         cur.src[1] = a.imagesBuffer + positIn;
     }
