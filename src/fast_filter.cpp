@@ -39,6 +39,7 @@ namespace fastpass {
 constexpr unsigned char CHOOSE_COPY = 0;
 constexpr unsigned char CHOOSE_NORMAL = 1;
 constexpr unsigned char CHOOSE_FINE = 2;
+constexpr unsigned char CHOOSE_PACKED = 3;  // fine, computed in the row's packed sweep
 
 // One sparse kernel addressed in the planes: entry e of the pixel whose
 // window origin is plane index p lies at p + offset[e].
@@ -70,6 +71,7 @@ struct Scratch {
     int32_t *resultFine;     // likewise, fine kernel
     unsigned char *choice;   // block kernel choices
     unsigned char *need;     // 2 x block/lanes: vectors that need the normal / fine kernel
+    int32_t *packed;         // row columns of the fine pixels computed packed
     KernelEntry *kernel;     // the per-pixel code's kernel buffer
 };
 
@@ -167,6 +169,38 @@ HWY_INLINE hn::Vec<DF> LoadSamples(const unsigned char *p) {
 // block's vectors: every plane row is then read in long contiguous runs. Each
 // lane still sees its own entries in kernel order, so its sums are the
 // per-pixel code's. `need` marks the vectors to compute (null: all).
+//
+// PACKED: lane x stands for the pixel idx[x] places after `base` instead of
+// the x-th, and its plane reads become gathers. This packs the few
+// fine-kernel pixels of sparse vectors into full vectors.
+
+// Lane values of a float plane at entry offset o.
+template <bool PACKED>
+HWY_INLINE hn::Vec<DF> LoadLab(const float *plane, ptrdiff_t o, size_t x, const int32_t *idx) {
+    if constexpr (PACKED)
+        return hn::GatherIndex(DF(), plane + o, hn::LoadU(DI(), idx + x));
+    else
+        return hn::LoadU(DF(), plane + o + x);
+}
+
+// Byte q (0..2) of an int32 gathered from a byte plane, as float (exactly).
+template <int Q>
+HWY_INLINE hn::Vec<DF> ByteOf(hn::Vec<DI> word) {
+    const DI di;
+    return hn::ConvertTo(DF(), hn::And(hn::ShiftRight<8 * Q>(word), hn::Set(di, 0xFF)));
+}
+
+// Four bytes from each lane's pixel at entry offset o of a plane of `stride`
+// bytes per pixel (the low byte is the lane's sample; the plane's slack rows
+// keep the extra bytes in bounds).
+template <int STRIDE>
+HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, size_t x,
+                                   const int32_t *idx) {
+    const DI di;
+    auto offset = hn::LoadU(di, idx + x);
+    if constexpr (STRIDE == 3) offset = hn::Add(hn::Add(offset, offset), offset);
+    return hn::GatherOffset(di, reinterpret_cast<const int32_t *>(plane + o * STRIDE), offset);
+}
 
 // Unnormalised bilateral weights (entry-major, block wide) and their sums.
 // Colour images weigh by the squared Lab distance to the centre entry,
@@ -174,9 +208,9 @@ HWY_INLINE hn::Vec<DF> LoadSamples(const unsigned char *p) {
 // where brightness is the spatial weight plus the sample (the per-pixel code
 // starts its sum from the copied weight, and dividing by one sample changes
 // nothing).
-template <int SPP>
+template <int SPP, bool PACKED>
 HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                             const unsigned char *need, const Scratch &s) {
+                             const unsigned char *need, const int32_t *idx, const Scratch &s) {
     const DF df;
     const DI di;
     const size_t N = hn::Lanes(df);
@@ -186,10 +220,19 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
     float *HWY_RESTRICT sums = s.sums;
     for (size_t x = 0; x < nv * N; x += N) hn::StoreU(hn::Zero(df), df, sums + x);
     const ptrdiff_t c = k.offset[k.centre];
+    // Packed lanes gather their centre values once, into the free
+    // convolution sums: per sample, centre[q * block + lane].
+    float *HWY_RESTRICT centre = s.acc;
     if constexpr (SPP == 3) {
         const float *L = p.lab[0] + base;
         const float *A = p.lab[1] + base;
         const float *Bp = p.lab[2] + base;
+        if constexpr (PACKED)
+            for (size_t x = 0; x < nv * N; x += N) {
+                hn::StoreU(LoadLab<true>(L, c, x, idx), df, centre + x);
+                hn::StoreU(LoadLab<true>(A, c, x, idx), df, centre + B + x);
+                hn::StoreU(LoadLab<true>(Bp, c, x, idx), df, centre + 2 * B + x);
+            }
         const auto limit = hn::Set(df, 20000.0f);
         const auto lastEntry = hn::Set(df, 19999.0f);
         for (int e = 0; e < k.n; e++) {
@@ -197,9 +240,16 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
             const auto spatial = hn::Set(df, k.factor[e]);
             for (size_t v = 0, x = 0; v < nv; v++, x += N) {
                 if (need != nullptr && !need[v]) continue;
-                const auto dL = hn::Sub(hn::LoadU(df, L + o + x), hn::LoadU(df, L + c + x));
-                const auto dA = hn::Sub(hn::LoadU(df, A + o + x), hn::LoadU(df, A + c + x));
-                const auto dB = hn::Sub(hn::LoadU(df, Bp + o + x), hn::LoadU(df, Bp + c + x));
+                hn::Vec<DF> dL, dA, dB;
+                if constexpr (PACKED) {
+                    dL = hn::Sub(LoadLab<true>(L, o, x, idx), hn::LoadU(df, centre + x));
+                    dA = hn::Sub(LoadLab<true>(A, o, x, idx), hn::LoadU(df, centre + B + x));
+                    dB = hn::Sub(LoadLab<true>(Bp, o, x, idx), hn::LoadU(df, centre + 2 * B + x));
+                } else {
+                    dL = hn::Sub(hn::LoadU(df, L + o + x), hn::LoadU(df, L + c + x));
+                    dA = hn::Sub(hn::LoadU(df, A + o + x), hn::LoadU(df, A + c + x));
+                    dB = hn::Sub(hn::LoadU(df, Bp + o + x), hn::LoadU(df, Bp + c + x));
+                }
                 // No fused multiply-add: each square is rounded, L and A first.
                 auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
                 dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
@@ -212,14 +262,25 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
     } else {
         const unsigned char *S = p.sample[0] + base;
         const auto centreSpatial = hn::Set(df, k.factor[k.centre]);
+        if constexpr (PACKED)
+            for (size_t x = 0; x < nv * N; x += N)
+                hn::StoreU(ByteOf<0>(GatherBytes<1>(S, c, x, idx)), df, centre + x);
         for (int e = 0; e < k.n; e++) {
             const ptrdiff_t o = k.offset[e];
             const auto spatial = hn::Set(df, k.factor[e]);
             for (size_t v = 0, x = 0; v < nv; v++, x += N) {
                 if (need != nullptr && !need[v]) continue;
-                const auto centre = hn::Add(centreSpatial, LoadSamples(S + c + x));
-                const auto bright = hn::Add(spatial, LoadSamples(S + o + x));
-                const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centre)));
+                hn::Vec<DF> centreSample, sample;
+                if constexpr (PACKED) {
+                    centreSample = hn::LoadU(df, centre + x);
+                    sample = ByteOf<0>(GatherBytes<1>(S, o, x, idx));
+                } else {
+                    centreSample = LoadSamples(S + c + x);
+                    sample = LoadSamples(S + o + x);
+                }
+                const auto centreBright = hn::Add(centreSpatial, centreSample);
+                const auto bright = hn::Add(spatial, sample);
+                const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
                 const auto weight = hn::Mul(spatial, hn::GatherIndex(df, expLut, index));
                 hn::StoreU(weight, df, w + e * B + x);
                 hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
@@ -233,10 +294,10 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
 // gauss is set the weights are the kernel's own; otherwise they are the
 // range weights, divided by their sum wherever the truncated sum is non-zero
 // (the per-pixel test |(int)sum| > 1e-5, i.e. |sum| >= 1).
-template <int SPP>
+template <int SPP, bool PACKED>
 HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                         const unsigned char *need, bool gauss, const Scratch &s,
-                         int32_t *HWY_RESTRICT result) {
+                         const unsigned char *need, const int32_t *idx, bool gauss,
+                         const Scratch &s, int32_t *HWY_RESTRICT result) {
     const DF df;
     const DI di;
     const size_t N = hn::Lanes(df);
@@ -249,6 +310,9 @@ HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t
     const unsigned char *S0 = p.sample[0] + base;
     const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + base;
     const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + base;
+    // Packed colour lanes read all three samples with one gather from the
+    // interleaved bordered copy, whose pixel k is plane index k.
+    const unsigned char *rgb = p.args->img->image + base * SPP;
     for (int e = 0; e < k.n; e++) {
         const ptrdiff_t o = k.offset[e];
         const auto spatial = hn::Set(df, k.factor[e]);
@@ -260,15 +324,27 @@ HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t
                 weight = hn::LoadU(df, w + e * B + x);
                 weight = hn::IfThenElse(hn::Ge(hn::Abs(sum), one), hn::Div(weight, sum), weight);
             }
-            hn::StoreU(hn::Add(hn::LoadU(df, acc + x), hn::Mul(LoadSamples(S0 + o + x), weight)),
-                       df, acc + x);
+            hn::Vec<DF> s0, s1, s2;
+            if constexpr (PACKED) {
+                const auto word = GatherBytes<SPP>(rgb, o, x, idx);
+                s0 = ByteOf<0>(word);
+                if constexpr (SPP == 3) {
+                    s1 = ByteOf<1>(word);
+                    s2 = ByteOf<2>(word);
+                }
+            } else {
+                s0 = LoadSamples(S0 + o + x);
+                if constexpr (SPP == 3) {
+                    s1 = LoadSamples(S1 + o + x);
+                    s2 = LoadSamples(S2 + o + x);
+                }
+            }
+            hn::StoreU(hn::Add(hn::LoadU(df, acc + x), hn::Mul(s0, weight)), df, acc + x);
             if constexpr (SPP == 3) {
-                hn::StoreU(hn::Add(hn::LoadU(df, acc + B + x),
-                                   hn::Mul(LoadSamples(S1 + o + x), weight)),
-                           df, acc + B + x);
-                hn::StoreU(hn::Add(hn::LoadU(df, acc + 2 * B + x),
-                                   hn::Mul(LoadSamples(S2 + o + x), weight)),
-                           df, acc + 2 * B + x);
+                hn::StoreU(hn::Add(hn::LoadU(df, acc + B + x), hn::Mul(s1, weight)), df,
+                           acc + B + x);
+                hn::StoreU(hn::Add(hn::LoadU(df, acc + 2 * B + x), hn::Mul(s2, weight)), df,
+                           acc + 2 * B + x);
             }
         }
     }
@@ -276,6 +352,12 @@ HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t
         for (size_t x = 0; x < nv * N; x += N)
             hn::StoreU(hn::ConvertTo(di, hn::LoadU(df, acc + q * B + x)), di, result + q * B + x);
 }
+
+// A packed lane costs about two contiguous ones (its plane reads are
+// gathers; measured on AVX-512 with the highlight pass's bright maps): a
+// vector runs the fine kernel on all its lanes only when at least three
+// quarters of them need it, and otherwise sends them to the packed sweep.
+inline bool fineOnAllLanes(size_t fine, size_t lanes) { return 4 * fine >= 3 * lanes; }
 
 template <int SPP>
 void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
@@ -287,6 +369,7 @@ void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
     const int covered = a.iMax / (int)N * (int)N;  // pixels in whole vectors
     unsigned char *needNormal = s.need;
     unsigned char *needFine = s.need + B / N;
+    size_t packed = 0;  // the row's fine pixels left to the packed sweep
     for (int i0 = 0; i0 < covered; i0 += B) {
         const int count = std::min(B, covered - i0);
         const size_t nv = (size_t)count / N;
@@ -295,35 +378,50 @@ void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
         bool anyNormal = true;
         bool anyFine = false;
         if (a.levelGaussOnly) {
-            Convolve<SPP>(p, p.normal, base, nv, nullptr, true, s, s.resultNormal);
+            Convolve<SPP, false>(p, p.normal, base, nv, nullptr, nullptr, true, s,
+                                 s.resultNormal);
         } else {
             if (p.useMap) {
                 const unsigned char *bright = a.brightImage + (size_t)j * a.iMax + i0;
                 anyNormal = false;
                 for (size_t v = 0; v < nv; v++) {
-                    needNormal[v] = needFine[v] = 0;
+                    needNormal[v] = 0;
+                    size_t fine = 0;
                     for (size_t lane = v * N; lane < (v + 1) * N; lane++) {
                         s.choice[lane] = choiceOf(bright[lane], i0 + (int)lane, j);
                         needNormal[v] |= s.choice[lane] == CHOOSE_NORMAL;
-                        needFine[v] |= s.choice[lane] == CHOOSE_FINE;
+                        fine += s.choice[lane] == CHOOSE_FINE;
                     }
+                    // Sparse fine pixels (the anti-diagonals) go to the
+                    // packed sweep instead of costing the wide kernel on
+                    // every lane of their vector.
+                    needFine[v] = fineOnAllLanes(fine, N);
+                    if (fine != 0 && !needFine[v])
+                        for (size_t lane = v * N; lane < (v + 1) * N; lane++)
+                            if (s.choice[lane] == CHOOSE_FINE) {
+                                s.choice[lane] = CHOOSE_PACKED;
+                                s.packed[packed++] = i0 + (int32_t)lane;
+                            }
                     anyNormal |= needNormal[v] != 0;
                     anyFine |= needFine[v] != 0;
                 }
             }
             if (anyNormal) {
                 const unsigned char *need = p.useMap ? needNormal : nullptr;
-                RangeWeights<SPP>(p, p.normal, base, nv, need, s);
-                Convolve<SPP>(p, p.normal, base, nv, need, false, s, s.resultNormal);
+                RangeWeights<SPP, false>(p, p.normal, base, nv, need, nullptr, s);
+                Convolve<SPP, false>(p, p.normal, base, nv, need, nullptr, false, s,
+                                     s.resultNormal);
             }
             if (anyFine) {
-                RangeWeights<SPP>(p, p.fine, base, nv, needFine, s);
-                Convolve<SPP>(p, p.fine, base, nv, needFine, false, s, s.resultFine);
+                RangeWeights<SPP, false>(p, p.fine, base, nv, needFine, nullptr, s);
+                Convolve<SPP, false>(p, p.fine, base, nv, needFine, nullptr, false, s,
+                                     s.resultFine);
             }
         }
         for (int px = 0; px < count; px++) {
             const unsigned char choice = p.useMap ? s.choice[px] : CHOOSE_NORMAL;
             unsigned char *o = out + (size_t)px * SPP;
+            if (choice == CHOOSE_PACKED) continue;
             if (choice == CHOOSE_COPY) {
                 // The per-pixel code's copy: window origin moved by the
                 // larger half kernel in both directions.
@@ -338,6 +436,20 @@ void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
             const int32_t *result = choice == CHOOSE_FINE ? s.resultFine : s.resultNormal;
             for (int q = 0; q < SPP; q++) o[q] = (unsigned char)result[q * B + px];
         }
+    }
+    // The packed sweep, a block at a time; the last vector repeats its last
+    // pixel. Lane x stands for column packed[x] of the row.
+    if (packed != 0)
+        for (size_t x = packed; x % N != 0; x++) s.packed[x] = s.packed[packed - 1];
+    for (size_t first = 0; first < packed; first += (size_t)B) {
+        const size_t count = std::min((size_t)B, packed - first);
+        const size_t np = (count + N - 1) / N;
+        const int32_t *idx = s.packed + first;
+        RangeWeights<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, s);
+        Convolve<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, false, s, s.resultFine);
+        for (size_t x = 0; x < count; x++)
+            for (int q = 0; q < SPP; q++)
+                outRow[(size_t)idx[x] * SPP + q] = (unsigned char)s.resultFine[q * B + x];
     }
     for (int i = covered; i < a.iMax; i++) plainPixel(p, i, j, s.kernel);
 }
@@ -457,15 +569,17 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
         std::clamp<size_t>(BLOCK_WEIGHT_BYTES / (nMax * N * sizeof(float)), 1, 64);
     const size_t block = vectors * N;
     // Per thread, each piece rounded up to 64 bytes: weights, sums,
-    // convolution sums, two result blocks, choices and the two need lists.
+    // convolution sums, two result blocks, choices, the two need lists and
+    // a row of packed columns (padded to whole vectors).
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
-    const size_t pieces[7] = {round64(nMax * block * sizeof(float)),
+    const size_t pieces[8] = {round64(nMax * block * sizeof(float)),
                               round64(block * sizeof(float)),
                               round64(a.spp * block * sizeof(float)),
                               round64(a.spp * block * sizeof(int32_t)),
                               round64(a.spp * block * sizeof(int32_t)),
                               round64(block),
-                              round64(2 * vectors)};
+                              round64(2 * vectors),
+                              round64(((size_t)a.iMax + N) * sizeof(int32_t))};
     size_t threadBytes = 0;
     for (size_t piece : pieces) threadBytes += piece;
 
@@ -519,8 +633,8 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
             if (a.spp == 3) convertRows(a, sample, labPlane, width, r0, r1);
 #pragma omp barrier
             unsigned char *mine = scratch + threadBytes * t;
-            unsigned char *piece[7];
-            for (int q = 0; q < 7; q++) {
+            unsigned char *piece[8];
+            for (int q = 0; q < 8; q++) {
                 piece[q] = mine;
                 mine += pieces[q];
             }
@@ -532,6 +646,7 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
             s.resultFine = reinterpret_cast<int32_t *>(piece[4]);
             s.choice = piece[5];
             s.need = piece[6];
+            s.packed = reinterpret_cast<int32_t *>(piece[7]);
             s.kernel = kernels + kernelCapacity * t;
 #pragma omp for schedule(dynamic, 1) nowait
             for (int j = 0; j < a.jMax; j++) filterRow(p, j, s);

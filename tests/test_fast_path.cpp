@@ -88,9 +88,20 @@ Bytes makeImage(int kind, int iMax, int jMax, int spp, uint32_t seed) {
 }
 
 // Bright maps: 1 noise; 2 every bright-value band (0, 5, 10..200 by 10, 255)
-// in blocks; 3 all 100 (fine kernel on every fourth anti-diagonal).
+// in blocks; 3 all 100 (fine kernel on every fourth anti-diagonal); 4 rows
+// cycling through the anti-diagonal periods 20, 10, 6, 5, 4, 3 and 2, with
+// columns 32..63 all fine (whole vectors of fine lanes among sparse ones).
 Bytes makeMap(int kind, int iMax, int jMax, uint32_t seed) {
     if (kind == 1) return testsupport::randomImage(iMax, jMax, 1, seed);
+    if (kind == 4) {
+        static const int periods[] = {30, 50, 70, 90, 110, 130, 150};
+        Bytes map((size_t)iMax * jMax);
+        for (int y = 0; y < jMax; y++)
+            for (int x = 0; x < iMax; x++)
+                map[(size_t)y * iMax + x] =
+                    (unsigned char)(x / 32 == 1 ? 255 : periods[(y + seed) % 7]);
+        return map;
+    }
     static const int bands[] = {0,   5,   10,  20,  30,  40,  50,  60,  70,  80,  90,  100, 110,
                                 120, 130, 140, 150, 160, 170, 180, 190, 200, 255};
     Bytes map((size_t)iMax * jMax, 100);
@@ -187,13 +198,17 @@ TEST_F(FastPath, LevelPassMatchesPlainPassWithHandMadeKernels) {
     std::mt19937 tableGen(7);
     for (float &v : expLut) v = std::uniform_real_distribution<float>(0.0f, 1.0f)(tableGen);
     const int sizes[][2] = {{1, 3}, {5, 1}, {7, 9}, {16, 5}, {17, 6}, {33, 4}, {64, 30}};
-    for (int seed = 0; seed < 28; seed++) {
+    for (int seed = 0; seed < 32; seed++) {
         std::mt19937 gen(seed);
-        const int iMax = sizes[seed % 7][0], jMax = sizes[seed % 7][1];
+        // The last seeds: every anti-diagonal period under a kernel wide
+        // enough that a row's sparse fine pixels fill several blocks.
+        const bool periodic = seed >= 28;
+        const int iMax = periodic ? 163 : sizes[seed % 7][0];
+        const int jMax = periodic ? 9 : sizes[seed % 7][1];
         const int spp = seed % 2 ? 3 : 1;
-        const int gaussOnly = seed % 4 == 2;
-        const int level = seed % 5 == 0 ? 1 : 2;
-        const int b = 1 + (int)(gen() % 3);
+        const int gaussOnly = !periodic && seed % 4 == 2;
+        const int level = !periodic && seed % 5 == 0 ? 1 : 2;
+        const int b = periodic ? 12 : 1 + (int)(gen() % 3);
         const int nbProc = teamSize(seed);
         // Weights around 1/n or above: sums straddle 1, so some pixels of a
         // vector are normalised and others not; gauss-only weights summing
@@ -204,7 +219,7 @@ TEST_F(FastPath, LevelPassMatchesPlainPassWithHandMadeKernels) {
         for (auto &e : normal) e.factor = e.factor * scale / normal.size();
         for (auto &e : fine) e.factor = e.factor * scale / fine.size();
         Bytes in = makeImage(seed / 2 % 6, iMax, jMax, spp, seed);
-        Bytes map = makeMap(1 + seed % 3, iMax, jMax, seed);
+        Bytes map = makeMap(periodic ? 4 : 1 + seed % 3, iMax, jMax, seed);
         SCOPED_TRACE(testing::Message() << "seed " << seed << ": " << iMax << "x" << jMax
                                         << " spp " << spp << " b " << b << " gauss "
                                         << gaussOnly << " level " << level);
