@@ -61,10 +61,10 @@ std::string number(double v) {
     return buffer;
 }
 
-std::string rangeText(const ParamSpec &spec) {
-    if (spec.minExclusive)
-        return "above " + number(spec.min) + " up to " + number(spec.max);
-    return number(spec.min) + " to " + number(spec.max);
+std::string rangeText(const ParamSpec &param) {
+    if (param.minExclusive)
+        return "above " + number(param.min) + " up to " + number(param.max);
+    return number(param.min) + " to " + number(param.max);
 }
 
 bool parseDouble(const std::string &text, double &value) {
@@ -85,21 +85,21 @@ bool parseInt(const std::string &text, long &value) {
     return end && *end == '\0' && errno == 0;
 }
 
-bool checkParam(const ParamSpec &spec, const std::string &text, float &out, std::string &message) {
-    const std::string name = std::string("--") + spec.option;
+bool checkParam(const ParamSpec &param, const std::string &text, float &out, std::string &message) {
+    const std::string name = std::string("--") + param.option;
     double v = 0;
     long whole = 0;
-    if (spec.integer ? !parseInt(text, whole) : !parseDouble(text, v)) {
-        message = name + ": '" + text + "' is not " + (spec.integer ? "a whole number" : "a number") +
-                  " (valid: " + rangeText(spec) + ")";
+    if (param.integer ? !parseInt(text, whole) : !parseDouble(text, v)) {
+        message = name + ": '" + text + "' is not " + (param.integer ? "a whole number" : "a number") +
+                  " (valid: " + rangeText(param) + ")";
         return false;
     }
-    if (spec.integer)
+    if (param.integer)
         v = double(whole);
-    const bool below = spec.minExclusive ? !(v > spec.min) : !(v >= spec.min);
-    if (below || !(v <= spec.max)) {
-        message = name + ": " + text + " is out of range (valid: " + rangeText(spec) + "; " +
-                  spec.limit + ")";
+    const bool below = param.minExclusive ? !(v > param.min) : !(v >= param.min);
+    if (below || !(v <= param.max)) {
+        message = name + ": " + text + " is out of range (valid: " + rangeText(param) + "; " +
+                  param.limit + ")";
         return false;
     }
     out = float(v);
@@ -283,9 +283,9 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
 
     options.params[kPreserveHighlights] = preserve ? 1.0f : 0.0f;
     for (int i = 0; i < kParamSpecCount; ++i) {
-        const ParamSpec &spec = kParamSpecs[i];
-        if (app.count(std::string("--") + spec.option) &&
-            !checkParam(spec, paramText[spec.index], options.params[spec.index], message))
+        const ParamSpec &param = kParamSpecs[i];
+        if (app.count(std::string("--") + param.option) &&
+            !checkParam(param, paramText[param.index], options.params[param.index], message))
             return 2;
     }
     // With the highlight pass weighing the dark exposure down (influence
