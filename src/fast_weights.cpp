@@ -186,21 +186,6 @@ inline void pixelBlend(const ReconstructionArgs &a, const ReconTables &t, const 
     }
 }
 
-// One output sample, clamped and truncated as the per-pixel code stores it.
-inline void storeSample(float fval, unsigned char *out, int byteDepthOut) {
-    if (byteDepthOut == 1) {
-        if (fval < 0.0f) fval = 0.0f;
-        if (fval > 255.0f) fval = 255.0f;
-        *out = (unsigned char)(int)fval;
-    } else {
-        fval *= 256.0f;
-        if (fval < 0.0f) fval = 0.0f;
-        if (fval > 65535.0f) fval = 65535.0f;
-        const unsigned short v = (unsigned short)(int)fval;
-        std::memcpy(out, &v, sizeof v);
-    }
-}
-
 }  // namespace fastweights
 }  // namespace lumora
 
@@ -438,7 +423,7 @@ void StoreRow(const float *f, unsigned char *out, size_t n, int byteDepthOut) {
         VF v = hn::LoadU(df, f + i);
         if (!hn::AllFalse(df, hn::Ne(v, v))) {
             for (size_t q = i; q < i + N; q++)
-                storeSample(f[q], out + q * byteDepthOut, byteDepthOut);
+                storeReconstructedSample(f[q], out + q * byteDepthOut, byteDepthOut);
             continue;
         }
         if (byteDepthOut != 1) v = hn::Mul(v, hn::Set(df, 256.0f));
@@ -452,7 +437,7 @@ void StoreRow(const float *f, unsigned char *out, size_t n, int byteDepthOut) {
             hn::StoreU(hn::DemoteTo(d16, iv), d16, reinterpret_cast<uint16_t *>(out) + i);
         }
     }
-    for (; i < n; i++) storeSample(f[i], out + i * byteDepthOut, byteDepthOut);
+    for (; i < n; i++) storeReconstructedSample(f[i], out + i * byteDepthOut, byteDepthOut);
 }
 
 }  // namespace HWY_NAMESPACE

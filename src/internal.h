@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "BilateralFilter.h"
 
@@ -311,6 +312,23 @@ struct ReconstructionArgs {
     int rgb2bgr;
 };
 void reconstruct(int nbProc, const ReconstructionArgs &args);
+// One reconstructed sample of 8-bit data stored at the output depth: clamped
+// to 0..255 (8-bit output) or scaled by 256 and clamped to 0..65535 (16-bit),
+// then truncated.
+inline void storeReconstructedSample(float fval, unsigned char *out, int byteDepthOut) {
+    if (byteDepthOut == 1) {
+        if (fval < 0.0f) fval = 0.0f;
+        if (fval > 255.0f) fval = 255.0f;
+        *out = (unsigned char)(int)fval;
+    } else {
+        fval *= 256.0f;
+        if (fval < 0.0f) fval = 0.0f;
+        if (fval > 65535.0f) fval = 65535.0f;
+        const unsigned short v = (unsigned short)(int)fval;
+        std::memcpy(out, &v, sizeof v);
+    }
+}
+
 // Row j's level entries (e = (numLevels - lev) * kMax + k): the samples added
 // to the sum, the samples its weights are judged by, and its weight plane.
 void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned char **images,

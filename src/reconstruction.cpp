@@ -145,17 +145,7 @@ void writePixel(const ReconstructionArgs &a, float *fvals, unsigned char *&out) 
     for (int s = 0; s < spp; s++) {
         float fval = a.rgb2bgr ? fvals[spp - 1 - s] : fvals[s];
         if (a.byteDepthBpsIn == 1) {
-            if (a.byteDepthBpsOut == 1) {
-                if (fval < 0.0f) fval = 0.0f;
-                if (fval > 255.0f) fval = 255.0f;
-                *out = (unsigned char)(int)fval;
-            } else {
-                fval *= 256.0f;
-                if (fval < 0.0f) fval = 0.0f;
-                if (fval > 65535.0f) fval = 65535.0f;
-                const unsigned short v = (unsigned short)(int)fval;
-                std::memcpy(out, &v, sizeof v);
-            }
+            storeReconstructedSample(fval, out, a.byteDepthBpsOut);
         } else {
             // 16-bit input: unreachable through hx_fusion2, which asserts
             // 8-bit input, and not defined further. Kept minimal: 16-bit
