@@ -9,12 +9,15 @@
 // per-pixel code itself.
 //
 // So that an entry of neighbouring pixels lies in neighbouring memory, the
-// bordered working copy is split once per level into planes: one plane of
-// bytes per sample (a one-sample copy is its own plane) and, for filtered
-// colour levels, float planes of every pixel's L, A and B from the CIELab
-// table. Rows are filtered in blocks of pixels, entry by entry across the
-// block, so that the far-apart entries of the wide kernels read memory in
-// long runs.
+// bordered working copy is split into planes: one plane of bytes per sample
+// (a one-sample copy is its own plane) and, for filtered colour levels,
+// float planes of every pixel's L, A and B from the CIELab table. Colour
+// planes hold only a horizontal band of the copy at a time, the rows one
+// band of output rows reads; the next band keeps the rows both share (moved
+// to the top) and converts the rest. Whole-image planes would cost a quarter
+// of a gigabyte on a 12 MP picture. Rows are filtered in blocks of pixels,
+// entry by entry across the block, so that the far-apart entries of the
+// wide kernels read memory in long runs.
 //
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
@@ -56,6 +59,7 @@ struct Pass {
     const unsigned char *sample[3];  // one plane of bytes per sample
     const float *lab[3];             // L, A, B planes (filtered colour levels)
     size_t width;                    // pixels per row of the bordered copy
+    size_t origin;                   // copy pixel index of the planes' first pixel
     KernelPlan normal;
     KernelPlan fine;
     bool useMap;
@@ -116,14 +120,14 @@ inline void plainPixel(const Pass &p, int i, int j, KernelEntry *bilateralKernel
                         bilateralKernel);
 }
 
-// Rows [r0, r1) of the bordered colour copy into the planes. The two zero
-// rows of slack after the copy are converted too: the per-pixel code can
-// read them on small images, and it reads bytes 0, 0, 0 there, so the planes
-// hold 0 and labLUT[0][0][0].
+// Rows [r0, r1) of the bordered colour copy into the planes, whose first
+// row is copy row `top`. The two zero rows of slack after the copy are
+// converted too: the per-pixel code can read them on small images, and it
+// reads bytes 0, 0, 0 there, so the planes hold 0 and labLUT[0][0][0].
 inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
-                        size_t width, int r0, int r1) {
-    for (size_t px = (size_t)r0 * width; px < (size_t)r1 * width; px++) {
-        const unsigned char *q = a.img->image + px * 3;
+                        size_t width, int top, int r0, int r1) {
+    const unsigned char *q = a.img->image + (size_t)r0 * width * 3;
+    for (size_t px = (size_t)(r0 - top) * width; px < (size_t)(r1 - top) * width; px++, q += 3) {
         sample[0][px] = q[0];
         sample[1][px] = q[1];
         sample[2][px] = q[2];
@@ -133,6 +137,18 @@ inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, fl
             lab[1][px] = v.a;
             lab[2][px] = v.b;
         }
+    }
+}
+
+// Plane rows [r0, r1) up by `shift` rows.
+inline void moveRows(unsigned char *const *sample, float *const *lab, size_t width, int shift,
+                     int r0, int r1) {
+    const size_t from = (size_t)(r0 + shift) * width;
+    const size_t to = (size_t)r0 * width;
+    const size_t n = (size_t)(r1 - r0) * width;
+    for (int q = 0; q < 3; q++) {
+        std::memcpy(sample[q] + to, sample[q] + from, n);
+        if (lab[q] != nullptr) std::memcpy(lab[q] + to, lab[q] + from, n * sizeof(float));
     }
 }
 
@@ -224,9 +240,9 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
     // convolution sums: per sample, centre[q * block + lane].
     float *HWY_RESTRICT centre = s.acc;
     if constexpr (SPP == 3) {
-        const float *L = p.lab[0] + base;
-        const float *A = p.lab[1] + base;
-        const float *Bp = p.lab[2] + base;
+        const float *L = p.lab[0] + (base - p.origin);
+        const float *A = p.lab[1] + (base - p.origin);
+        const float *Bp = p.lab[2] + (base - p.origin);
         if constexpr (PACKED)
             for (size_t x = 0; x < nv * N; x += N) {
                 hn::StoreU(LoadLab<true>(L, c, x, idx), df, centre + x);
@@ -260,7 +276,7 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
             }
         }
     } else {
-        const unsigned char *S = p.sample[0] + base;
+        const unsigned char *S = p.sample[0] + (base - p.origin);
         const auto centreSpatial = hn::Set(df, k.factor[k.centre]);
         if constexpr (PACKED)
             for (size_t x = 0; x < nv * N; x += N)
@@ -307,9 +323,9 @@ HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t
     float *HWY_RESTRICT acc = s.acc;
     const auto one = hn::Set(df, 1.0f);
     for (size_t x = 0; x < SPP * B; x += N) hn::StoreU(hn::Zero(df), df, acc + x);
-    const unsigned char *S0 = p.sample[0] + base;
-    const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + base;
-    const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + base;
+    const unsigned char *S0 = p.sample[0] + (base - p.origin);
+    const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + (base - p.origin);
+    const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + (base - p.origin);
     // Packed colour lanes read all three samples with one gather from the
     // interleaved bordered copy, whose pixel k is plane index k.
     const unsigned char *rgb = p.args->img->image + base * SPP;
@@ -514,6 +530,9 @@ HWY_EXPORT(SmoothRow8);
 // reads stay in long runs while its weights stay in the second-level cache.
 constexpr size_t BLOCK_WEIGHT_BYTES = 128 * 1024;
 
+// Bytes of colour planes one band aims at, its shared rows included.
+constexpr size_t BAND_PLANE_BYTES = 96u << 20;
+
 constexpr bool reciprocalIsExact() {
     for (unsigned sum = 0; sum <= 9 * 255; sum++)
         if (((sum * 7282u) >> 16) != sum / 9) return false;
@@ -522,6 +541,8 @@ constexpr bool reciprocalIsExact() {
 static_assert(reciprocalIsExact(), "the 16-bit reciprocal of 9 must divide exactly");
 
 }  // namespace fastpass
+
+int fastPassBandRows = 0;
 
 const char *fastPathTargetName() { return HWY_DYNAMIC_DISPATCH(fastpass::TargetName)(); }
 
@@ -556,7 +577,6 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
     // The copy's rows plus the two rows of slack createOutsideImageBorders
     // leaves after them.
     const int rows = a.jMax + 2 * a.img->borderWidth + 2;
-    const size_t planeSize = width * (size_t)rows;
     const int nNormal = a.numKernelEntries;
     const int nFine = useMap ? a.numFineKernelEntries : 0;
     const int nMax = std::max(std::max(nNormal, nFine), 1);
@@ -582,6 +602,33 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
                               round64(((size_t)a.iMax + N) * sizeof(int32_t))};
     size_t threadBytes = 0;
     for (size_t piece : pieces) threadBytes += piece;
+
+    // Copy rows a band of output rows [j0, j1) reads through the planes:
+    // [j0 - reachUp, j1 + reachDown), from the kernels' extreme entries (the
+    // last vector of a row may run one row on).
+    ptrdiff_t lowest = 0, highest = 0;
+    for (int e = 0; e < nNormal + nFine; e++) {
+        const KernelEntry &k = e < nNormal ? a.spatialKernel[e] : a.spatialKernelFine[e - nNormal];
+        const ptrdiff_t o = (ptrdiff_t)k.ypos * (ptrdiff_t)width + k.xpos;
+        lowest = std::min(lowest, o);
+        highest = std::max(highest, o);
+    }
+    const int reachUp = (int)((-lowest + (ptrdiff_t)width - 1) / (ptrdiff_t)width);
+    const int reachDown = (int)(highest / (ptrdiff_t)width) + 1;
+    // One-sample copies are their own plane: a single band. Colour bands
+    // keep their planes near BAND_PLANE_BYTES, but at least 64 output rows,
+    // so the shared rows are not moved too often and the team has rows
+    // enough to share.
+    int bandRows = a.jMax;
+    if (a.spp == 3) {
+        const size_t pixelBytes = lab ? 3 + 3 * sizeof(float) : 3;
+        const long fit = (long)(BAND_PLANE_BYTES / (width * pixelBytes)) - reachUp - reachDown;
+        bandRows = fastPassBandRows > 0 ? fastPassBandRows
+                                        : (int)std::max<long>(fit, std::max(64, 4 * team));
+        bandRows = std::min(bandRows, a.jMax);
+    }
+    const int planeRows = std::min(rows, bandRows + reachUp + reachDown);
+    const size_t planeSize = width * (size_t)planeRows;
 
     bool done = false;
     // A one-sample copy is its own sample plane; a colour copy is split
@@ -613,6 +660,7 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
             p.lab[q] = labPlane[q];
         }
         p.width = width;
+        p.origin = 0;
         p.useMap = useMap;
         p.block = (int)block;
         const auto plan = [&](KernelPlan &k, const KernelEntry *kernel, int n, int first) {
@@ -628,10 +676,7 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
 #pragma omp parallel num_threads(nbProc)
         {
             const int t = omp_get_thread_num();
-            int r0, r1;
-            staticBlock(rows, t, omp_get_num_threads(), &r0, &r1);
-            if (a.spp == 3) convertRows(a, sample, labPlane, width, r0, r1);
-#pragma omp barrier
+            const int T = omp_get_num_threads();
             unsigned char *mine = scratch + threadBytes * t;
             unsigned char *piece[8];
             for (int q = 0; q < 8; q++) {
@@ -648,9 +693,37 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
             s.need = piece[6];
             s.packed = reinterpret_cast<int32_t *>(piece[7]);
             s.kernel = kernels + kernelCapacity * t;
-#pragma omp for schedule(dynamic, 1) nowait
-            for (int j = 0; j < a.jMax; j++) filterRow(p, j, s);
+            Pass band = p;
+            int top = 0, bottom = 0;  // copy rows the planes hold
+            for (int j0 = 0; j0 < a.jMax; j0 += bandRows) {
+                const int j1 = std::min(j0 + bandRows, a.jMax);
+                if (a.spp == 3) {
+                    const int lo = std::max(0, j0 - reachUp);
+                    const int hi = std::min(rows, j1 + reachDown);
+                    // Rows [lo, bottom) are held already, `shift` rows
+                    // down; they move up in pieces no longer than the
+                    // shift, so no piece overwrites rows still to move.
+                    const int kept = std::max(0, bottom - lo);
+                    const int shift = lo - top;
+                    for (int c0 = 0; shift > 0 && c0 < kept; c0 += shift) {
+                        int r0, r1;
+                        staticBlock(std::min(shift, kept - c0), t, T, &r0, &r1);
+                        moveRows(sample, labPlane, width, shift, c0 + r0, c0 + r1);
 #pragma omp barrier
+                    }
+                    int r0, r1;
+                    staticBlock(hi - lo - kept, t, T, &r0, &r1);
+                    convertRows(a, sample, labPlane, width, lo, lo + kept + r0, lo + kept + r1);
+                    top = lo;
+                    bottom = hi;
+                    band.origin = (size_t)lo * width;
+#pragma omp barrier
+                }
+                // The loop's closing barrier keeps the planes until every
+                // row of the band is done.
+#pragma omp for schedule(dynamic, 1)
+                for (int j = j0; j < j1; j++) filterRow(band, j, s);
+            }
             // Every member calls the smoothing, which shares its rows among them.
             if (a.level > 0) smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
 #pragma omp barrier

@@ -260,6 +260,9 @@ void smoothRow8Fast(const unsigned char *prev, const unsigned char *cur,
                     const unsigned char *next, unsigned char *out, int rowStride, int spp);
 // The instruction set the fast path runs on ("AVX3", "AVX2", ...).
 const char *fastPathTargetName();
+// Output rows per band of colour planes; 0 chooses by size (tests force
+// tiny bands).
+extern int fastPassBandRows;
 
 // ---------------------------------------------------------------------------
 // Exposure weights (exposure_weights.cpp)
