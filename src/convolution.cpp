@@ -8,33 +8,39 @@
 
 namespace lumora {
 
+namespace {
+
+// One output pixel of Sample-typed data: per sample, the weighted sum over the
+// entries in kernel order, truncated to int and stored as its low bits
+// (deliberately no clamp: 256 wraps to 0 in bytes).
+template <typename Sample>
+void convolveDirect(const Sample *in, Sample *out, int spp, int rowStride, int numKernelEntries,
+                    const KernelEntry *bilateralKernel) {
+    for (int s = 0; s < spp; s++) {
+        float sum = 0.0f;
+        for (int e = 0; e < numKernelEntries; e++) {
+            const KernelEntry &k = bilateralKernel[e];
+            sum = sum + (float)in[s + k.ypos * rowStride + k.xpos * spp] * k.factor;
+        }
+        out[s] = (Sample)(int)sum;
+    }
+}
+
+}  // namespace
+
 // logLut and unLogLut are not read: the range weighting is already in the
 // kernel. They keep the three functions on one calling shape.
 void convolveFastSimple8(unsigned char *inImgPtr, unsigned char *outImgPtr, int spp,
                          int rowStride, float *logLut, float *unLogLut, int numKernelEntries,
                          KernelEntry *bilateralKernel) {
-    for (int s = 0; s < spp; s++) {
-        float sum = 0.0f;
-        for (int e = 0; e < numKernelEntries; e++) {
-            const KernelEntry &k = bilateralKernel[e];
-            sum = sum + (float)inImgPtr[s + k.ypos * rowStride + k.xpos * spp] * k.factor;
-        }
-        outImgPtr[s] = (unsigned char)(int)sum;  // Deliberate: low 8 bits, no clamp
-    }
+    convolveDirect(inImgPtr, outImgPtr, spp, rowStride, numKernelEntries, bilateralKernel);
 }
 
 // kernelSize is not read either.
 void convolveFastSimple16(unsigned short *inImgPtr, unsigned short *outImgPtr, int spp,
                           int rowStride, float *logLut, float *unLogLut, int numKernelEntries,
                           KernelEntry *bilateralKernel, int kernelSize) {
-    for (int s = 0; s < spp; s++) {
-        float sum = 0.0f;
-        for (int e = 0; e < numKernelEntries; e++) {
-            const KernelEntry &k = bilateralKernel[e];
-            sum = sum + (float)inImgPtr[s + k.ypos * rowStride + k.xpos * spp] * k.factor;
-        }
-        outImgPtr[s] = (unsigned short)(int)sum;  // Deliberate: low 16 bits, no clamp
-    }
+    convolveDirect(inImgPtr, outImgPtr, spp, rowStride, numKernelEntries, bilateralKernel);
 }
 
 // For images whose borders live in separate buffers: every entry's pixel is
