@@ -23,7 +23,7 @@ void saveKernelImage(const KernelEntry *kernel, int numKernelEntries) {
     for (int e = 0; e < numKernelEntries; e++)
         if (kernel[e].factor > maxFactor) maxFactor = kernel[e].factor;
 
-    unsigned char *picture = static_cast<unsigned char *>(std::malloc((size_t)width * height));
+    unsigned char *picture = static_cast<unsigned char *>(allocate((size_t)width * height));
     if (picture == nullptr) return;
     for (int y = 0; y < height; y++) {
         for (int x = 0; x < width; x++) {
@@ -45,7 +45,7 @@ void saveKernelImage(const KernelEntry *kernel, int numKernelEntries) {
     char name[64];
     std::snprintf(name, sizeof name, "bilateralKernel-%d-lev%d.jpg", __k, __level);
     saveTestImage(name, width, height, 1, 8, picture);
-    std::free(picture);
+    release(picture);
 }
 
 }  // namespace

@@ -133,7 +133,7 @@ int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBor
         // or column past the border. The layout is unchanged; the slack only
         // keeps such reads inside memory this buffer owns, and deterministic.
         const size_t slack = 2 * extendedRowStride * byteDepth;
-        img->image = static_cast<unsigned char *>(std::malloc(size + slack));
+        img->image = static_cast<unsigned char *>(allocate(size + slack));
         if (!img->image) return -4;
         const size_t used = rgbe ? extendedRowStride * (jMax + 2 * b) : size;
         std::memset(img->image + used, 0, size + slack - used);
@@ -151,17 +151,17 @@ int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBor
         }
     } else {
         // Deliberate: each border is allocated four times the size it needs.
-        topBorder = static_cast<unsigned char *>(std::malloc(topBottomSize * 4));
-        bottomBorder = static_cast<unsigned char *>(std::malloc(topBottomSize * 4));
-        leftBorder = static_cast<unsigned char *>(std::malloc(leftRightSize * 4));
-        rightBorder = static_cast<unsigned char *>(std::malloc(leftRightSize * 4));
+        topBorder = static_cast<unsigned char *>(allocate(topBottomSize * 4));
+        bottomBorder = static_cast<unsigned char *>(allocate(topBottomSize * 4));
+        leftBorder = static_cast<unsigned char *>(allocate(leftRightSize * 4));
+        rightBorder = static_cast<unsigned char *>(allocate(leftRightSize * 4));
         img->image = img->inputImage;
         const bool failed = topBottomSize && (!topBorder || !bottomBorder);
         if (failed || (leftRightSize && (!leftBorder || !rightBorder))) {
-            std::free(topBorder);
-            std::free(bottomBorder);
-            std::free(leftBorder);
-            std::free(rightBorder);
+            release(topBorder);
+            release(bottomBorder);
+            release(leftBorder);
+            release(rightBorder);
             return -4;
         }
     }
@@ -213,14 +213,14 @@ int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBor
 
 void freeOutsideImageBorders(ImageWithBorder *img) {
     if (img->mainImageHasBorders) {
-        std::free(img->image);
+        release(img->image);
         img->image = nullptr;
         return;
     }
     // The image itself is the caller's.
     for (unsigned char **border :
          {&img->topBorder, &img->bottomBorder, &img->leftBorder, &img->rightBorder}) {
-        std::free(*border);
+        release(*border);
         *border = nullptr;
     }
 }

@@ -28,6 +28,27 @@ double xyz_rgb_2[3][3];
 namespace {
 // Released by CIELab_End; nothing allocates it.
 LABData *lab = nullptr;
+
+LABData ***allocateLabTable() {
+    LABData ***table = (LABData ***)allocateZeroed(256, sizeof(LABData **));
+    bool complete = table != nullptr;
+    for (int r = 0; complete && r < 256; r++) {
+        table[r] = (LABData **)allocateZeroed(256, sizeof(LABData *));
+        complete = table[r] != nullptr;
+        for (int g = 0; complete && g < 256; g++) {
+            table[r][g] = (LABData *)allocateZeroed(256, sizeof(LABData));
+            complete = table[r][g] != nullptr;
+        }
+    }
+    if (complete) return table;
+    for (int r = 0; table != nullptr && r < 256; r++) {
+        for (int g = 0; table[r] != nullptr && g < 256; g++) release(table[r][g]);
+        release(table[r]);
+    }
+    release(table);
+    return nullptr;
+}
+
 }  // namespace
 
 void CIELab_Init(int nbProc) {
@@ -39,14 +60,12 @@ void CIELab_Init(int nbProc) {
 
 void make_CIELAB_lookup_table(int nbProc) {
     // Allocated once per process and never freed: the table outlives every
-    // call. Allocation results are not checked.
-    if (labLUT == nullptr) {
-        labLUT = (LABData ***)std::calloc(256, sizeof(LABData **));
-        for (int r = 0; r < 256; r++) {
-            labLUT[r] = (LABData **)std::calloc(256, sizeof(LABData *));
-            for (int g = 0; g < 256; g++) labLUT[r][g] = (LABData *)std::calloc(256, sizeof(LABData));
-        }
-    }
+    // call. A table that cannot be allocated in full is given back and
+    // labLUT stays null, with nothing filled; the filters that read it then
+    // fail as for any buffer of theirs that could not be allocated, and the
+    // next call tries again.
+    if (labLUT == nullptr) labLUT = allocateLabTable();
+    if (labLUT == nullptr) return;
     // Deliberate: refilled in full on every call, with identical values. Each
     // thread owns a contiguous block of red planes.
     if (usePlainPath) {
@@ -126,7 +145,7 @@ void pseudoinverse(double in[][3], double out[][3], int size) {
 
 void CIELab_End() {
     if (lab != nullptr) {
-        std::free(lab);
+        release(lab);
         lab = nullptr;
     }
 }

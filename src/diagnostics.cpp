@@ -55,7 +55,8 @@ void saveWithEdges(const char *name, int iMax, int jMax, int spp, ImageWithBorde
     }
     const int width = iMax + 2 * bw;
     const int height = jMax + 2 * bw;
-    unsigned char *picture = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(width) * height * 3));
+    unsigned char *picture = static_cast<unsigned char *>(allocate(static_cast<size_t>(width) * height * 3));
+    if (picture == nullptr) return;  // nothing saved, as for any dump short of memory
     unsigned char *out = picture;
     for (int y = -bw; y < jMax + bw; ++y) {
         for (int x = -bw; x < iMax + bw; ++x) {
@@ -67,7 +68,7 @@ void saveWithEdges(const char *name, int iMax, int jMax, int spp, ImageWithBorde
     // picture grows by twice the border width.
     std::fprintf(stderr, "Old size: %d x %d  New size: %d x %d\n", iMax, jMax, iMax + bw, jMax + bw);
     writeRgb(name, 85, width, height, picture);
-    std::free(picture);
+    release(picture);
 }
 
 }  // namespace
@@ -88,7 +89,9 @@ extern "C" LUMORA_API void saveTestImage(const char *name, int iMax, int jMax, i
     unsigned char *pixels = img;
     if (!(bpsImg == 8 && sppImg == 3)) {
         const size_t numPixels = static_cast<size_t>(iMax) * jMax;
-        converted = static_cast<unsigned char *>(std::malloc(numPixels * 3));
+        converted = static_cast<unsigned char *>(lumora::allocate(numPixels * 3));
+        // A dump is a debugging aid: without memory for it, nothing is saved.
+        if (converted == nullptr) return;
         unsigned char *out = converted;
         if (sppImg == 1) {
             for (size_t n = 0; n < numPixels; ++n) {
@@ -118,7 +121,7 @@ extern "C" LUMORA_API void saveTestImage(const char *name, int iMax, int jMax, i
         pixels = converted;
     }
     lumora::writeRgb(name, 97, iMax, jMax, pixels);
-    std::free(converted);
+    lumora::release(converted);
 }
 
 extern "C" LUMORA_API void dbgSaveTestImage(const char *name, int iMax, int jMax, int sppImg,

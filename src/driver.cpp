@@ -80,10 +80,10 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     int poidsHighAccFactor[2] = {SPATIAL_KERNEL_APPROX_FINE, SPATIAL_KERNEL_APPROX_FINE};
     const float kernelSize = 2 * startRadius + 1;
 
-    outputImageTower = (unsigned char **)std::calloc(numLevels * kMax, sizeof(unsigned char *));
+    outputImageTower = (unsigned char **)allocateZeroed(numLevels * kMax, sizeof(unsigned char *));
     outputImageDiffTower =
-        (unsigned char **)std::calloc(numLevels * kMax, sizeof(unsigned char *));
-    sharpLUT = (float *)std::malloc(2 * (max7 + 1) * sizeof(float));  // twice the room used
+        (unsigned char **)allocateZeroed(numLevels * kMax, sizeof(unsigned char *));
+    sharpLUT = (float *)allocate(2 * (max7 + 1) * sizeof(float));  // twice the room used
 
     int darkMergeThreshold =
         fusionPreserveHighlights
@@ -113,13 +113,21 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     if (fusionPreserveHighlights && kMax != 2) {
         // This early return skips the clean-up below on purpose; the three
         // buffers made so far are released here, which a caller cannot see.
-        std::free(outputImageTower);
-        std::free(outputImageDiffTower);
-        std::free(sharpLUT);
+        release(outputImageTower);
+        release(outputImageDiffTower);
+        release(sharpLUT);
         return -1001;
     }
 
+    // These three are not checked where they are made: a null one ends the
+    // call here like any failed allocation (clean-up, the slot count), rather
+    // than at the first write through it.
+    if (outputImageTower == nullptr || outputImageDiffTower == nullptr || sharpLUT == nullptr)
+        goto cleanup;
+
     CIELab_Init(nbProc);
+    // Likewise a CIELab table that could not be allocated (it stays null).
+    if (labLUT == nullptr) goto cleanup;
 
     // Detail gain by difference magnitude: small differences are boosted
     // most.
@@ -160,7 +168,9 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     if (spp == 3 && fusionPreserveHighlights) {
         int accuracy[2] = {SPATIAL_KERNEL_APPROX_DEFAULT, SPATIAL_KERNEL_APPROX_DEFAULT};
         const int threshold = (int)(max8 * 200.0f / 255.0f * 3.0f);
-        unsigned char *blurBW = (unsigned char *)std::malloc(poidsImageStride);
+        unsigned char *blurBW = (unsigned char *)allocate(poidsImageStride);
+        // The mask buffers are not checked either; each ends the call the same way.
+        if (blurBW == nullptr) goto cleanup;
         dbgSaveTestImage("bilateral-0-original.jpg", iMax, jMax, spp, bpsIn, fusedResult);
         dbgSaveTestImage("bilateral-1-original.jpg", iMax, jMax, spp, bpsIn, imagesBuffer);
 
@@ -189,24 +199,30 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
         }
 
         unsigned char *blurImgTower[2];
-        blurImgTower[0] = (unsigned char *)std::malloc(poidsImageStride);
-        blurImgTower[1] = (unsigned char *)std::malloc(poidsImageStride);
-        brightImage = blurImgTower[1];
+        blurImgTower[0] = (unsigned char *)allocate(poidsImageStride);
+        blurImgTower[1] = (unsigned char *)allocate(poidsImageStride);
+        brightImage = blurImgTower[1];  // released at clean-up
+        if (blurImgTower[0] == nullptr || blurImgTower[1] == nullptr) {
+            release(blurImgTower[0]);
+            release(blurBW);
+            goto cleanup;
+        }
         if (debugMain)
             std::fprintf(stderr,
                          "\n\n(((((((((((((((((((((((((((((((((BRIGHT-FILTER)))))))))))))))))))))))))))))))))\n");
         fusion2a(nbProc, 2, kernelSize, gaussBlurFactor, 10.0f, 10.0f, 1, iMax, jMax, 1, bpsIn,
                  blurBW, 1, bpsIn, hdrImage, nullptr, accuracy, nullptr, nullptr, blurImgTower,
                  nullptr);
-        std::free(blurImgTower[0]);
-        std::free(blurBW);
+        release(blurImgTower[0]);
+        release(blurBW);
 
         for (size_t p = 0; p < poidsImageStride; p++) {
             const int v = brightImage[p];
             brightImage[p] = (unsigned char)(v > 50 ? 255 : v * 255 / 50);
         }
 
-        brightImageDark = (unsigned char *)std::malloc(poidsImageStride);
+        brightImageDark = (unsigned char *)allocate(poidsImageStride);
+        if (brightImageDark == nullptr) goto cleanup;
         std::memcpy(brightImageDark, brightImage, poidsImageStride);
         for (size_t p = 0; p < poidsImageStride; p++) {
             const unsigned char *dark = imagesBuffer + 3 * p;
@@ -224,8 +240,8 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
 
     // Towers. A failure ends the call without a word.
     for (int s = 0; s < numLevels * kMax; s++) {
-        outputImageTower[s] = (unsigned char *)std::malloc(byteDepthBpsIn * imageStride);
-        outputImageDiffTower[s] = (unsigned char *)std::malloc(byteDepthBpsIn * imageStride);
+        outputImageTower[s] = (unsigned char *)allocate(byteDepthBpsIn * imageStride);
+        outputImageDiffTower[s] = (unsigned char *)allocate(byteDepthBpsIn * imageStride);
         if (outputImageTower[s] == nullptr || outputImageDiffTower[s] == nullptr) goto cleanup;
     }
 
@@ -266,8 +282,8 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     }
 
     if (dbgTestImage)
-        results = (unsigned char *)std::malloc(byteDepthBpsIn * imageStride * (numLevels + 1));
-    poidsBuffer = (unsigned char *)std::malloc(byteDepthPoids * poidsImageStride * kMax *
+        results = (unsigned char *)allocate(byteDepthBpsIn * imageStride * (numLevels + 1));
+    poidsBuffer = (unsigned char *)allocate(byteDepthPoids * poidsImageStride * kMax *
                                                (numLevels + 1));
     if (poidsBuffer == nullptr) {
         std::fprintf(stderr, "CAN'T ALLOCATE POIDSBUFFER\n");
@@ -368,18 +384,18 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     progress(callback, 1.0f);
 
 cleanup:
-    std::free(results);
-    std::free(poidsBuffer);
+    release(results);
+    release(poidsBuffer);
     for (slot = 0; slot < numLevels * kMax; slot++) {
-        if (outputImageTower) std::free(outputImageTower[slot]);
-        if (outputImageDiffTower) std::free(outputImageDiffTower[slot]);
+        if (outputImageTower) release(outputImageTower[slot]);
+        if (outputImageDiffTower) release(outputImageDiffTower[slot]);
     }
-    std::free(outputImageTower);
-    std::free(outputImageDiffTower);
-    std::free(smoothImg);
-    std::free(brightImage);
-    std::free(brightImageDark);
-    std::free(sharpLUT);
+    release(outputImageTower);
+    release(outputImageDiffTower);
+    release(smoothImg);
+    release(brightImage);
+    release(brightImageDark);
+    release(sharpLUT);
     // Deliberate: the result counts the tower slots walked, not a status.
     return slot;
 }

@@ -635,15 +635,15 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
     // into three, plus L, A and B when its level is filtered.
     unsigned char *samples = nullptr;
     float *labPlanes = nullptr;
-    if (a.spp == 3) samples = static_cast<unsigned char *>(std::malloc(planeSize * 3));
-    if (lab) labPlanes = static_cast<float *>(std::malloc(planeSize * 3 * sizeof(float)));
+    if (a.spp == 3) samples = static_cast<unsigned char *>(allocate(planeSize * 3));
+    if (lab) labPlanes = static_cast<float *>(allocate(planeSize * 3 * sizeof(float)));
     ptrdiff_t *offsets =
-        static_cast<ptrdiff_t *>(std::malloc((size_t)(nNormal + nFine + 1) * sizeof(ptrdiff_t)));
+        static_cast<ptrdiff_t *>(allocate((size_t)(nNormal + nFine + 1) * sizeof(ptrdiff_t)));
     float *factors =
-        static_cast<float *>(std::malloc((size_t)(nNormal + nFine + 1) * sizeof(float)));
-    unsigned char *scratch = static_cast<unsigned char *>(std::malloc(threadBytes * team));
+        static_cast<float *>(allocate((size_t)(nNormal + nFine + 1) * sizeof(float)));
+    unsigned char *scratch = static_cast<unsigned char *>(allocate(threadBytes * team));
     KernelEntry *kernels =
-        static_cast<KernelEntry *>(std::malloc(kernelCapacity * team * sizeof(KernelEntry)));
+        static_cast<KernelEntry *>(allocate(kernelCapacity * team * sizeof(KernelEntry)));
     if ((a.spp == 3 && samples == nullptr) || (lab && labPlanes == nullptr) || offsets == nullptr ||
         factors == nullptr || scratch == nullptr || kernels == nullptr)
         goto cleanup;
@@ -732,12 +732,12 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
     done = true;
 
 cleanup:
-    std::free(samples);
-    std::free(labPlanes);
-    std::free(offsets);
-    std::free(factors);
-    std::free(scratch);
-    std::free(kernels);
+    release(samples);
+    release(labPlanes);
+    release(offsets);
+    release(factors);
+    release(scratch);
+    release(kernels);
     return done;
 }
 

@@ -104,15 +104,15 @@ inline void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
 // Row j's pointers: entry e = (numLevels - lev) * kMax + k as in the
 // per-pixel code, each at the row's first pixel.
 struct RowView {
-    std::vector<unsigned char *> images;    // samples added to the sum
-    std::vector<unsigned char *> smoothed;  // samples the weights are judged by
-    std::vector<unsigned char *> poids;     // weight plane
+    unsigned char **images = nullptr;    // samples added to the sum
+    unsigned char **smoothed = nullptr;  // samples the weights are judged by
+    unsigned char **poids = nullptr;     // weight plane
     const unsigned char *fused = nullptr;         // highlight mode
     const unsigned char *dark = nullptr;
 };
 
 inline void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
-    reconstructionRowEntries(a, j, row.images.data(), row.smoothed.data(), row.poids.data());
+    reconstructionRowEntries(a, j, row.images, row.smoothed, row.poids);
     const size_t positIn = (size_t)a.iMax * j * 3;
     if (a.fusionPreserveHighlights) {
         row.fused = a.fusedResult + positIn;
@@ -489,27 +489,33 @@ bool fastReconstructionCovers(const ReconstructionArgs &a) {
            (a.byteDepthBpsOut == 1 || a.byteDepthBpsOut == 2) && !dbgTestImage;
 }
 
-void reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
+bool reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
     using namespace fastweights;
-    if (rowBegin >= rowEnd) return;
+    if (rowBegin >= rowEnd) return true;
     const int entries = (a.numLevels + 1) * a.kMax;
     const size_t iMax = (size_t)a.iMax;
+    // One block per call: the row pointers, then the weights of every entry
+    // and the row's sums and samples.
+    const size_t pointerBytes = 3 * (size_t)entries * sizeof(unsigned char *);
+    const size_t floats = (size_t)entries * iMax + 6 * iMax;
+    unsigned char *block = static_cast<unsigned char *>(allocate(pointerBytes + floats * sizeof(float)));
+    if (block == nullptr) return false;
     ReconTables t;
     buildReconTables(a, &t);
     RowView row;
-    row.images.resize(entries);
-    row.smoothed.resize(entries);
-    row.poids.resize(entries);
-    std::vector<float> w(entries * iMax);
-    std::vector<float> acc(3 * iMax);
-    std::vector<float> samples(3 * iMax);
+    row.images = reinterpret_cast<unsigned char **>(block);
+    row.smoothed = row.images + entries;
+    row.poids = row.smoothed + entries;
+    float *w = reinterpret_cast<float *>(block + pointerBytes);
+    float *acc = w + (size_t)entries * iMax;
+    float *samples = acc + 3 * iMax;
 
     for (int j = rowBegin; j < rowEnd; j++) {
         startRowView(a, j, row);
         // Dispatched per row: a pointer kept from before the first dispatch
         // would be the chooser, which asks the processor again on every call.
-        HWY_DYNAMIC_DISPATCH(RowWeights)(a, t, row, j, w.data());
-        HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, w.data(), acc.data());
+        HWY_DYNAMIC_DISPATCH(RowWeights)(a, t, row, j, w);
+        HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, w, acc);
         for (size_t x = 0; x < iMax; x++) {
             float fvals[3] = {acc[x], acc[iMax + x], acc[2 * iMax + x]};
             if (a.satCoeff != 0.0f) {
@@ -524,8 +530,10 @@ void reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) 
             for (int s = 0; s < 3; s++) samples[3 * x + s] = a.rgb2bgr ? fvals[2 - s] : fvals[s];
         }
         unsigned char *out = a.resImage + (size_t)a.rowOut * j * a.byteDepthBpsOut;
-        HWY_DYNAMIC_DISPATCH(StoreRow)(samples.data(), out, 3 * iMax, a.byteDepthBpsOut);
+        HWY_DYNAMIC_DISPATCH(StoreRow)(samples, out, 3 * iMax, a.byteDepthBpsOut);
     }
+    release(block);
+    return true;
 }
 
 }  // namespace lumora

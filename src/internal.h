@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "BilateralFilter.h"
@@ -30,6 +31,31 @@
 namespace lumora {
 
 [[noreturn]] void assertionFailed(const char *expression, int line, const char *function);
+
+// ---------------------------------------------------------------------------
+// Allocation (allocation.cpp). Every buffer of the module comes from here and
+// goes back through release, so that a test build (LUMORA_ALLOCATION_FAULTS)
+// can fail any one allocation and count what is still held.
+
+#ifdef LUMORA_ALLOCATION_FAULTS
+void *allocate(size_t bytes);
+void *allocateZeroed(size_t count, size_t size);
+void release(void *block);
+
+struct AllocationFaults {
+    long failAt;        // the allocation (counted from 1 since the reset) that fails; 0: none
+    long count;         // allocations asked for since the reset
+    long live;          // blocks handed out and not yet released, since the reset
+    size_t failedSize;  // bytes the failed allocation asked for
+};
+// Starts counting afresh; the failAt-th allocation from now on fails.
+void resetAllocationFaults(long failAt);
+AllocationFaults allocationFaults();
+#else
+inline void *allocate(size_t bytes) { return std::malloc(bytes); }
+inline void *allocateZeroed(size_t count, size_t size) { return std::calloc(count, size); }
+inline void release(void *block) { std::free(block); }
+#endif
 
 // ---------------------------------------------------------------------------
 // Shared types
@@ -236,7 +262,9 @@ struct LevelPassArgs {
     int extendedRowStride;
     int imageHasBorder;
 };
-void levelPass(int nbProc, const LevelPassArgs &args);
+// 0, or -4 when a thread's kernel buffer could not be allocated (then no row
+// is filtered).
+int levelPass(int nbProc, const LevelPassArgs &args);
 
 // Level pyramid (pyramid.cpp).
 int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
@@ -350,8 +378,9 @@ void rawWeightsFast(int kMax, int iMax, int jMax, unsigned char **in, unsigned c
 // weights, three samples, at most three images, no debug dumps).
 bool fastReconstructionCovers(const ReconstructionArgs &args);
 // Output rows [rowBegin, rowEnd) of the reconstruction, vectorised across the
-// pixels of a row, with the per-pixel code's bytes and aborts.
-void reconstructRowsFast(const ReconstructionArgs &args, int rowBegin, int rowEnd);
+// pixels of a row, with the per-pixel code's bytes and aborts. False, with
+// nothing written, when its row buffers cannot be allocated.
+bool reconstructRowsFast(const ReconstructionArgs &args, int rowBegin, int rowEnd);
 
 // ---------------------------------------------------------------------------
 // Driver (driver.cpp)

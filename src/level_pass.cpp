@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,60 +119,64 @@ void filterEdgePixel(const LevelPassArgs &a, int i, int j, KernelEntry *bilatera
 
 }  // namespace
 
-void levelPass(int nbProc, const LevelPassArgs &a) {
-    if (!usePlainPath && a.bps == 8 && a.imageHasBorder && fastLevelPass(nbProc, a)) return;
+int levelPass(int nbProc, const LevelPassArgs &a) {
+    if (!usePlainPath && a.bps == 8 && a.imageHasBorder && fastLevelPass(nbProc, a)) return 0;
+    // Set by any thread that could not get its kernel buffer.
+    std::atomic<bool> shortOfMemory{false};
 #pragma omp parallel num_threads(nbProc)
     {
         const int externalBorderSpace = a.imageHasBorder ? 0 : a.largestHalfKernelSize;
 
-        // Every thread builds its pixels' kernels in its own buffer. There is
-        // no way to report a failure from here, and with rows handed out
-        // dynamically a thread cannot leave its share to the others, so
-        // running out of memory for these few kilobytes ends the process.
+        // Every thread builds its pixels' kernels in its own buffer. With rows
+        // handed out dynamically a thread cannot leave its share to the others,
+        // so when any thread is refused its buffer, the whole team skips the
+        // pass together and the pyramid gives up as for its own buffers.
         const size_t capacity = (size_t)std::max(a.numKernelEntries, a.numFineKernelEntries);
         KernelEntry *bilateralKernel = static_cast<KernelEntry *>(
-            std::malloc(std::max<size_t>(capacity, 1) * sizeof(KernelEntry)));
-        if (bilateralKernel == nullptr) {
-            std::fprintf(stderr, "levelPass: cannot allocate a kernel buffer of %zu entries\n",
-                         capacity);
-            std::abort();
-        }
-
-        if (a.bps == 8) {
-#pragma omp for schedule(dynamic, 1) nowait
-            for (int j = externalBorderSpace; j < a.jMax - externalBorderSpace; j++)
-                for (int i = externalBorderSpace; i < a.iMax - externalBorderSpace; i++)
-                    filterPixel8(a, i, j, externalBorderSpace, bilateralKernel);
+            allocate(std::max<size_t>(capacity, 1) * sizeof(KernelEntry)));
+        if (bilateralKernel == nullptr) shortOfMemory.store(true);
+#pragma omp barrier
+        if (shortOfMemory.load()) {
+            release(bilateralKernel);
         } else {
-            // Kept: pixels closer than halfKernelSize to an edge are not written.
+            if (a.bps == 8) {
 #pragma omp for schedule(dynamic, 1) nowait
-            for (int j = a.halfKernelSize; j < a.jMax - a.halfKernelSize; j++)
-                for (int i = a.halfKernelSize; i < a.iMax - a.halfKernelSize; i++)
-                    filterPixel16(a, i, j, bilateralKernel);
-        }
-
-        if (!a.imageHasBorder) {
-            const int e = externalBorderSpace;
-            // Top and bottom strips, column by column.
+                for (int j = externalBorderSpace; j < a.jMax - externalBorderSpace; j++)
+                    for (int i = externalBorderSpace; i < a.iMax - externalBorderSpace; i++)
+                        filterPixel8(a, i, j, externalBorderSpace, bilateralKernel);
+            } else {
+                // Kept: pixels closer than halfKernelSize to an edge are not written.
 #pragma omp for schedule(dynamic, 1) nowait
-            for (int i = 0; i < a.iMax; i++) {
-                for (int j = 0; j < e; j++) filterEdgePixel(a, i, j, bilateralKernel);
-                for (int j = a.jMax - e; j < a.jMax; j++) filterEdgePixel(a, i, j, bilateralKernel);
+                for (int j = a.halfKernelSize; j < a.jMax - a.halfKernelSize; j++)
+                    for (int i = a.halfKernelSize; i < a.iMax - a.halfKernelSize; i++)
+                        filterPixel16(a, i, j, bilateralKernel);
             }
-            // Left and right strips of the remaining rows.
-#pragma omp for schedule(dynamic, 1) nowait
-            for (int j = e; j < a.jMax - e; j++) {
-                for (int i = 0; i < e; i++) filterEdgePixel(a, i, j, bilateralKernel);
-                for (int i = a.iMax - e; i < a.iMax; i++) filterEdgePixel(a, i, j, bilateralKernel);
-            }
-        }
 
-        std::free(bilateralKernel);
+            if (!a.imageHasBorder) {
+                const int e = externalBorderSpace;
+                // Top and bottom strips, column by column.
+#pragma omp for schedule(dynamic, 1) nowait
+                for (int i = 0; i < a.iMax; i++) {
+                    for (int j = 0; j < e; j++) filterEdgePixel(a, i, j, bilateralKernel);
+                    for (int j = a.jMax - e; j < a.jMax; j++) filterEdgePixel(a, i, j, bilateralKernel);
+                }
+                // Left and right strips of the remaining rows.
+#pragma omp for schedule(dynamic, 1) nowait
+                for (int j = e; j < a.jMax - e; j++) {
+                    for (int i = 0; i < e; i++) filterEdgePixel(a, i, j, bilateralKernel);
+                    for (int i = a.iMax - e; i < a.iMax; i++) filterEdgePixel(a, i, j, bilateralKernel);
+                }
+            }
+
+            release(bilateralKernel);
 #pragma omp barrier
-        // Every member calls the smoothing, which shares its rows among them.
-        if (a.level > 0) smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
+            // Every member calls the smoothing, which shares its rows among them.
+            if (a.level > 0)
+                smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
 #pragma omp barrier
+        }
     }
+    return shortOfMemory.load() ? -4 : 0;
 }
 
 }  // namespace lumora

@@ -15,7 +15,7 @@ namespace {
 // The level's input mapped through the CIELab table into a viewable picture.
 void saveLabImage(const unsigned char *input, int iMax, int jMax, const char *name) {
     const size_t numPixels = (size_t)iMax * jMax;
-    unsigned char *picture = static_cast<unsigned char *>(std::malloc(numPixels * 3));
+    unsigned char *picture = static_cast<unsigned char *>(allocate(numPixels * 3));
     if (picture == nullptr) return;
     for (size_t p = 0; p < numPixels; p++) {
         const unsigned char *rgb = input + p * 3;
@@ -25,7 +25,7 @@ void saveLabImage(const unsigned char *input, int iMax, int jMax, const char *na
         picture[p * 3 + 2] = (unsigned char)(int)(lab.b * 255.0f / 300.0f);
     }
     saveTestImage(name, iMax, jMax, 3, 8, picture);
-    std::free(picture);
+    release(picture);
 }
 
 // Moves every entry of a kernel by (dx, dy); no entry may end up left of or
@@ -103,30 +103,34 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
     float rangeKernelSigma;
 
     if (accFactors == nullptr) {
-        defaultAccFactors = static_cast<int *>(std::malloc(levelSlots * sizeof(int)));
+        defaultAccFactors = static_cast<int *>(allocate(levelSlots * sizeof(int)));
         if (defaultAccFactors == nullptr) goto outOfMemory;
         for (int l = 0; l < numLevels; l++) defaultAccFactors[l] = SPATIAL_KERNEL_APPROX_DEFAULT;
         accFactors = defaultAccFactors;
     }
     if (highAccFactors == nullptr) {
-        defaultHighAccFactors = static_cast<int *>(std::malloc(levelSlots * sizeof(int)));
+        defaultHighAccFactors = static_cast<int *>(allocate(levelSlots * sizeof(int)));
         if (defaultHighAccFactors == nullptr) goto outOfMemory;
         for (int l = 0; l < numLevels; l++) defaultHighAccFactors[l] = SPATIAL_KERNEL_APPROX_FINE;
         highAccFactors = defaultHighAccFactors;
     }
 
+    // The colour distance reads the CIELab table: a table that could not be
+    // allocated counts as a buffer of ours that could not be.
+    if (spp == 3 && bps == 8 && labLUT == nullptr) goto outOfMemory;
+
     makeRgbeExpLut(rgbeExpLut);
-    expLut = static_cast<float *>(std::malloc(fusion2luts(maxVal) * sizeof(float)));
+    expLut = static_cast<float *>(allocate(fusion2luts(maxVal) * sizeof(float)));
     // logLut is handed down and never read; it lives on the heap with expLut
     // rather than taking 256 KB of the caller's stack. unLogLut is reserved
     // and read by nothing, so none is made.
-    logLut = static_cast<float *>(std::malloc(LOG_LUT_ENTRIES * sizeof(float)));
+    logLut = static_cast<float *>(allocate(LOG_LUT_ENTRIES * sizeof(float)));
     if (expLut == nullptr || logLut == nullptr) goto outOfMemory;
     makeLogLUT(logLut);
 
     // Zero-filled so that what the 16-bit smoothing leaves unwritten is
     // defined.
-    smoothImg = static_cast<unsigned char *>(std::calloc(std::max<size_t>(imageBytes, 1), 1));
+    smoothImg = static_cast<unsigned char *>(allocateZeroed(std::max<size_t>(imageBytes, 1), 1));
     if (smoothImg == nullptr) goto outOfMemory;
 
     rangeKernelSigma = sigmaRange;
@@ -142,12 +146,12 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
     // Zero-filled: a gauss-only level divides numKernelEntries fine entries,
     // which can be more than the fine kernel holds.
     spatialKernel = static_cast<KernelEntry *>(
-        std::calloc(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
+        allocateZeroed(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
     spatialKernelFine = static_cast<KernelEntry *>(
-        std::calloc(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
+        allocateZeroed(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
     if (spatialKernel == nullptr || spatialKernelFine == nullptr) goto outOfMemory;
 
-    images = static_cast<unsigned char **>(std::calloc(numLevels + 1, sizeof(unsigned char *)));
+    images = static_cast<unsigned char **>(allocateZeroed(numLevels + 1, sizeof(unsigned char *)));
     if (images == nullptr) goto outOfMemory;
     images[0] = inImage;
     for (int l = 1; l <= numLevels; l++) images[l] = outImageTower[l - 1];
@@ -285,7 +289,7 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
             args.rangeKernelSigma = rangeKernelSigma;
             args.extendedRowStride = extendedRowStride;
             args.imageHasBorder = imageHasBorder;
-            levelPass(nbProc, args);
+            if (levelPass(nbProc, args) != 0) goto outOfMemory;
         }
 
         // The tower holds the smoothed filter result.
@@ -336,14 +340,14 @@ outOfMemory:
     retour = -4;
 cleanup:
     freeOutsideImageBorders(&img);
-    std::free(images);
-    std::free(spatialKernel);
-    std::free(spatialKernelFine);
-    std::free(expLut);
-    std::free(logLut);
-    std::free(smoothImg);
-    std::free(defaultAccFactors);
-    std::free(defaultHighAccFactors);
+    release(images);
+    release(spatialKernel);
+    release(spatialKernelFine);
+    release(expLut);
+    release(logLut);
+    release(smoothImg);
+    release(defaultAccFactors);
+    release(defaultHighAccFactors);
     return retour;
 }
 

@@ -269,9 +269,10 @@ void reconstruct(int nbProc, const ReconstructionArgs &args) {
     {
         int rowBegin, rowEnd;
         staticBlock(args.jMax, omp_get_thread_num(), omp_get_num_threads(), &rowBegin, &rowEnd);
-        if (!usePlainPath && fastReconstructionCovers(args))
-            reconstructRowsFast(args, rowBegin, rowEnd);
-        else
+        // Short of memory for its row buffers, the fast path leaves the rows
+        // to the per-pixel code, which needs none and writes the same bytes.
+        if (usePlainPath || !fastReconstructionCovers(args) ||
+            !reconstructRowsFast(args, rowBegin, rowEnd))
             reconstructRows(args, rowBegin, rowEnd);
 
 #pragma omp barrier
