@@ -11,6 +11,7 @@ packages=(
   libcli11-dev                              # command-line parsing
   libhwy-dev                                # SIMD dispatch
   libgtest-dev libgmock-dev libbenchmark-dev  # tests and benchmarks
+  clang libclang-rt-dev libomp-dev          # thread sanitizer and fuzzing builds
 )
 
 missing=()

@@ -1,12 +1,69 @@
 #!/usr/bin/env bash
-# Installs what is missing, configures, builds and runs the whole test suite.
+# Installs what is missing, then builds and runs the whole test suite three
+# times: the ordinary build; AddressSanitizer with UndefinedBehaviorSanitizer
+# and leak checking, in the build whose allocations can be made to fail one
+# by one; ThreadSanitizer (clang, LLVM's OpenMP runtime with its race-detection
+# tool) over the tests that run thread teams. Prints each stage's time.
+#
+#   bash scripts/test.sh                 all stages
+#   LUMORA_TEST_STAGES="unit asan" bash scripts/test.sh    some of them
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-build=${LUMORA_BUILD_DIR:-$root/build}
+stages=${LUMORA_TEST_STAGES:-unit asan tsan}
 jobs=$(nproc)
+timings=()
 
-bash "$root/scripts/install-deps.sh"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-      -DLUMORA_BUILD_TESTS=ON
-cmake --build "$build" -j"$jobs"
-ctest --test-dir "$build" --output-on-failure -j"$jobs"
+configure_build_test() {  # build dir, ctest arguments after "--", cmake arguments before
+    local dir=$1; shift
+    local cmake_args=() ctest_args=()
+    while [ $# -gt 0 ] && [ "$1" != "--" ]; do cmake_args+=("$1"); shift; done
+    [ $# -gt 0 ] && shift
+    ctest_args=("$@")
+    cmake -S "$root" -B "$dir" -G Ninja "${cmake_args[@]}"
+    cmake --build "$dir" -j"$jobs"
+    ctest --test-dir "$dir" --output-on-failure -j"$jobs" "${ctest_args[@]}"
+}
+
+run_stage() {
+    local name=$1; shift
+    local start=$SECONDS
+    echo "=== stage $name ===" >&2
+    "$@"
+    timings+=("$name: $((SECONDS - start)) s")
+}
+
+unit() {
+    configure_build_test "${LUMORA_BUILD_DIR:-$root/build}" \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON
+}
+
+asan() {
+    local flags="-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
+    ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    configure_build_test "$root/build-asan" \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_ALLOCATION_FAULTS=ON \
+        "-DCMAKE_C_FLAGS=$flags" "-DCMAKE_CXX_FLAGS=$flags" \
+        "-DCMAKE_EXE_LINKER_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=$flags"
+}
+
+tsan() {
+    local flags="-fsanitize=thread"
+    local archer
+    archer=$(ls /usr/lib/llvm-*/lib/libarcher.so 2>/dev/null | sort -V | tail -n1)
+    # Death tests fork a process that aborts on purpose; they say nothing
+    # about races and are left to the other stages.
+    CC=clang CXX=clang++ OMP_TOOL_LIBRARIES="$archer" \
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ignore_noninstrumented_modules=1" \
+    configure_build_test "$root/build-tsan" \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_BUILD_TOOLS=OFF \
+        "-DCMAKE_C_FLAGS=$flags" "-DCMAKE_CXX_FLAGS=$flags" \
+        "-DCMAKE_EXE_LINKER_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=$flags" \
+        -- -E "Death|SharedLibrary|HostLibrary"
+}
+
+run_stage install bash "$root/scripts/install-deps.sh"
+for stage in $stages; do
+    run_stage "$stage" "$stage"
+done
+printf 'stage times: %s\n' "${timings[@]}"

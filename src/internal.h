@@ -51,6 +51,9 @@ struct AllocationFaults {
 // Starts counting afresh; the failAt-th allocation from now on fails.
 void resetAllocationFaults(long failAt);
 AllocationFaults allocationFaults();
+// Set by the fault test, which fuses hundreds of times: a CIELab table that
+// is already filled is not filled again (every refill writes the same values).
+extern bool keepFilledLabTable;
 #else
 inline void *allocate(size_t bytes) { return std::malloc(bytes); }
 inline void *allocateZeroed(size_t count, size_t size) { return std::calloc(count, size); }
