@@ -26,7 +26,40 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-bool sizeAllowed(long long width, long long height, std::string &error) {
+// A file as the encoders and libtiff see it. The first failed write keeps its
+// errno, so that a full disk, a file-size limit or a vanished folder is
+// reported in the system's words rather than as an encoder's complaint.
+struct Stream {
+    FILE *fp = nullptr;
+    int failure = 0;  // errno of the first failed write or close; 0 while all is well
+};
+
+bool streamWrite(Stream &stream, const void *data, size_t size) {
+    if (stream.failure)
+        return false;
+    errno = 0;
+    if (fwrite(data, 1, size, stream.fp) != size) {
+        stream.failure = errno ? errno : EIO;
+        return false;
+    }
+    return true;
+}
+
+// Flushes and closes the output. A failure of the file system wins over the
+// encoder's message (encoderError, empty when the encoder finished).
+bool finishOutput(FilePtr &file, Stream &stream, const std::string &encoderError, std::string &error) {
+    errno = 0;
+    if ((fflush(file.get()) != 0 || ferror(file.get())) && !stream.failure)
+        stream.failure = errno ? errno : EIO;
+    errno = 0;
+    if (fclose(file.release()) != 0 && !stream.failure)
+        stream.failure = errno ? errno : EIO;
+    error = stream.failure ? strerror(stream.failure) : encoderError;
+    return error.empty();
+}
+
+// Every reader asks this right after the header, before it allocates pixels.
+bool sizeAllowed(long long width, long long height, const SizeCheck &check, std::string &error) {
     if (width <= 0 || height <= 0) {
         error = "the image has no pixels";
         return false;
@@ -36,7 +69,7 @@ bool sizeAllowed(long long width, long long height, std::string &error) {
                 " pixels (at most " + std::to_string(kMaxPixels / 1000000) + " megapixels)";
         return false;
     }
-    return true;
+    return !check || check(int(width), int(height), error);
 }
 
 // ---------------------------------------------------------------------------
@@ -79,7 +112,8 @@ void jpegProgress(j_common_ptr cinfo) {
     }
 }
 
-bool readJpeg(FILE *fp, Image &image, std::string &error, std::vector<std::string> &notes) {
+bool readJpeg(FILE *fp, Image &image, std::string &error, std::vector<std::string> &notes,
+              const SizeCheck &check) {
     jpeg_decompress_struct cinfo;
     JpegError jerr;
     jpeg_progress_mgr progress{};
@@ -98,7 +132,7 @@ bool readJpeg(FILE *fp, Image &image, std::string &error, std::vector<std::strin
     cinfo.progress = &progress;
     jpeg_stdio_src(&cinfo, fp);
     jpeg_read_header(&cinfo, TRUE);
-    if (!sizeAllowed(cinfo.image_width, cinfo.image_height, error)) {
+    if (!sizeAllowed(cinfo.image_width, cinfo.image_height, check, error)) {
         jpeg_destroy_decompress(&cinfo);
         return false;
     }
@@ -158,13 +192,49 @@ bool readJpeg(FILE *fp, Image &image, std::string &error, std::vector<std::strin
     return true;
 }
 
+// libjpeg's own stdio destination reports every failure as a full disk; this
+// one keeps the reason.
+struct JpegDestination {
+    jpeg_destination_mgr mgr;
+    Stream *stream;
+    JOCTET buffer[16384];
+};
+
+void jpegInitDestination(j_compress_ptr cinfo) {
+    auto *dest = reinterpret_cast<JpegDestination *>(cinfo->dest);
+    dest->mgr.next_output_byte = dest->buffer;
+    dest->mgr.free_in_buffer = sizeof dest->buffer;
+}
+
+boolean jpegEmptyBuffer(j_compress_ptr cinfo) {
+    auto *dest = reinterpret_cast<JpegDestination *>(cinfo->dest);
+    if (!streamWrite(*dest->stream, dest->buffer, sizeof dest->buffer))
+        ERREXIT(cinfo, JERR_FILE_WRITE);
+    jpegInitDestination(cinfo);
+    return TRUE;
+}
+
+void jpegTermDestination(j_compress_ptr cinfo) {
+    auto *dest = reinterpret_cast<JpegDestination *>(cinfo->dest);
+    if (!streamWrite(*dest->stream, dest->buffer, sizeof dest->buffer - dest->mgr.free_in_buffer))
+        ERREXIT(cinfo, JERR_FILE_WRITE);
+}
+
 bool writeJpeg(const std::string &path, int width, int height, const unsigned char *rgb,
                int quality, std::string &error) {
-    FilePtr fp(fopen(path.c_str(), "wb"));
-    if (!fp) {
+    FilePtr file(fopen(path.c_str(), "wb"));
+    if (!file) {
         error = strerror(errno);
         return false;
     }
+    // Heap blocks: only what they hold changes after setjmp, so they are still valid after a long jump.
+    const auto stream = std::make_unique<Stream>();
+    const auto dest = std::make_unique<JpegDestination>();
+    stream->fp = file.get();
+    dest->stream = stream.get();
+    dest->mgr.init_destination = jpegInitDestination;
+    dest->mgr.empty_output_buffer = jpegEmptyBuffer;
+    dest->mgr.term_destination = jpegTermDestination;
     jpeg_compress_struct cinfo;
     JpegError jerr;
     cinfo.err = jpeg_std_error(&jerr.mgr);
@@ -173,11 +243,11 @@ bool writeJpeg(const std::string &path, int width, int height, const unsigned ch
     jerr.warningCode = -1;
     if (setjmp(jerr.jump)) {
         jpeg_destroy_compress(&cinfo);
-        error = std::string("JPEG encoder: ") + jerr.message;
+        finishOutput(file, *stream, std::string("JPEG encoder: ") + jerr.message, error);
         return false;
     }
     jpeg_create_compress(&cinfo);
-    jpeg_stdio_dest(&cinfo, fp.get());
+    cinfo.dest = &dest->mgr;
     cinfo.image_width = width;
     cinfo.image_height = height;
     cinfo.input_components = 3;
@@ -196,15 +266,7 @@ bool writeJpeg(const std::string &path, int width, int height, const unsigned ch
     }
     jpeg_finish_compress(&cinfo);
     jpeg_destroy_compress(&cinfo);
-    if (fflush(fp.get()) != 0 || ferror(fp.get())) {
-        error = strerror(errno);
-        return false;
-    }
-    if (fclose(fp.release()) != 0) {
-        error = strerror(errno);
-        return false;
-    }
-    return true;
+    return finishOutput(file, *stream, "", error);
 }
 
 // ---------------------------------------------------------------------------
@@ -222,7 +284,8 @@ void pngError(png_structp png, png_const_charp message) {
 
 void pngWarning(png_structp, png_const_charp) {}  // benign (e.g. odd sRGB profiles)
 
-bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string> &notes) {
+bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string> &notes,
+             const SizeCheck &check) {
     PngContext ctx;
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
     if (!png) {
@@ -242,7 +305,7 @@ bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string
     png_uint_32 w = 0, h = 0;
     int bitDepth = 0, colorType = 0, interlace = 0;
     png_get_IHDR(png, info, &w, &h, &bitDepth, &colorType, &interlace, nullptr, nullptr);
-    if (!sizeAllowed(w, h, error)) {
+    if (!sizeAllowed(w, h, check, error)) {
         png_destroy_read_struct(&png, &info, nullptr);
         return false;
     }
@@ -283,27 +346,36 @@ bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string
     return true;
 }
 
+void pngWrite(png_structp png, png_bytep data, size_t size) {
+    if (!streamWrite(*static_cast<Stream *>(png_get_io_ptr(png)), data, size))
+        png_error(png, "Write Error");
+}
+
+void pngFlush(png_structp) {}  // finishOutput flushes
+
 bool writePng(const std::string &path, int width, int height, int depth, const void *samples,
               std::string &error) {
-    FilePtr fp(fopen(path.c_str(), "wb"));
-    if (!fp) {
+    FilePtr file(fopen(path.c_str(), "wb"));
+    if (!file) {
         error = strerror(errno);
         return false;
     }
+    const auto stream = std::make_unique<Stream>();  // heap: valid after a long jump
+    stream->fp = file.get();
     PngContext ctx;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
     png_infop info = png ? png_create_info_struct(png) : nullptr;
     if (!png || !info) {
         png_destroy_write_struct(&png, info ? &info : nullptr);
-        error = "out of memory";
+        finishOutput(file, *stream, "out of memory", error);
         return false;
     }
     if (setjmp(png_jmpbuf(png))) {
         png_destroy_write_struct(&png, &info);
-        error = "PNG encoder: " + ctx.message;
+        finishOutput(file, *stream, "PNG encoder: " + ctx.message, error);
         return false;
     }
-    png_init_io(png, fp.get());
+    png_set_write_fn(png, stream.get(), pngWrite, pngFlush);
     png_set_IHDR(png, info, width, height, depth, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_write_info(png, info);
@@ -318,11 +390,7 @@ bool writePng(const std::string &path, int width, int height, int depth, const v
         png_write_row(png, const_cast<png_bytep>(bytes + y * rowBytes));
     png_write_end(png, info);
     png_destroy_write_struct(&png, &info);
-    if (fflush(fp.get()) != 0 || ferror(fp.get()) || fclose(fp.release()) != 0) {
-        error = strerror(errno);
-        return false;
-    }
-    return true;
+    return finishOutput(file, *stream, "", error);
 }
 
 // ---------------------------------------------------------------------------
@@ -338,9 +406,18 @@ void tiffError(const char *module, const char *fmt, va_list ap) {
     char buffer[512];
     vsnprintf(buffer, sizeof buffer, fmt, ap);
     tiffMessage = buffer;
-    // The stream is opened under the name "input"; the caller names the file.
-    if (tiffMessage.rfind("input: ", 0) == 0)
-        tiffMessage.erase(0, 7);
+    // Some messages run over two lines; ours are one.
+    for (size_t at = tiffMessage.find('\n'); at != std::string::npos; at = tiffMessage.find('\n', at)) {
+        const size_t end = tiffMessage.find_first_not_of(" \t\n", at);
+        if (end == std::string::npos)
+            tiffMessage.erase(at);
+        else
+            tiffMessage.replace(at, end - at, " ");
+    }
+    // Streams are opened under the names "input" and "output"; the caller names the file.
+    for (const char *name : {"input: ", "output: "})
+        if (tiffMessage.rfind(name, 0) == 0)
+            tiffMessage.erase(0, strlen(name));
 }
 
 void tiffWarning(const char *, const char *, va_list) {}  // unknown tags and the like
@@ -355,19 +432,26 @@ void installTiffHandlers() {
     tiffMessage.clear();
 }
 
+// libtiff's handle is a Stream.
 tmsize_t tiffRead(thandle_t h, void *buf, tmsize_t size) {
-    return tmsize_t(fread(buf, 1, size_t(size), static_cast<FILE *>(h)));
+    return tmsize_t(fread(buf, 1, size_t(size), static_cast<Stream *>(h)->fp));
 }
-tmsize_t tiffWrite(thandle_t, void *, tmsize_t) { return 0; }
+tmsize_t tiffWrite(thandle_t h, void *buf, tmsize_t size) {
+    return streamWrite(*static_cast<Stream *>(h), buf, size_t(size)) ? size : 0;
+}
 toff_t tiffSeek(thandle_t h, toff_t off, int whence) {
-    FILE *f = static_cast<FILE *>(h);
-    if (fseeko(f, off_t(off), whence) != 0)
+    Stream *stream = static_cast<Stream *>(h);
+    errno = 0;
+    if (fseeko(stream->fp, off_t(off), whence) != 0) {  // a seek writes out what is buffered
+        if (!stream->failure)
+            stream->failure = errno ? errno : EIO;
         return toff_t(-1);
-    return toff_t(ftello(f));
+    }
+    return toff_t(ftello(stream->fp));
 }
 int tiffClose(thandle_t) { return 0; }
 toff_t tiffSize(thandle_t h) {
-    FILE *f = static_cast<FILE *>(h);
+    FILE *f = static_cast<Stream *>(h)->fp;
     const off_t here = ftello(f);
     fseeko(f, 0, SEEK_END);
     const off_t end = ftello(f);
@@ -389,14 +473,17 @@ bool directoryPastEnd(FILE *fp) {
                                          uint32_t(header[7]) << 24
                                    : uint32_t(header[7]) | uint32_t(header[6]) << 8 | uint32_t(header[5]) << 16 |
                                          uint32_t(header[4]) << 24;
-    const bool past = uint64_t(offset) + 2 > uint64_t(tiffSize(fp));
+    Stream stream{fp};
+    const bool past = uint64_t(offset) + 2 > uint64_t(tiffSize(&stream));
     rewind(fp);
     return past;
 }
 
-bool readTiff(FILE *fp, Image &image, std::string &error, std::vector<std::string> &notes) {
+bool readTiff(FILE *fp, Image &image, std::string &error, std::vector<std::string> &notes,
+              const SizeCheck &check) {
     installTiffHandlers();
-    TIFF *tif = TIFFClientOpen("input", "rm", fp, tiffRead, tiffWrite, tiffSeek, tiffClose,
+    Stream stream{fp};
+    TIFF *tif = TIFFClientOpen("input", "rm", &stream, tiffRead, tiffWrite, tiffSeek, tiffClose,
                                tiffSize, tiffMap, tiffUnmap);
     if (!tif) {
         rewind(fp);
@@ -416,7 +503,7 @@ bool readTiff(FILE *fp, Image &image, std::string &error, std::vector<std::strin
     TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
     TIFFGetFieldDefaulted(tif, TIFFTAG_EXTRASAMPLES, &extraCount, &extra);
     TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-    if (!sizeAllowed(w, h, error))
+    if (!sizeAllowed(w, h, check, error))
         return false;
     char message[1024] = "";
     if (!TIFFRGBAImageOK(tif, message)) {
@@ -463,9 +550,16 @@ bool readTiff(FILE *fp, Image &image, std::string &error, std::vector<std::strin
 bool writeTiff(const std::string &path, int width, int height, int depth, const void *samples,
                std::string &error) {
     installTiffHandlers();
-    TIFF *tif = TIFFOpen(path.c_str(), "w");
+    FilePtr file(fopen(path.c_str(), "w+b"));  // libtiff reads back what it wrote
+    if (!file) {
+        error = strerror(errno);
+        return false;
+    }
+    Stream stream{file.get()};
+    TIFF *tif = TIFFClientOpen("output", "w", &stream, tiffRead, tiffWrite, tiffSeek, tiffClose, tiffSize,
+                               tiffMap, tiffUnmap);
     if (!tif) {
-        error = tiffMessage.empty() ? strerror(errno) : tiffMessage;
+        finishOutput(file, stream, tiffMessage.empty() ? "TIFF encoder failed" : tiffMessage, error);
         return false;
     }
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(width));
@@ -488,16 +582,14 @@ bool writeTiff(const std::string &path, int width, int height, int depth, const 
     }
     ok = TIFFFlush(tif) == 1 && ok;
     TIFFClose(tif);
-    if (!ok) {
-        error = tiffMessage.empty() ? "TIFF encoder failed" : tiffMessage;
-        return false;
-    }
-    return true;
+    return finishOutput(file, stream, ok ? "" : tiffMessage.empty() ? "TIFF encoder failed" : tiffMessage,
+                        error);
 }
 
 // ---------------------------------------------------------------------------
 
-bool readStream(FILE *fp, Image &image, std::string &error, std::vector<std::string> *notes) {
+bool readStream(FILE *fp, Image &image, std::string &error, std::vector<std::string> *notes,
+                const SizeCheck &check) {
     unsigned char magic[4] = {0, 0, 0, 0};
     const size_t got = fread(magic, 1, sizeof magic, fp);
     if (ferror(fp)) {
@@ -512,12 +604,12 @@ bool readStream(FILE *fp, Image &image, std::string &error, std::vector<std::str
     std::vector<std::string> localNotes;
     bool ok;
     if (got >= 3 && magic[0] == 0xFF && magic[1] == 0xD8 && magic[2] == 0xFF)
-        ok = readJpeg(fp, image, error, localNotes);
+        ok = readJpeg(fp, image, error, localNotes, check);
     else if (got == 4 && magic[0] == 0x89 && magic[1] == 'P' && magic[2] == 'N' && magic[3] == 'G')
-        ok = readPng(fp, image, error, localNotes);
+        ok = readPng(fp, image, error, localNotes, check);
     else if (got == 4 && ((magic[0] == 'I' && magic[1] == 'I' && (magic[2] == 42 || magic[2] == 43) && magic[3] == 0) ||
                           (magic[0] == 'M' && magic[1] == 'M' && magic[2] == 0 && (magic[3] == 42 || magic[3] == 43))))
-        ok = readTiff(fp, image, error, localNotes);
+        ok = readTiff(fp, image, error, localNotes, check);
     else {
         error = "not a JPEG, PNG or TIFF image";
         return false;
@@ -559,7 +651,7 @@ const char *formatName(FileFormat format) {
 }
 
 bool readImage(const std::string &path, Image &image, std::string &error,
-               std::vector<std::string> *notes) {
+               std::vector<std::string> *notes, const SizeCheck &check) {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
         error = strerror(errno);
@@ -578,11 +670,11 @@ bool readImage(const std::string &path, Image &image, std::string &error,
         error = strerror(errno);
         return false;
     }
-    return readStream(fp.get(), image, error, notes);
+    return readStream(fp.get(), image, error, notes, check);
 }
 
 bool readImageMemory(const unsigned char *data, size_t size, Image &image, std::string &error,
-                     std::vector<std::string> *notes) {
+                     std::vector<std::string> *notes, const SizeCheck &check) {
     if (size == 0) {
         error = "empty file, not an image";
         return false;
@@ -592,7 +684,7 @@ bool readImageMemory(const unsigned char *data, size_t size, Image &image, std::
         error = strerror(errno);
         return false;
     }
-    return readStream(fp.get(), image, error, notes);
+    return readStream(fp.get(), image, error, notes, check);
 }
 
 bool writeImage(const std::string &path, FileFormat format, int width, int height, int depth,

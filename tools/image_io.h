@@ -8,13 +8,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace lumora_fuse {
 
-// Larger pictures are refused before anything is allocated: the fusion keeps
-// about 60 bytes per pixel and counts samples of a 16-bit result in int.
+// Larger pictures are refused before anything is allocated, whatever memory
+// the machine has: the library counts the samples of a 16-bit result in int.
 constexpr long long kMaxPixels = 100000000;
 
 enum class FileFormat { Unknown, Jpeg, Png, Tiff };
@@ -31,18 +32,27 @@ struct Image {
 FileFormat formatFromExtension(const std::string &path);
 const char *formatName(FileFormat format);
 
+// Asked by the readers as soon as the header gives the picture's size, before
+// any pixel memory is allocated; false (with a message in error) refuses the
+// file. Lets the caller turn down a picture it could not go on with (too big
+// for the memory at hand, another size than the first exposure) unread.
+using SizeCheck = std::function<bool(int width, int height, std::string &error)>;
+
 // Reads a JPEG, PNG or TIFF image (recognised by its content) as 8-bit RGB.
 // 16-bit samples are reduced to 8 bits, greyscale and palette images are
 // expanded to RGB and alpha is dropped; each such conversion adds one line to
 // notes (when given). On failure returns false with a message that does not
 // repeat the file name.
 bool readImage(const std::string &path, Image &image, std::string &error,
-               std::vector<std::string> *notes = nullptr);
+               std::vector<std::string> *notes = nullptr, const SizeCheck &check = nullptr);
 bool readImageMemory(const unsigned char *data, size_t size, Image &image, std::string &error,
-                     std::vector<std::string> *notes = nullptr);
+                     std::vector<std::string> *notes = nullptr, const SizeCheck &check = nullptr);
 
 // Writes width x height RGB pixels with 8 (bytes) or 16 (native-endian
-// uint16_t) bits per sample. JPEG takes 8 bits only; quality is 1..100.
+// uint16_t) bits per sample. JPEG takes 8 bits only; quality is 1..100. When
+// the file system refuses the bytes (full disk, file-size limit, I/O error,
+// folder gone), the message is the system's reason, e.g. "No space left on
+// device", the same for every format; the file may then be left cut short.
 bool writeImage(const std::string &path, FileFormat format, int width, int height, int depth,
                 const void *samples, int quality, std::string &error);
 

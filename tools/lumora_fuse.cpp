@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "BilateralFilter.h"
+#include "fusion_call.h"
 #include "image_io.h"
 #include "metadata.h"
 #include "options.h"
@@ -161,6 +163,84 @@ int availableCores() {
     return n > 0 ? int(n) : 1;
 }
 
+// ---------------------------------------------------------------------------
+// Memory. A fusion that cannot fit is refused at the first header, before any
+// picture is decoded, rather than failing or pushing the machine into swap
+// minutes later.
+
+// Fitted to the peak resident memory of whole runs (GNU time; default two
+// passes, 2 threads) at 1, 4, 12 and 50 MP with three exposures and at 1 and
+// 4 MP with two: a fixed 272 MiB (chiefly the RGB-to-CIELab table, 256^3
+// entries of 12 bytes), 3 bytes per picture pixel for every decoded exposure,
+// and per fused pixel 24 bytes plus 13 per exposure (its copy for the
+// library, its weights and levels). 3 to 9% above the measured peaks from 4
+// to 50 MP, 19% at 1 MP.
+double fusionBytes(double picturePixels, double fusedPixels, int exposures) {
+    return 272.0 * 1024 * 1024 + picturePixels * 3 * exposures + fusedPixels * (24 + 13 * exposures);
+}
+
+struct MemoryBudget {
+    double bytes = 0;  // 0: unknown
+    const char *what = "available";
+};
+
+// The memory the kernel can give without swapping (MemAvailable), or the
+// process's own limits when they are lower.
+MemoryBudget memoryBudget() {
+    MemoryBudget budget;
+    if (FILE *meminfo = fopen("/proc/meminfo", "r")) {
+        char line[256];
+        long long kib = 0;
+        while (fgets(line, sizeof line, meminfo))
+            if (sscanf(line, "MemAvailable: %lld kB", &kib) == 1)
+                budget.bytes = double(kib) * 1024;
+        fclose(meminfo);
+    }
+    const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGESIZE);
+    if (budget.bytes <= 0 && pages > 0 && pageSize > 0)
+        budget = {double(pages) * double(pageSize), "of physical memory"};
+    auto lower = [&budget](rlim_t limit, const char *what) {
+        if (limit != RLIM_INFINITY && (budget.bytes <= 0 || double(limit) < budget.bytes))
+            budget = {double(limit), what};
+    };
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_AS, &limit) == 0)
+        lower(limit.rlim_cur, "address-space limit of the process");
+    if (getrlimit(RLIMIT_DATA, &limit) == 0)
+        lower(limit.rlim_cur, "data-size limit of the process");
+    return budget;
+}
+
+std::string memoryText(double bytes) {
+    char text[32];
+    if (bytes >= 1024.0 * 1024 * 1024)
+        snprintf(text, sizeof text, "%.1f GiB", bytes / (1024.0 * 1024 * 1024));
+    else
+        snprintf(text, sizeof text, "%.0f MiB", bytes / (1024.0 * 1024));
+    return text;
+}
+
+// Whether the fusion of all the exposures fits, judged from the first one's header.
+bool memoryAllows(const Options &options, int width, int height, std::string &error) {
+    const Loupe &loupe = options.loupe;
+    const bool inLoupe = loupe.enabled && loupe.width > 0 && loupe.height > 0 &&
+                         long(loupe.x) + loupe.width <= width && long(loupe.y) + loupe.height <= height;
+    // A picture or loupe narrower than the filter is fused extended.
+    const FusionArea area = fusionArea(width, height, inLoupe ? loupe : Loupe{});
+    const double picture = double(width) * height;
+    const int k = int(options.images.size());
+    const double need = fusionBytes(picture, double(area.width) * area.height, k);
+    const MemoryBudget budget = memoryBudget();
+    if (budget.bytes <= 0 || need <= budget.bytes)
+        return true;
+    error = "image too large for the memory at hand: " + std::to_string(width) + "x" + std::to_string(height) +
+            " pixels; fusing " + std::to_string(k) + " such exposures needs about " + memoryText(need) +
+            ", more than the " + memoryText(budget.bytes) + " " + budget.what;
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+
 double meanBrightness(const Image &image) {
     unsigned long long sum = 0;
     for (unsigned char v : image.rgb)
@@ -221,14 +301,24 @@ bool createTemp(const std::string &output, std::string &error) {
     return true;
 }
 
+// Some file systems report a full disk or a failed device only when the data
+// reach it: the sync's verdict counts as much as the writes'.
 bool finishTemp(const std::string &output, std::string &error) {
     const mode_t mask = umask(0);
     umask(mask);
     const int fd = open(gTempPath, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        fchmod(fd, 0666 & ~mask);
-        fsync(fd);
-        close(fd);
+    if (fd < 0) {
+        error = strerror(errno);
+        return false;
+    }
+    fchmod(fd, 0666 & ~mask);
+    // A file system that cannot sync at all (EINVAL, ENOTSUP) is no failure.
+    const bool synced = fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP;
+    const int syncErrno = errno;
+    close(fd);
+    if (!synced) {
+        error = strerror(syncErrno);
+        return false;
     }
     if (gCancelRequested)
         return false;
@@ -268,9 +358,7 @@ struct SharedBuffer {
     }
 };
 
-// Runs in the fusion process. Two passes when highlights are preserved: the
-// exposures fused with the highlight mode off, then that result combined
-// with the darkest exposure.
+// Runs in the fusion process.
 int fuseInChild(const FusionRun &run, unsigned char *out) {
     setHandler(SIGINT, onChildCancelSignal, 0);
     setHandler(SIGTERM, onChildCancelSignal, 0);
@@ -282,52 +370,22 @@ int fuseInChild(const FusionRun &run, unsigned char *out) {
     if (run.captureCommentary && gCaptureFd >= 0)
         dup2(gCaptureFd, STDERR_FILENO);
 
-    const int k = int(run.exposures->size());
-    const int w = run.region.width, h = run.region.height;
-    const size_t imageBytes = size_t(w) * h * 3;
-    std::vector<unsigned char> sources(imageBytes * k);
-    for (int i = 0; i < k; ++i) {
-        const Image &image = *(*run.exposures)[i];
-        for (int y = 0; y < h; ++y)
-            memcpy(sources.data() + i * imageBytes + size_t(y) * w * 3,
-                   image.rgb.data() + (size_t(run.region.y + y) * image.width + run.region.x) * 3,
-                   size_t(w) * 3);
-    }
-    const bool preserve = int(run.params[kPreserveHighlights]) != 0;
-    optim_param_struct optim{};
-    optim.nbProc = run.threads;
-    // Progress shares, roughly by the number of pyramid runs of each pass.
-    const double first = 2.0 * k + 1, second = preserve ? 6.0 : 0.0;
-
-    std::vector<unsigned char> firstPass(preserve ? imageBytes : 0);
-    float params[kFusionParamCount];
-    std::copy(run.params, run.params + kFusionParamCount, params);
-    params[kPreserveHighlights] = 0.0f;
+    FusionJob job;
+    job.exposures = *run.exposures;
+    job.region = run.region;
+    job.params = run.params;
+    job.threads = run.threads;
+    job.depth = run.depth;
+    job.progress = onProgress;
     gProgress.base = 0.0;
-    gProgress.span = first / (first + second);
-    gProgress.completed = false;
-    int result = hx_fusion2(optim, params, k, w, h, run.pictureWidth, run.pictureHeight, w * 3, 0, 3, 8,
-                            preserve ? 8 : run.depth, 8, sources.data(), sources.data(), nullptr,
-                            preserve ? firstPass.data() : out, onProgress);
-    if (preserve && result >= 0 && gProgress.completed && !gCancelRequested) {
-        std::copy(run.params, run.params + kFusionParamCount, params);
-        gProgress.base = gProgress.span;
-        gProgress.span = 1.0 - gProgress.base;
-        gProgress.completed = false;
-        unsigned char *dark = sources.data();  // image 0: the darkest exposure
-        if (run.region.enabled)
-            result = hx_combi_realistic_loupe(optim, params, w, h, run.pictureWidth, run.pictureHeight, w * 3, 0,
-                                              3, 8, run.depth, 8, firstPass.data(), dark, out, onProgress);
-        else
-            result = hx_combi_realistic(optim, params, w, h, w * 3, 0, 3, 8, run.depth, 8, firstPass.data(), dark,
-                                        out, onProgress);
-    }
+    gProgress.span = 1.0;
+    const FusionStatus status = fuseExposures(job, out);
     clearBar();
     if (gCancelRequested)
         return kChildCancelled;
-    if (result < 0)
+    if (status == FusionStatus::Refused)
         return kChildRefused;
-    return gProgress.completed ? kChildDone : kChildIncomplete;
+    return status == FusionStatus::Done ? kChildDone : kChildIncomplete;
 }
 
 // The last line the library wrote, when its commentary was kept.
@@ -408,12 +466,23 @@ int cancelled() {
 }
 
 int run(const Options &options) {
-    // Inputs.
+    // Inputs. Every header is checked before its pixels are decoded: the
+    // first against the memory the whole fusion needs, the others against
+    // the first one's size.
     std::vector<Image> images(options.images.size());
     for (size_t i = 0; i < images.size(); ++i) {
         std::string error;
         std::vector<std::string> notes;
-        if (!readImage(options.images[i], images[i], error, &notes)) {
+        const SizeCheck check = [&](int w, int h, std::string &message) {
+            if (i == 0)
+                return fusionSizeAllowed(w, h, message) && memoryAllows(options, w, h, message);
+            if (w == images[0].width && h == images[0].height)
+                return true;
+            message = "size " + std::to_string(w) + "x" + std::to_string(h) + " differs from " + options.images[0] +
+                      " (" + sizeText(images[0]) + "); the exposures must be of one size";
+            return false;
+        };
+        if (!readImage(options.images[i], images[i], error, &notes, check)) {
             say(options.images[i] + ": " + error);
             return 1;
         }
@@ -423,26 +492,17 @@ int run(const Options &options) {
         if (gCancelRequested)
             return cancelled();
     }
-    for (size_t i = 1; i < images.size(); ++i) {
-        if (images[i].width != images[0].width || images[i].height != images[0].height) {
-            say(options.images[i] + ": size " + sizeText(images[i]) + " differs from " + options.images[0] +
-                " (" + sizeText(images[0]) + "); the exposures must be of one size");
-            return 1;
-        }
-    }
     const int width = images[0].width, height = images[0].height;
-    if (width < kMinImageSide || height < kMinImageSide) {
-        say(options.images[0] + ": image too small: " + sizeText(images[0]) + " (the fusion needs at least " +
-            std::to_string(kMinImageSide) + "x" + std::to_string(kMinImageSide) + " pixels: " +
-            kMinImageSideReason + ")");
+    std::string sizeError;
+    if (!fusionSizeAllowed(width, height, sizeError)) {
+        say(options.images[0] + ": " + sizeError);
         return 1;
     }
     Loupe region = options.loupe;
     if (region.enabled) {
-        if (region.width < kMinImageSide || region.height < kMinImageSide) {
+        if (region.width < 1 || region.height < 1) {
             return usageError("--loupe: region " + std::to_string(region.width) + "x" +
-                              std::to_string(region.height) + " too small (at least " + std::to_string(kMinImageSide) +
-                              "x" + std::to_string(kMinImageSide) + " pixels: " + kMinImageSideReason + ")");
+                              std::to_string(region.height) + " is empty (W and H must be at least 1)");
         }
         if (long(region.x) + region.width > width || long(region.y) + region.height > height) {
             return usageError("--loupe: region " + std::to_string(region.width) + "x" +
@@ -514,8 +574,30 @@ int run(const Options &options) {
     }
     if (gCancelRequested)
         return cancelled();
-    if (!copyMetadata(reference, gTempPath, region.width, region.height, error))
+    // Exiv2 rewrites the file in place, and a write that falls short (a full
+    // disk) can go unnoticed by it: a file it changed is read back, and one
+    // that is not whole gets its pixels written again, without metadata.
+    struct stat plain {}, annotated {};
+    stat(gTempPath, &plain);
+    bool copied = copyMetadata(reference, gTempPath, region.width, region.height, error);
+    stat(gTempPath, &annotated);
+    if (copied && (annotated.st_size != plain.st_size || annotated.st_mtim.tv_sec != plain.st_mtim.tv_sec ||
+                   annotated.st_mtim.tv_nsec != plain.st_mtim.tv_nsec)) {
+        Image readBack;
+        copied = readImage(gTempPath, readBack, error);
+        if (!copied)
+            error = "writing them left the file incomplete (" + error + ")";
+    }
+    if (!copied) {
+        std::string writeError;
+        if (!writeImage(gTempPath, options.outputFormat, region.width, region.height, options.depth, result.data,
+                        options.quality, writeError)) {
+            removeTemp();
+            say(options.output + ": cannot write the output: " + writeError);
+            return 1;
+        }
         say(options.output + ": metadata of " + reference + " not copied: " + error);
+    }
     if (!finishTemp(options.output, error)) {
         if (gCancelRequested)
             return cancelled();

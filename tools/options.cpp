@@ -17,9 +17,6 @@
 
 namespace lumora_fuse {
 
-const char *const kMinImageSideReason =
-    "below 26 pixels a side the library's filter kernels lose their centre pixel and its checks can stop it";
-
 const ParamSpec kParamSpecs[] = {
     {"strength", kStrength, 0, 100, false, false,
      "how strongly well-exposed pixels win over dark and bright ones; 0 averages the exposures",
@@ -189,18 +186,14 @@ std::string helpText() {
         ".tif/.tiff. EXIF, XMP and the ICC profile of the middle exposure (the\n"
         "brighter of two) are copied into the output.\n"
         "\n"
-        "Output:\n"
-        "  -o, --output=FILE          write the result to FILE (required); it is\n"
-        "                             written whole or not at all, and never over an input\n"
-        "      --depth=8|16           bits per sample of a PNG or TIFF output (default 8;\n"
-        "                             JPEG is 8-bit only)\n"
-        "      --quality=Q            JPEG quality, 1 to 100 (default 95)\n"
-        "      --loupe=X,Y,W,H        fuse only the W x H pixels whose top-left corner is\n"
-        "                             at X,Y, filtered with the radii of the whole picture\n"
-        "                             (a fast preview; W and H at least " +
-        std::to_string(kMinImageSide) + ")\n"
-        "\n"
-        "Fusion (ranges are what the fusion handles safely):\n";
+        "Output:\n";
+    s += wrapped("  -o, --output=FILE",
+                 "write the result to FILE (required); it is written whole or not at all, and never over an input");
+    s += wrapped("      --depth=8|16", "bits per sample of a PNG or TIFF output (default 8; JPEG is 8-bit only)");
+    s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
+    s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
+                                          "the radii of the whole picture (a fast preview)");
+    s += "\nFusion (ranges are what the fusion handles safely):\n";
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &p = kParamSpecs[i];
         std::string text = std::string(p.help) + " (" + rangeText(p) + ", default " + number(d[p.index]) +
@@ -222,14 +215,15 @@ std::string helpText() {
          "  -h, --help                 display this help and exit\n"
          "  -V, --version              output version information and exit\n"
          "\n"
-         "Pictures must be at least " + std::to_string(kMinImageSide) + "x" +
-         std::to_string(kMinImageSide) + " pixels and at most " +
-         std::to_string(kMaxPixels / 1000000) + " megapixels.\n"
+         "Pictures may be as small as 1x1 pixel and at most " + std::to_string(kMaxPixels / 1000000) +
+         " megapixels; a side\n"
+         "below " + std::to_string(kMinImageSide) + " pixels is extended by mirroring for the fusion and cropped "
+         "back.\n"
          "\n"
          "Examples:\n"
          "  lumora-fuse dark.jpg mid.jpg bright.jpg -o fused.jpg\n"
          "  lumora-fuse --strength 25 --saturation 2 a.png b.png -o fused.png\n"
-         "  lumora-fuse --depth 16 --no-preserve-highlights a.tif b.tif c.tif -o fused.tif\n"
+         "  lumora-fuse --depth 16 --no-preserve-highlights a.tif b.tif -o fused.tif\n"
          "  lumora-fuse --loupe 800,600,400,300 a.jpg b.jpg c.jpg -o preview.jpg\n"
          "\n"
          "Exit status: 0 done, 1 failure (unreadable input, unwritable output, fusion\n"

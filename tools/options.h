@@ -22,10 +22,11 @@ enum FusionParam {
     kFusionParamCount
 };
 
-// Smallest side of a picture (or loupe region) the fusion handles; see
-// kMinImageSideReason.
+// Smallest side the fusion library is handed. Below 26 pixels a side its
+// filter kernels lose their centre pixel and its checks can stop it, so a
+// narrower picture (or loupe region) is extended by mirroring first (see
+// fusion_call.h).
 constexpr int kMinImageSide = 32;
-extern const char *const kMinImageSideReason;
 // Largest --strength allowed together with a --highlight-influence below 10.
 constexpr float kMaxStrengthWithInfluence = 19.0f;
 // Upper bound of --threads.

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -197,6 +198,33 @@ protected:
 
     ToolRun run(const std::string &line) const { return finish(start(line)); }
 
+    // Runs the tool with one resource limit lowered and SIGXFSZ ignored (so that a write past
+    // RLIMIT_FSIZE fails with EFBIG); maxRssKib gets the peak memory of the run and its children.
+    ToolRun runLimited(const std::string &line, __rlimit_resource_t resource, rlim_t limit,
+                       long *maxRssKib = nullptr) const {
+        std::istringstream words(expand(line));
+        std::vector<std::string> args{LUMORA_FUSE_BINARY};
+        args.insert(args.end(), std::istream_iterator<std::string>(words), {});
+        std::vector<char *> argv;
+        for (std::string &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            const rlimit lowered{limit, limit};
+            setrlimit(resource, &lowered);
+            signal(SIGXFSZ, SIG_IGN);
+            dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+            dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+            execv(LUMORA_FUSE_BINARY, argv.data());
+            _exit(127);
+        }
+        int status = 0;
+        rusage usage{};
+        wait4(pid, &status, 0, &usage);
+        if (maxRssKib) *maxRssKib = usage.ru_maxrss;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(outPath_), slurp(errPath_)};
+    }
+
     // Starts a fusion of a 2048x1536 bracket (seconds per pyramid run); returns once the library is at work.
     pid_t startLargeFusion() {
         for (int i = 0; i < 3; ++i) save(at("big" + std::to_string(i) + ".jpg"), scaled(full_[i], 2048, 1536), 90);
@@ -339,9 +367,7 @@ TEST_F(Cli, CopiesExifXmpAndIccOfTheMiddleExposure) {
 
 TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
     writeBracket({"a.png", "b.png", "c.png"});
-    for (const auto &[name, image] : {std::pair<const char *, Image>{"small1.png", crop(bracket_[0], 0, 0, 8, 8)},
-                                      {"small2.png", crop(bracket_[2], 0, 0, 8, 8)},
-                                      {"other.png", crop(bracket_[2], 0, 0, 64, 48)},
+    for (const auto &[name, image] : {std::pair<const char *, Image>{"other.png", crop(bracket_[2], 0, 0, 64, 48)},
                                       {"whole.jpg", bracket_[1]}, {"whole.tif", bracket_[1]}})
         save(at(name), image);
     const std::string jpg = slurp(at("whole.jpg")), png = slurp(at("a.png")), tif = slurp(at("whole.tif")),
@@ -371,7 +397,6 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"@a.png @cut.tif -o @f.jpg", 1, "@cut.tif: truncated TIFF file"},
         {"@a.png @header.tif -o @f.jpg", 1, "@header.tif: corrupt TIFF file"},
         {"@a.png @other.png -o @f.jpg", 1, "@other.png: size 64x48 differs from @a.png (128x96)"},
-        {"@small1.png @small2.png -o @f.jpg", 1, "@small1.png: image too small: 8x8 (the fusion needs at least 32x32"},
         {"@a.png -o @f.jpg", 2, "expected 2 or 3 images, got 1"},
         {"@a.png @b.png @c.png @a.png -o @f.jpg", 2, "expected 2 or 3 images, got 4"},
         {"@a.png @b.png", 2, "no output file"},
@@ -384,7 +409,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"--threads 0 @a.png @b.png -o @f.jpg", 2, "--threads: '0' is not valid"},
         {"--loupe 1,2,3 @a.png @b.png -o @f.jpg", 2, "--loupe: '1,2,3' is not X,Y,W,H"},
         {"--loupe 100,0,64,48 @a.png @b.png -o @f.jpg", 2, "does not fit in the 128x96 picture"},
-        {"--loupe 0,0,8,8 @a.png @b.png -o @f.jpg", 2, "--loupe: region 8x8 too small"},
+        {"--loupe 0,0,0,8 @a.png @b.png -o @f.jpg", 2, "--loupe: region 0x8 is empty"},
         {"--frobnicate @a.png @b.png -o @f.jpg", 2, "--frobnicate"},
         {"--strength lots @a.png @b.png -o @f.jpg", 2, "--strength: 'lots' is not a number"},
         {"--range-sigma nan @a.png @b.png -o @f.jpg", 2, "--range-sigma: 'nan' is not a number"},
@@ -431,6 +456,24 @@ TEST_F(Cli, FusesAtTheEdgesOfEveryValidRange) {
     }
 }
 
+TEST_F(Cli, PicturesAndLoupesNarrowerThanTheFilterFuseAtTheirOwnSize) {
+    writeBracket({"d.png", "m.png", "b.png"});
+    for (const auto &[w, h] : {std::pair{1, 1}, {1, 7}, {8, 8}, {31, 40}}) {
+        const std::string size = std::to_string(w) + "x" + std::to_string(h);
+        SCOPED_TRACE(size);
+        for (int i = 0; i < 3; ++i) save(at(std::to_string(i) + size + ".png"), crop(bracket_[i], 40, 30, w, h));
+        const ToolRun r = run("-q @2" + size + ".png @0" + size + ".png @1" + size + ".png -o @f" + size + ".png");
+        ASSERT_EQ(r.status, 0) << r.err;
+        const Image fused = load(at("f" + size + ".png"));
+        EXPECT_EQ(std::make_pair(fused.width, fused.height), std::make_pair(w, h));
+        const ToolRun loupe = run("-q --loupe 40,30," + std::to_string(w) + "," + std::to_string(h) +
+                                  " @d.png @m.png @b.png -o @l" + size + ".png");
+        ASSERT_EQ(loupe.status, 0) << loupe.err;
+        const Image region = load(at("l" + size + ".png"));
+        EXPECT_EQ(std::make_pair(region.width, region.height), std::make_pair(w, h));
+    }
+}
+
 TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
     const ToolRun help = run("--help");
     EXPECT_EQ(help.status, 0);
@@ -442,7 +485,7 @@ TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
     std::vector<std::string> texts = {"(0 to 100, default 15; above 19 only with --highlight-influence 10",
                                       "(0 to 10, default 10)", "(above -10 up to 10, default 0)",
                                       "(0.01 to 10, default 0.2)", "--no-preserve-highlights", "--loupe=X,Y,W,H",
-                                      "--threads=N", "-h, --help display this help and exit", "at least 32x32 pixels"};
+                                      "--threads=N", "-h, --help display this help and exit", "as small as 1x1 pixel"};
     for (const auto &[option, values] : kOutOfRange) texts.push_back(option + "=");
     for (const std::string &text : texts) EXPECT_NE(flat.find(text), std::string::npos) << text;
     const ToolRun version = run("-V");
@@ -473,6 +516,144 @@ TEST_F(Cli, ALibraryThatDiesIsReportedInOneLineAndLeavesNoFile) {
     EXPECT_NE(r.err.find("lumora-fuse: the fusion failed with these exposures and settings: the library stopped"),
               std::string::npos) << r.err;
     EXPECT_EQ(listing(), largeInputs_);
+}
+
+// Tiny files whose headers claim a w x h picture and hold (almost) no pixels.
+void writeTiffHeader(const std::string &path, uint32_t w, uint32_t h, bool tiled) {
+    TIFF *tif = TIFFOpen(path.c_str(), "w");
+    for (auto [tag, value] : {std::pair<uint32_t, uint32_t>{TIFFTAG_IMAGEWIDTH, w}, {TIFFTAG_IMAGELENGTH, h},
+                              {tiled ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, tiled ? w : h},
+                              {tiled ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, h}})
+        TIFFSetField(tif, tag, value);
+    for (auto [tag, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 3}, {TIFFTAG_BITSPERSAMPLE, 8},
+                              {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_COMPRESSION, COMPRESSION_LZW}})
+        TIFFSetField(tif, tag, uint16_t(value));
+    unsigned char byte = 0;  // the one strip or tile holds a single compressed byte
+    tiled ? TIFFWriteRawTile(tif, 0, &byte, 1) : TIFFWriteRawStrip(tif, 0, &byte, 1);
+    TIFFClose(tif);
+}
+
+void writePngHeader(const std::string &path, uint32_t w, uint32_t h, int interlace) {
+    FILE *fp = fopen(path.c_str(), "wb");
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_init_io(png, fp);
+    png_set_IHDR(png, info, w, h, 8, PNG_COLOR_TYPE_RGB, interlace, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    png_set_compression_buffer_size(png, 8);  // IDAT chunks of 8 bytes: the flush fills one
+    png_write_info(png, info);
+    std::vector<png_byte> row(size_t(w) * 3);
+    png_write_row(png, row.data());
+    png_write_flush(png);  // the reader stops at the first IDAT
+    png_destroy_write_struct(&png, &info);
+    fclose(fp);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// The address sanitizer reserves terabytes of shadow memory, so a tool built with it cannot run
+// under an address-space limit: there only the pixel-count refusal is checked, without limits.
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+
+TEST_F(Cli, HugeHeadersAreRefusedBeforeAnyPixelIsAllocated) {
+    writeBracket({"d.png", "m.png", "b.png"});
+    save(at("m.jpg"), bracket_[1]);
+    const std::string jpg = slurp(at("m.jpg"));
+    const rlim_t limit = kAddressSanitizer ? RLIM_INFINITY : 1L << 30;
+    const long rssBound = kAddressSanitizer ? 1L << 30 : 64 * 1024;
+    for (const auto &[w, h] : {std::pair<uint32_t, uint32_t>{60000, 60000}, {8000, 6000}}) {
+        if (kAddressSanitizer && w == 8000) continue;
+        std::string sof = jpg;  // baseline frame header: FF C0, length, precision, height, width
+        const size_t at0 = sof.find("\xFF\xC0");
+        sof[at0 + 5] = char(h >> 8), sof[at0 + 6] = char(h), sof[at0 + 7] = char(w >> 8), sof[at0 + 8] = char(w);
+        spill(at("h.jpg"), sof);
+        writePngHeader(at("h.png"), w, h, PNG_INTERLACE_NONE);
+        writePngHeader(at("i.png"), w, h, PNG_INTERLACE_ADAM7);
+        writeTiffHeader(at("s.tif"), w, h, false);
+        writeTiffHeader(at("t.tif"), w, h, true);
+        const std::set<std::string> before = listing();
+        const std::string size = std::to_string(w) + "x" + std::to_string(h);
+        for (const std::string name : {"h.jpg", "h.png", "i.png", "s.tif", "t.tif"}) {
+            SCOPED_TRACE(name + " " + size);
+            long rss = 0;
+            const ToolRun r = runLimited("-q @" + name + " @" + name + " -o @f.png", RLIMIT_AS, limit, &rss);
+            EXPECT_EQ(r.status, 1);
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+            if (w == 60000) {
+                EXPECT_EQ(r.err, expand("lumora-fuse: @" + name + ": image too large: 60000x60000 pixels (at most "
+                                        "100 megapixels)\n"));
+            } else {
+                const std::string head = expand("lumora-fuse: @" + name + ": image too large for the memory at hand: "
+                                                "8000x6000 pixels; fusing 2 such exposures needs about ");
+                ASSERT_EQ(r.err.substr(0, head.size()), head) << r.err;
+                const double gib = atof(r.err.c_str() + head.size());  // 48 MP at 50-80 bytes a pixel
+                EXPECT_TRUE(gib > 2.4 && gib < 4.0) << r.err;
+                EXPECT_NE(r.err.find("GiB, more than the 1.0 GiB address-space limit of the process\n"),
+                          std::string::npos) << r.err;
+            }
+            EXPECT_LT(rss, rssBound) << "KiB: refused before the pixels were allocated";
+            EXPECT_EQ(listing(), before);
+        }
+        // A later exposure is held to the first one's size before its pixels are read.
+        long rss = 0;
+        const ToolRun mixed = runLimited("@m.png @s.tif -o @f.png", RLIMIT_AS, limit, &rss);
+        EXPECT_EQ(mixed.err, expand(std::string("lumora-fuse: @s.tif: ") +
+                                    (w == 60000 ? "image too large: 60000x60000 pixels (at most 100 megapixels)\n"
+                                                : "size 8000x6000 differs from @m.png (128x96); the exposures must "
+                                                  "be of one size\n")));
+        EXPECT_LT(rss, rssBound);
+    }
+    const ToolRun normal = runLimited("-q @d.png @m.png @b.png -o @f.png", RLIMIT_AS, limit);
+    EXPECT_EQ(normal.status, 0) << "a small bracket fuses under the same limit: " << normal.err;
+}
+
+TEST_F(Cli, AFullDiskOrFileSizeLimitLeavesNoFileAndSaysWhy) {
+    writeBracket({"d.png", "m.png", "b.png"});
+    const std::set<std::string> before = listing();
+    for (const std::string name : {"f.jpg", "f.png", "f.tif"}) {
+        SCOPED_TRACE(name);
+        const ToolRun r = runLimited("-q @d.png @m.png @b.png -o @" + name, RLIMIT_FSIZE, 2048);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, expand("lumora-fuse: @" + name + ": cannot write the output: File too large\n"));
+        EXPECT_EQ(listing(), before) << "no output, no temporary file";
+        std::string error;  // every encoder names the system's reason
+        EXPECT_FALSE(writeImage("/dev/full", formatFromExtension(name), 128, 96, 8, bracket_[0].rgb.data(), 95, error));
+        EXPECT_EQ(error, "No space left on device");
+    }
+    // Metadata that no longer fit: the pixels are written again, whole, without them.
+    ASSERT_EQ(run("-q @d.png @m.png @b.png -o @plain.jpg").status, 0);
+    const std::string plain = slurp(at("plain.jpg"));
+    auto image = Exiv2::ImageFactory::open(at("m.png"));
+    image->xmpData()["Xmp.dc.description"] = std::string(20000, 'x');
+    image->writeMetadata();
+    const ToolRun r = runLimited("-q @d.png @m.png @b.png -o @f.jpg", RLIMIT_FSIZE, plain.size() + 1000);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.rfind(expand("lumora-fuse: @f.jpg: metadata of @m.png not copied: "), 0), 0u) << r.err;
+    EXPECT_TRUE(slurp(at("f.jpg")) == plain) << "the plain picture, whole";
+}
+
+TEST_F(Cli, AnOutputFolderThatVanishesBeforeTheWriteLeavesNothing) {
+    writeBracket({"d.png", "m.png", "b.png"});
+    fs::create_directory(at("out"));
+    const std::set<std::string> before = listing();
+    const pid_t pid = start("-q @d.png @m.png @b.png -o @out/f.png");
+    // The temporary file appears before the fusion starts, which takes a second or more; the tool is
+    // held still while its folder goes.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (fs::is_empty(at("out")) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    kill(pid, SIGSTOP);
+    EXPECT_FALSE(fs::exists(at("out/f.png"))) << "the tool finished before its folder could go";
+    fs::remove_all(at("out"));
+    kill(pid, SIGCONT);
+    const ToolRun r = finish(pid);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, expand("lumora-fuse: @out/f.png: cannot write the output: No such file or directory\n"));
+    std::set<std::string> expected = before;
+    expected.erase("out");
+    EXPECT_EQ(listing(), expected) << "the folder is gone and nothing was written elsewhere";
 }
 
 }  // namespace
