@@ -711,4 +711,15 @@ bool writeImage(const std::string &path, FileFormat format, int width, int heigh
     }
 }
 
+bool writeFileBytes(const std::string &path, const void *data, size_t size, std::string &error) {
+    FilePtr file(fopen(path.c_str(), "wb"));
+    if (!file) {
+        error = strerror(errno);
+        return false;
+    }
+    Stream stream{file.get()};
+    streamWrite(stream, data, size);
+    return finishOutput(file, stream, std::string(), error);
+}
+
 }  // namespace lumora_fuse

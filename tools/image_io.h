@@ -56,4 +56,7 @@ bool readImageMemory(const unsigned char *data, size_t size, Image &image, std::
 bool writeImage(const std::string &path, FileFormat format, int width, int height, int depth,
                 const void *samples, int quality, std::string &error);
 
+// Writes size bytes as the whole file, with the same checks and messages.
+bool writeFileBytes(const std::string &path, const void *data, size_t size, std::string &error);
+
 }  // namespace lumora_fuse

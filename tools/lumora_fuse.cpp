@@ -574,20 +574,9 @@ int run(const Options &options) {
     }
     if (gCancelRequested)
         return cancelled();
-    // Exiv2 rewrites the file in place, and a write that falls short (a full
-    // disk) can go unnoticed by it: a file it changed is read back, and one
-    // that is not whole gets its pixels written again, without metadata.
-    struct stat plain {}, annotated {};
-    stat(gTempPath, &plain);
-    bool copied = copyMetadata(reference, gTempPath, region.width, region.height, error);
-    stat(gTempPath, &annotated);
-    if (copied && (annotated.st_size != plain.st_size || annotated.st_mtim.tv_sec != plain.st_mtim.tv_sec ||
-                   annotated.st_mtim.tv_nsec != plain.st_mtim.tv_nsec)) {
-        Image readBack;
-        copied = readImage(gTempPath, readBack, error);
-        if (!copied)
-            error = "writing them left the file incomplete (" + error + ")";
-    }
+    // A metadata write that fails leaves the file cut short: the pixels are
+    // written again without metadata.
+    const bool copied = copyMetadata(reference, gTempPath, region.width, region.height, error);
     if (!copied) {
         std::string writeError;
         if (!writeImage(gTempPath, options.outputFormat, region.width, region.height, options.depth, result.data,

@@ -1,6 +1,8 @@
 // metadata.cpp: EXIF, XMP and ICC copied with Exiv2.
 #include "metadata.h"
 
+#include "image_io.h"
+
 #include <cstring>
 #include <exception>
 
@@ -54,7 +56,15 @@ bool copyMetadata(const std::string &from, const std::string &to, int width, int
         if (sourceExif.empty() && source->xmpData().empty() && icc.size_ == 0)
             return true;
 
-        Exiv2::Image::AutoPtr target = Exiv2::ImageFactory::open(to);
+        // Exiv2 rewrites a file in place and can leave it cut short without a
+        // word when the disk fills: it works on a copy in memory, and the
+        // result is written with checked writes.
+        Exiv2::FileIo file(to);
+        if (file.open("rb") != 0)
+            throw Exiv2::Error(Exiv2::kerDataSourceOpenFailed, to, Exiv2::strError());
+        const Exiv2::DataBuf written = file.read(long(file.size()));
+        file.close();
+        Exiv2::Image::AutoPtr target = Exiv2::ImageFactory::open(written.pData_, written.size_);
         target->readMetadata();  // a TIFF target keeps its own layout tags
         Exiv2::ExifData exif = target->exifData();
         for (const Exiv2::Exifdatum &datum : sourceExif)
@@ -69,6 +79,12 @@ bool copyMetadata(const std::string &from, const std::string &to, int width, int
         if (icc.size_ > 0)
             target->setIccProfile(icc, false);
         target->writeMetadata();
+        Exiv2::BasicIo &annotated = target->io();
+        annotated.seek(0, Exiv2::BasicIo::beg);
+        const Exiv2::DataBuf bytes = annotated.read(long(annotated.size()));
+        if (bytes.size_ != long(annotated.size()))
+            throw Exiv2::Error(Exiv2::kerFailedToReadImageData);
+        return writeFileBytes(to, bytes.pData_, size_t(bytes.size_), error);
     } catch (const Exiv2::AnyError &e) {
         error = e.what();
         return false;
