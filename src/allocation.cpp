@@ -32,8 +32,6 @@ void *counted(void *block) {
 
 }  // namespace
 
-bool keepFilledLabTable = false;
-
 void *allocate(size_t bytes) {
     return shouldFail(bytes) ? nullptr : counted(std::malloc(bytes));
 }

@@ -64,9 +64,7 @@ void make_CIELAB_lookup_table(int nbProc) {
     // labLUT stays null, with nothing filled; the filters that read it then
     // fail as for any buffer of theirs that could not be allocated, and the
     // next call tries again.
-#ifdef LUMORA_ALLOCATION_FAULTS
     if (keepFilledLabTable && labLUT != nullptr) return;
-#endif
     if (labLUT == nullptr) labLUT = allocateLabTable();
     if (labLUT == nullptr) return;
     // Deliberate: refilled in full on every call, with identical values. Each

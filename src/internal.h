@@ -51,9 +51,6 @@ struct AllocationFaults {
 // Starts counting afresh; the failAt-th allocation from now on fails.
 void resetAllocationFaults(long failAt);
 AllocationFaults allocationFaults();
-// Set by the fault test, which fuses hundreds of times: a CIELab table that
-// is already filled is not filled again (every refill writes the same values).
-extern bool keepFilledLabTable;
 #else
 inline void *allocate(size_t bytes) { return std::malloc(bytes); }
 inline void *allocateZeroed(size_t count, size_t size) { return std::calloc(count, size); }
@@ -117,6 +114,10 @@ constexpr int RGBE_EXP_LUT_ENTRIES = 256;
 // run the plain one. It is not a configuration: the library reads nothing but
 // its arguments.
 inline bool usePlainPath = false;
+// Set by tests and fuzzers that fuse hundreds of times: a CIELab table that is
+// filled already is not filled again (every refill writes the same values).
+// The library itself never sets it.
+inline bool keepFilledLabTable = false;
 
 // ---------------------------------------------------------------------------
 // Diagnostics (diagnostics.cpp)
