@@ -172,42 +172,47 @@ protected:
         return names;
     }
 
+    // The tool's argument vector for a command line split at spaces.
+    struct Argv {
+        std::vector<std::string> words;
+        std::vector<char *> pointers;
+        explicit Argv(const std::string &line) : words{LUMORA_FUSE_BINARY} {
+            std::istringstream split(line);
+            words.insert(words.end(), std::istream_iterator<std::string>(split), {});
+            for (std::string &w : words) pointers.push_back(w.data());
+            pointers.push_back(nullptr);
+        }
+    };
+
     // Runs the tool on a command line split at spaces.
     pid_t start(const std::string &line) const {
-        std::istringstream words(expand(line));
-        std::vector<std::string> args{LUMORA_FUSE_BINARY};
-        args.insert(args.end(), std::istream_iterator<std::string>(words), {});
-        std::vector<char *> argv;
-        for (std::string &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
+        Argv argv(expand(line));
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&actions, 2, errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, LUMORA_FUSE_BINARY, &actions, nullptr, argv.data(), environ), 0);
+        EXPECT_EQ(posix_spawn(&pid, LUMORA_FUSE_BINARY, &actions, nullptr, argv.pointers.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         return pid;
     }
 
-    ToolRun finish(pid_t pid) const {
+    // Waits for the tool; maxRssKib gets the peak memory of the run and its children.
+    ToolRun finish(pid_t pid, long *maxRssKib = nullptr) const {
         int status = 0;
-        waitpid(pid, &status, 0);
+        rusage usage{};
+        wait4(pid, &status, 0, &usage);
+        if (maxRssKib) *maxRssKib = usage.ru_maxrss;
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(outPath_), slurp(errPath_)};
     }
 
     ToolRun run(const std::string &line) const { return finish(start(line)); }
 
     // Runs the tool with one resource limit lowered and SIGXFSZ ignored (so that a write past
-    // RLIMIT_FSIZE fails with EFBIG); maxRssKib gets the peak memory of the run and its children.
+    // RLIMIT_FSIZE fails with EFBIG).
     ToolRun runLimited(const std::string &line, __rlimit_resource_t resource, rlim_t limit,
                        long *maxRssKib = nullptr) const {
-        std::istringstream words(expand(line));
-        std::vector<std::string> args{LUMORA_FUSE_BINARY};
-        args.insert(args.end(), std::istream_iterator<std::string>(words), {});
-        std::vector<char *> argv;
-        for (std::string &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
+        Argv argv(expand(line));
         const pid_t pid = fork();
         if (pid == 0) {
             const rlimit lowered{limit, limit};
@@ -215,14 +220,10 @@ protected:
             signal(SIGXFSZ, SIG_IGN);
             dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
             dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-            execv(LUMORA_FUSE_BINARY, argv.data());
+            execv(LUMORA_FUSE_BINARY, argv.pointers.data());
             _exit(127);
         }
-        int status = 0;
-        rusage usage{};
-        wait4(pid, &status, 0, &usage);
-        if (maxRssKib) *maxRssKib = usage.ru_maxrss;
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(outPath_), slurp(errPath_)};
+        return finish(pid, maxRssKib);
     }
 
     // Starts a fusion of a 2048x1536 bracket (seconds per pyramid run); returns once the library is at work.
