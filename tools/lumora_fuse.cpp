@@ -492,12 +492,8 @@ int run(const Options &options) {
         if (gCancelRequested)
             return cancelled();
     }
+    // The size was judged at the first header (fusionSizeAllowed, memoryAllows).
     const int width = images[0].width, height = images[0].height;
-    std::string sizeError;
-    if (!fusionSizeAllowed(width, height, sizeError)) {
-        say(options.images[0] + ": " + sizeError);
-        return 1;
-    }
     Loupe region = options.loupe;
     if (region.enabled) {
         if (region.width < 1 || region.height < 1) {

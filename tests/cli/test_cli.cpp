@@ -606,6 +606,13 @@ TEST_F(Cli, HugeHeadersAreRefusedBeforeAnyPixelIsAllocated) {
                                                   "be of one size\n")));
         EXPECT_LT(rss, rssBound);
     }
+    // A thin picture is fused extended to 32 pixels across: judged at its header by that size.
+    writeTiffHeader(at("thin.tif"), 1, 3200000, false);
+    long rss = 0;
+    const ToolRun thin = runLimited("@thin.tif @thin.tif -o @f.png", RLIMIT_AS, limit, &rss);
+    EXPECT_EQ(thin.err, expand("lumora-fuse: @thin.tif: image too large to fuse: 1x3200000 (sides below 32 pixels "
+                               "are extended to 32, and at most 100 megapixels can be fused)\n"));
+    EXPECT_LT(rss, rssBound);
     const ToolRun normal = runLimited("-q @d.png @m.png @b.png -o @f.png", RLIMIT_AS, limit);
     EXPECT_EQ(normal.status, 0) << "a small bracket fuses under the same limit: " << normal.err;
 }
