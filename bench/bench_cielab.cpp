@@ -2,7 +2,13 @@
 // pays it: plain and fast path, one and two threads.
 #include <benchmark/benchmark.h>
 
-#include "internal.h"
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "blend/blend.h"
+#include "driver/driver.h"
+#include "filter/filter.h"
+#include "image/image.h"
+#include "tables/tables.h"
 
 static void fill(benchmark::State &state, bool plain) {
     // Allocate outside the timing, so every timed call is a pure refill.

@@ -2,7 +2,7 @@
 // RGB-to-CIELab table once. Every fusion call would refill it with the same
 // values whatever the input; filled once, the fuzzer runs a few hundred inputs
 // a minute instead of a handful, with exactly the same results.
-#include "internal.h"
+#include "core/switches.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     lumora::keepFilledLabTable = true;

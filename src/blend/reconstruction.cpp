@@ -9,7 +9,13 @@
 
 #include <omp.h>
 
-#include "internal.h"
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "blend/blend.h"
+#include "driver/driver.h"
+#include "filter/filter.h"
+#include "image/image.h"
+#include "tables/tables.h"
 
 namespace lumora {
 

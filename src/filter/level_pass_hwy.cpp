@@ -33,7 +33,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "filter/filter.h"
+#include "tables/tables.h"
 
 namespace lumora {
 namespace fastpass {
@@ -158,7 +161,7 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
 #endif  // LUMORA_FAST_FILTER_SHARED
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "fast_filter.cpp"
+#define HWY_TARGET_INCLUDE "filter/level_pass_hwy.cpp"
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
@@ -477,41 +480,6 @@ void FilterRow(const Pass &p, int j, const Scratch &s) {
         FilterRowSpp<1>(p, j, s);
 }
 
-// One interior row of the 8-bit 3x3 smoothing. The nine-sample sums (at
-// most 9 * 255 = 2295) fit 16 bits, and (sum * 7282) >> 16 equals sum / 9
-// for every sum up to 2295 (checked below at compile time), so the
-// truncating division is exact in 16-bit lanes.
-void SmoothRow8(const unsigned char *prev, const unsigned char *cur, const unsigned char *next,
-                unsigned char *out, int rowStride, int spp) {
-    const hn::ScalableTag<uint16_t> d16;
-    const hn::Rebind<uint8_t, decltype(d16)> d8;
-    const hn::Rebind<int16_t, decltype(d16)> di16;
-    const int N = (int)hn::Lanes(d16);
-    const auto reciprocal = hn::Set(d16, 7282);
-    const int end = rowStride - spp;  // first sample of the last pixel
-    for (int i = 0; i < std::min(spp, rowStride); i++) out[i] = cur[i];
-    int i = spp;
-    for (; i + N <= end; i += N) {
-        auto sum = hn::Add(hn::PromoteTo(d16, hn::LoadU(d8, prev + i - spp)),
-                           hn::PromoteTo(d16, hn::LoadU(d8, prev + i)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, prev + i + spp)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, cur + i - spp)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, cur + i)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, cur + i + spp)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, next + i - spp)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, next + i)));
-        sum = hn::Add(sum, hn::PromoteTo(d16, hn::LoadU(d8, next + i + spp)));
-        const auto mean = hn::MulHigh(sum, reciprocal);
-        hn::StoreU(hn::DemoteTo(d8, hn::BitCast(di16, mean)), d8, out + i);
-    }
-    for (; i < end; i++) {
-        const int sum = prev[i - spp] + prev[i] + prev[i + spp] + cur[i - spp] + cur[i] +
-                        cur[i + spp] + next[i - spp] + next[i] + next[i + spp];
-        out[i] = (unsigned char)(sum / 9);
-    }
-    for (int k = std::max(spp, end); k < rowStride; k++) out[k] = cur[k];
-}
-
 }  // namespace HWY_NAMESPACE
 }  // namespace fastpass
 }  // namespace lumora
@@ -524,7 +492,6 @@ namespace fastpass {
 HWY_EXPORT(FloatLanes);
 HWY_EXPORT(TargetName);
 HWY_EXPORT(FilterRow);
-HWY_EXPORT(SmoothRow8);
 
 // Bytes of bilateral weights one block of pixels keeps: a block's plane
 // reads stay in long runs while its weights stay in the second-level cache.
@@ -533,12 +500,6 @@ constexpr size_t BLOCK_WEIGHT_BYTES = 128 * 1024;
 // Bytes of colour planes one band aims at, its shared rows included.
 constexpr size_t BAND_PLANE_BYTES = 96u << 20;
 
-constexpr bool reciprocalIsExact() {
-    for (unsigned sum = 0; sum <= 9 * 255; sum++)
-        if (((sum * 7282u) >> 16) != sum / 9) return false;
-    return true;
-}
-static_assert(reciprocalIsExact(), "the 16-bit reciprocal of 9 must divide exactly");
 
 }  // namespace fastpass
 
@@ -546,10 +507,6 @@ int fastPassBandRows = 0;
 
 const char *fastPathTargetName() { return HWY_DYNAMIC_DISPATCH(fastpass::TargetName)(); }
 
-void smoothRow8Fast(const unsigned char *prev, const unsigned char *cur,
-                    const unsigned char *next, unsigned char *out, int rowStride, int spp) {
-    HWY_DYNAMIC_DISPATCH(fastpass::SmoothRow8)(prev, cur, next, out, rowStride, spp);
-}
 
 bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
     using namespace fastpass;

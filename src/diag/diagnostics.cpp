@@ -5,7 +5,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "blend/blend.h"
+#include "driver/driver.h"
+#include "filter/filter.h"
+#include "image/image.h"
+#include "tables/tables.h"
 
 // Profiling slots exported for the host; the module never touches them.
 extern "C" {

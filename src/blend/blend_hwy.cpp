@@ -37,7 +37,13 @@
 #include <cstring>
 #include <vector>
 
-#include "internal.h"
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "blend/blend.h"
+#include "driver/driver.h"
+#include "filter/filter.h"
+#include "image/image.h"
+#include "tables/tables.h"
 
 namespace lumora {
 namespace fastweights {
@@ -192,7 +198,7 @@ inline void pixelBlend(const ReconstructionArgs &a, const ReconTables &t, const 
 #endif  // LUMORA_FAST_WEIGHTS_SHARED
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "fast_weights.cpp"
+#define HWY_TARGET_INCLUDE "blend/blend_hwy.cpp"
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 

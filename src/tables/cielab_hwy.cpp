@@ -30,14 +30,20 @@
 //    and B are tiny, and at rare rounding ties) the entry is converted exactly
 //    by Point_RGB_to_CIELab. The two ends are compared bit for bit.
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "cielab_fast.cpp"
+#define HWY_TARGET_INCLUDE "tables/cielab_hwy.cpp"
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
 
 #include <cstddef>
 #include <cstdint>
 
-#include "internal.h"
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "blend/blend.h"
+#include "driver/driver.h"
+#include "filter/filter.h"
+#include "image/image.h"
+#include "tables/tables.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace lumora {

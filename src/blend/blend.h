@@ -1,0 +1,100 @@
+// blend.h: exposure weights and the per-pixel reconstruction of the output.
+#pragma once
+
+#include "core/core.h"
+
+namespace lumora {
+
+// ---------------------------------------------------------------------------
+// Exposure weights (exposure_weights.cpp)
+
+void buildErrorCoefficients(float invSigmaWeighting, float *coeffErreur,
+                            float *coeffErreurPreserve);
+void calculatePoids8Alt(int kMax, unsigned char **imagePtrs, int spp, int i, int j, int iMax,
+                        int jMax, float *coeffErreur, float *coeffErreurLastImg,
+                        int contrastColourWeight, float *poids);
+void calculatePoids16Alt(int kMax, unsigned short **imagePtrs, float *coeffErreur,
+                         float *poids);
+// Shifts weight towards the dark image (index 1) where the fused image
+// (index 0) is near white; highlight-preserving mode only.
+void highlightShift(const unsigned char *fusedPixel, const unsigned char *darkPixel,
+                    float *poidsLev);
+
+// ---------------------------------------------------------------------------
+// Reconstruction (reconstruction.cpp)
+
+struct ReconstructionArgs {
+    size_t rowIn;
+    size_t imageStride;
+    size_t poidsImageStride;
+    unsigned char *resImage;
+    unsigned char **outputImageTower;
+    unsigned char **outputImageDiffTower;
+    unsigned char *poidsBuffer;
+    unsigned char *results;
+    unsigned char *imagesBuffer;
+    unsigned char *fusedResult;
+    float *coeffErreur;
+    float *sharpLUT;
+    int numLevels;
+    int byteDepthBpsIn;
+    int byteDepthBpsOut;
+    int max7;
+    float sharpnessFactor;
+    float satCoeff;
+    int kMax;
+    int jMax;
+    int iMax;
+    int spp;
+    int bpsIn;
+    int bitDepthPoids;
+    int bpsOut;
+    int byteDepthPoids;
+    int rowOut;
+    int fusionPreserveHighlights;
+    int darkMergeThreshold;
+    int rgb2bgr;
+};
+void reconstruct(int nbProc, const ReconstructionArgs &args);
+// One reconstructed sample of 8-bit data stored at the output depth: clamped
+// to 0..255 (8-bit output) or scaled by 256 and clamped to 0..65535 (16-bit),
+// then truncated.
+inline void storeReconstructedSample(float fval, unsigned char *out, int byteDepthOut) {
+    if (byteDepthOut == 1) {
+        if (fval < 0.0f) fval = 0.0f;
+        if (fval > 255.0f) fval = 255.0f;
+        *out = (unsigned char)(int)fval;
+    } else {
+        fval *= 256.0f;
+        if (fval < 0.0f) fval = 0.0f;
+        if (fval > 65535.0f) fval = 65535.0f;
+        const unsigned short v = (unsigned short)(int)fval;
+        std::memcpy(out, &v, sizeof v);
+    }
+}
+
+// Row j's level entries (e = (numLevels - lev) * kMax + k): the samples added
+// to the sum, the samples its weights are judged by, and its weight plane.
+void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned char **images,
+                              unsigned char **smoothed, unsigned char **poids);
+
+// ---------------------------------------------------------------------------
+// Fast weights/reconstruction (fast_weights.cpp)
+
+// The driver's raw weight loop over the iMax x jMax pixels of the kMax images
+// in[k] (three samples a pixel): calculatePoids8Alt, the highlight shift when
+// highlight is set, and the byte (int)(poids * 255.0f) into plane out[k];
+// vectorised across pixels, with the per-pixel loop's bytes and aborts.
+void rawWeightsFast(int kMax, int iMax, int jMax, unsigned char **in, unsigned char **out,
+                    float *coeffErreur, float *coeffErreurLastImg, int highlight);
+// Whether reconstructRowsFast covers these arguments (8-bit input and
+// weights, three samples, at most three images, no debug dumps).
+bool fastReconstructionCovers(const ReconstructionArgs &args);
+// Output rows [rowBegin, rowEnd) of the reconstruction, vectorised across the
+// pixels of a row, with the per-pixel code's bytes and aborts. False, with
+// nothing written, when its row buffers cannot be allocated.
+bool reconstructRowsFast(const ReconstructionArgs &args, int rowBegin, int rowEnd);
+
+// ---------------------------------------------------------------------------
+
+}  // namespace lumora

@@ -1,0 +1,27 @@
+// switches.h: the module's test switches and counters. The library sets
+// none of the switches itself and reads no configuration: tests, fuzzers and
+// benchmarks set them to pick a path or spare work.
+#pragma once
+
+namespace lumora {
+
+// The hot loops exist twice: the plain per-pixel code, which reads like the
+// algorithm and is the reference, and a vectorised fast path that gives the
+// same bytes. The fast path runs by default; tests and benchmarks set this to
+// run the plain one. It is not a configuration: the library reads nothing but
+// its arguments.
+inline bool usePlainPath = false;
+// Set by tests and fuzzers that fuse hundreds of times: a CIELab table that is
+// filled already is not filled again (every refill writes the same values).
+// The library itself never sets it.
+inline bool keepFilledLabTable = false;
+
+// Output rows per band of colour planes in the vectorised level pass; 0
+// chooses by size (tests force tiny bands).
+extern int fastPassBandRows;
+// Calls of getProposedLevelFactorImpl since process start.
+extern int proposedLevelFactorImplCalls;
+// Entries of the last vectorised CIELab fill that took the exact conversion.
+extern int labFastFallbacks;
+
+}  // namespace lumora

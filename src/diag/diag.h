@@ -1,0 +1,25 @@
+// diag.h: diagnostics: trace switches, the debug counters and the debug image dumps.
+#pragma once
+
+#include "core/core.h"
+
+namespace lumora {
+
+// Compile-time trace switches. debugMain gates the commentary that every
+// fusion call writes to stderr; the others gate traces that never print.
+constexpr int debugMain = 1;
+constexpr int debugFusion2a = 0;
+constexpr int debugConvolution = 0;
+constexpr int debugSpatialKernel = 0;
+
+// Run-time switch for the debug image dumps. Nothing in the module sets it;
+// tests may.
+extern int dbgTestImage;
+// Image index and level of the filter run in progress, for dump file names.
+extern int __k;
+extern int __level;
+
+void saveTestImage8_3SamplesWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img);
+void saveTestImage8_1SampleWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img);
+
+}  // namespace lumora
