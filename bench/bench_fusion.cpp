@@ -162,7 +162,8 @@ void BM_Stage(benchmark::State &state) {
     unsigned char *planes[3] = {poids.data(), poids.data() + plane, poids.data() + 2 * plane};
     float ce[256], cePreserve[256];
     lumora::buildErrorCoefficients(15.0f, ce, cePreserve);
-    lumora::rawWeightsFast(kMax, b.w, b.h, in, planes, ce, ce, highlight);
+    const lumora::RawWeightsArgs raw{kMax, b.w, b.h, in, planes, ce, ce, highlight};
+    lumora::rawWeightsFast(raw);
     for (int lev = 1; lev <= 2; lev++)  // stand-ins for the smoothed weights
         std::copy(poids.begin(), poids.begin() + kMax * plane, poids.begin() + lev * kMax * plane);
     float sharpLUT[258];
@@ -203,20 +204,8 @@ void BM_Stage(benchmark::State &state) {
     for (auto _ : state) {
         if (stage % 2 == 1) {
             lumora::reconstruct(2, a);
-        } else if (!plain) {
-            lumora::rawWeightsFast(kMax, b.w, b.h, in, planes, ce, ce, highlight);
-        } else {  // the driver's plain loop
-            unsigned char *p[3] = {in[0], in[1], in[2]};
-            float w[3];
-            for (size_t q = 0; q < plane; q++) {
-                lumora::calculatePoids8Alt(kMax, p, 3, (int)(q % b.w), (int)(q / b.w), b.w, b.h,
-                                           ce, ce, 1, w);
-                if (highlight) lumora::highlightShift(p[0], p[1], w);
-                for (int k = 0; k < kMax; k++) {
-                    planes[k][q] = (unsigned char)(int)(w[k] * 255.0f);
-                    p[k] += 3;
-                }
-            }
+        } else {
+            lumora::rawWeights(raw);  // the switch picks the path
         }
         benchmark::DoNotOptimize(out.data());
         benchmark::DoNotOptimize(poids.data());

@@ -59,21 +59,18 @@ struct FastFusion : testing::Test {
 };
 using FastFusionDeathTest = FastFusion;
 
-// The driver's per-pixel raw weight loop (plain) or the vectorised one.
+// The reference raw weight loop (plain) or the vectorised one.
 Bytes rawWeights(bool plain, int kMax, int iMax, int jMax, Bytes *images, float *ce, float *ceLast,
                  int highlight) {
     const int n = iMax * jMax;
     Bytes planes((size_t)kMax * n, 0xA5);
-    unsigned char *in[3], *out[3], *px[3];
+    unsigned char *in[3], *out[3];
     for (int k = 0; k < kMax; k++) in[k] = images[k].data(), out[k] = planes.data() + (size_t)k * n;
-    if (!plain) rawWeightsFast(kMax, iMax, jMax, in, out, ce, ceLast, highlight);
-    float poids[3];
-    for (int p = 0; plain && p < n; p++) {
-        for (int k = 0; k < kMax; k++) px[k] = in[k] + 3 * p;
-        calculatePoids8Alt(kMax, px, 3, p, 0, n, 1, ce, ceLast, 1, poids);
-        if (highlight) highlightShift(px[0], px[1], poids);
-        for (int k = 0; k < kMax; k++) out[k][p] = (unsigned char)(int)(poids[k] * 255.0f);
-    }
+    const RawWeightsArgs args{kMax, iMax, jMax, in, out, ce, ceLast, highlight};
+    if (plain)
+        rawWeightPixels(args, 0, (size_t)n);
+    else
+        rawWeightsFast(args);
     return planes;
 }
 

@@ -20,6 +20,27 @@ void calculatePoids16Alt(int kMax, unsigned short **imagePtrs, float *coeffErreu
 void highlightShift(const unsigned char *fusedPixel, const unsigned char *darkPixel,
                     float *poidsLev);
 
+// The level-0 weight planes: for each pixel of the kMax images in[k] (three
+// samples a pixel), calculatePoids8Alt, the highlight shift when highlight is
+// set, and the byte (int)(poids * 255.0f) into plane out[k].
+struct RawWeightsArgs {
+    int kMax;
+    int iMax;
+    int jMax;
+    unsigned char *const *in;   // image k, three samples a pixel
+    unsigned char *const *out;  // weight plane k
+    float *coeffErreur;
+    float *coeffErreurLastImg;
+    int highlight;
+};
+// The reference: pixels [first, first + n), one at a time.
+void rawWeightPixels(const RawWeightsArgs &args, size_t first, size_t n);
+// Every pixel, vectorised across pixels (blend_hwy.cpp), with the
+// reference's bytes and aborts.
+void rawWeightsFast(const RawWeightsArgs &args);
+// Every pixel, on the fast path or, when the switch asks, the reference.
+void rawWeights(const RawWeightsArgs &args);
+
 // ---------------------------------------------------------------------------
 // Reconstruction (reconstruction.cpp)
 
@@ -81,12 +102,6 @@ void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned ch
 // ---------------------------------------------------------------------------
 // Fast weights/reconstruction (fast_weights.cpp)
 
-// The driver's raw weight loop over the iMax x jMax pixels of the kMax images
-// in[k] (three samples a pixel): calculatePoids8Alt, the highlight shift when
-// highlight is set, and the byte (int)(poids * 255.0f) into plane out[k];
-// vectorised across pixels, with the per-pixel loop's bytes and aborts.
-void rawWeightsFast(int kMax, int iMax, int jMax, unsigned char **in, unsigned char **out,
-                    float *coeffErreur, float *coeffErreurLastImg, int highlight);
 // Whether reconstructRowsFast covers these arguments (8-bit input and
 // weights, three samples, at most three images, no debug dumps).
 bool fastReconstructionCovers(const ReconstructionArgs &args);

@@ -48,31 +48,6 @@
 namespace lumora {
 namespace fastweights {
 
-// What the raw weight loop reads.
-struct RawPass {
-    int kMax;
-    int iMax;
-    int jMax;
-    unsigned char *const *in;   // image k, three samples a pixel
-    unsigned char *const *out;  // weight plane k
-    float *coeffErreur;
-    float *coeffErreurLastImg;
-    int highlight;
-};
-
-// Pixels [first, first + n) through the driver's per-pixel code.
-inline void plainRawPixels(const RawPass &p, size_t first, size_t n) {
-    unsigned char *in[3];
-    float poidsLev[3];
-    for (size_t q = first; q < first + n; q++) {
-        for (int k = 0; k < p.kMax; k++) in[k] = p.in[k] + 3 * q;
-        calculatePoids8Alt(p.kMax, in, 3, (int)(q % p.iMax), (int)(q / p.iMax), p.iMax, p.jMax,
-                           p.coeffErreur, p.coeffErreurLastImg, 1, poidsLev);
-        if (p.highlight) highlightShift(in[0], in[1], poidsLev);
-        for (int k = 0; k < p.kMax; k++) p.out[k][q] = (unsigned char)(int)(poidsLev[k] * 255.0f);
-    }
-}
-
 // Tables of one reconstruction call.
 struct ReconTables {
     float detail[256];   // a detail byte's difference from max7, sharpened
@@ -245,7 +220,7 @@ HWY_INLINE void StoreWeightBytes(VF poids, unsigned char *out) {
 // Sum over the three samples of image k's pixels of table[sample] times the
 // sample's luminance coefficient, from 0 in red, green, blue order; doubled
 // for a last image with a table of its own.
-HWY_INLINE VF RawWeight(const RawPass &p, int k, size_t px) {
+HWY_INLINE VF RawWeight(const RawWeightsArgs &p, int k, size_t px) {
     const DF df;
     const bool last = k == p.kMax - 1;
     const float *erreur = last ? p.coeffErreurLastImg : p.coeffErreur;
@@ -262,7 +237,7 @@ HWY_INLINE VF RawWeight(const RawPass &p, int k, size_t px) {
 // Raw weights of the N pixels from px; false, having stored nothing, when a
 // lane fails the weight check.
 template <int K>
-HWY_INLINE bool RawVector(const RawPass &p, size_t px) {
+HWY_INLINE bool RawVector(const RawWeightsArgs &p, size_t px) {
     const DF df;
     const VF one = hn::Set(df, 1.0f);
     const VF raw0 = RawWeight(p, 0, px);
@@ -298,16 +273,16 @@ HWY_INLINE bool RawVector(const RawPass &p, size_t px) {
 }
 
 template <int K>
-void RawWeightsK(const RawPass &p) {
+void RawWeightsK(const RawWeightsArgs &p) {
     const size_t N = hn::Lanes(DF());
     const size_t count = (size_t)p.iMax * p.jMax;
     size_t px = 0;
     for (; px + N <= count; px += N)
-        if (!RawVector<K>(p, px)) plainRawPixels(p, px, N);  // aborts there
-    plainRawPixels(p, px, count - px);
+        if (!RawVector<K>(p, px)) rawWeightPixels(p, px, N);  // aborts there
+    rawWeightPixels(p, px, count - px);
 }
 
-void RawWeights(const RawPass &p) {
+void RawWeights(const RawWeightsArgs &p) {
     if (p.kMax == 1)
         RawWeightsK<1>(p);
     else if (p.kMax == 2)
@@ -469,20 +444,10 @@ static_assert(floatThirdIsExact(), "the float quotient must truncate to the inte
 
 }  // namespace fastweights
 
-void rawWeightsFast(int kMax, int iMax, int jMax, unsigned char **in, unsigned char **out,
-                    float *coeffErreur, float *coeffErreurLastImg, int highlight) {
-    fastweights::RawPass p;
-    p.kMax = kMax;
-    p.iMax = iMax;
-    p.jMax = jMax;
-    p.in = in;
-    p.out = out;
-    p.coeffErreur = coeffErreur;
-    p.coeffErreurLastImg = coeffErreurLastImg;
-    p.highlight = highlight;
+void rawWeightsFast(const RawWeightsArgs &p) {
     // The highlight shift pairs exactly two images.
-    if (kMax < 1 || kMax > 3 || (highlight && kMax != 2)) {
-        fastweights::plainRawPixels(p, 0, (size_t)iMax * jMax);
+    if (p.kMax < 1 || p.kMax > 3 || (p.highlight && p.kMax != 2)) {
+        rawWeightPixels(p, 0, (size_t)p.iMax * p.jMax);
         return;
     }
     HWY_DYNAMIC_DISPATCH(fastweights::RawWeights)(p);

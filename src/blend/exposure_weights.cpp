@@ -95,4 +95,23 @@ void highlightShift(const unsigned char *fusedPixel, const unsigned char *darkPi
     }
 }
 
+void rawWeightPixels(const RawWeightsArgs &p, size_t first, size_t n) {
+    unsigned char *in[3];  // room for three images: kMax is at most 3
+    float poidsLev[3];
+    for (size_t q = first; q < first + n; q++) {
+        for (int k = 0; k < p.kMax; k++) in[k] = p.in[k] + 3 * q;
+        calculatePoids8Alt(p.kMax, in, 3, (int)(q % p.iMax), (int)(q / p.iMax), p.iMax, p.jMax,
+                           p.coeffErreur, p.coeffErreurLastImg, 1, poidsLev);
+        if (p.highlight) highlightShift(in[0], in[1], poidsLev);
+        for (int k = 0; k < p.kMax; k++) p.out[k][q] = (unsigned char)(int)(poidsLev[k] * 255.0f);
+    }
+}
+
+void rawWeights(const RawWeightsArgs &args) {
+    if (usePlainPath)
+        rawWeightPixels(args, 0, (size_t)args.iMax * args.jMax);
+    else
+        rawWeightsFast(args);
+}
+
 }  // namespace lumora

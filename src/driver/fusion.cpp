@@ -303,7 +303,6 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     {
         unsigned char *poidsInPtrs[3];
         unsigned char *poidsOutPtrs[3];
-        float poidsLev[3];
         for (int k = 0; k < kMax; k++) {
             if (fusionPreserveHighlights)
                 poidsInPtrs[k] = k == 0 ? fusedResult : imagesBuffer;
@@ -313,23 +312,8 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
         }
         // Kept: one table for both arguments, so the last image is not
         // doubled.
-        if (!usePlainPath) {
-            rawWeightsFast(kMax, iMax, jMax, poidsInPtrs, poidsOutPtrs, coeffErreur,
-                           coeffErreur, fusionPreserveHighlights);
-        } else {
-            for (int j = 0; j < jMax; j++) {
-                for (int i = 0; i < iMax; i++) {
-                    calculatePoids8Alt(kMax, poidsInPtrs, spp, i, j, iMax, jMax, coeffErreur,
-                                       coeffErreur, 1, poidsLev);
-                    if (fusionPreserveHighlights)
-                        highlightShift(poidsInPtrs[0], poidsInPtrs[1], poidsLev);
-                    for (int k = 0; k < kMax; k++) {
-                        *poidsOutPtrs[k]++ = (unsigned char)(int)(poidsLev[k] * 255.0f);
-                        poidsInPtrs[k] += 3;
-                    }
-                }
-            }
-        }
+        rawWeights({kMax, iMax, jMax, poidsInPtrs, poidsOutPtrs, coeffErreur, coeffErreur,
+                    fusionPreserveHighlights});
     }
 
     // Every weight plane through the pyramid, into levels 1 and 2.
