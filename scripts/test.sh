@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the whole test suite three
-# times: the ordinary build; AddressSanitizer with UndefinedBehaviorSanitizer
-# and leak checking, in the build whose allocations can be made to fail one
-# by one; ThreadSanitizer (clang, LLVM's OpenMP runtime with its race-detection
-# tool) over the tests that run thread teams. Prints each stage's time.
+# Installs what is missing, then builds and runs the test suite in four
+# stages: the ordinary build; its whole-fusion checks again on the plain
+# reference path; AddressSanitizer with UndefinedBehaviorSanitizer and leak
+# checking, in the build whose allocations can be made to fail one by one;
+# ThreadSanitizer (clang, LLVM's OpenMP runtime with its race-detection tool)
+# over the tests that run thread teams. Prints each stage's time.
 #
 #   bash scripts/test.sh                 all stages
 #   LUMORA_TEST_STAGES="unit asan" bash scripts/test.sh    some of them
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-stages=${LUMORA_TEST_STAGES:-unit asan tsan}
+stages=${LUMORA_TEST_STAGES:-unit plain asan tsan}
 jobs=$(nproc)
 timings=()
 
@@ -35,6 +36,14 @@ run_stage() {
 unit() {
     configure_build_test "${LUMORA_BUILD_DIR:-$root/build}" \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON
+}
+
+# The whole-fusion golden checks again, every loop on the plain per-pixel
+# reference (the test main's switch): the reference must hold the goldens
+# too, not only the fast path that the other tests compare with it.
+plain() {
+    LUMORA_TEST_PLAIN_PATH=1 configure_build_test "${LUMORA_BUILD_DIR:-$root/build}" \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -- -R '^Fusion(Sample|Protocol)\.'
 }
 
 asan() {
