@@ -1,5 +1,5 @@
 // The process-wide RGB-to-CIELab table. A plain fill costs about a second,
-// a fast one a tenth of that: the table is filled four times in all.
+// a fast one a tenth of that: the table is filled three times in all.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -74,39 +74,14 @@ TEST(CIELabPoint, PseudoinverseIsTransposedInverse) {
         }
 }
 
-TEST(CIELabTable, MatchesPointConversionForAnyTeamSize) {
-    CIELab_Init(1);
-    std::mt19937 gen(7);
-    for (int n = 0; n < 4000; n++) {
-        const int r = gen() & 255, g = gen() & 255, b = gen() & 255;
-        LABData p;
-        Point_RGB_to_CIELab(r, g, b, &p.l, &p.a, &p.b);
-        ASSERT_EQ(std::memcmp(&labLUT[r][g][b], &p, sizeof p), 0) << r << "," << g << "," << b;
-    }
-    EXPECT_EQ(labLUT[0][0][0].l, 0.0f);
-    for (int v = 0; v < 256; v++)  // greys are neutral
-        EXPECT_TRUE(std::fabs(labLUT[v][v][v].a) < 1e-3f && std::fabs(labLUT[v][v][v].b) < 1e-3f) << v;
-
-    // A refill by another team size, and by the plain path, keeps the blocks
-    // and rewrites every entry (poisoned first) with the same bytes.
-    const uint64_t fastHash = tableHash();
-    LABData ***table = labLUT;
-    LABData *block = labLUT[17][200];
-    for (const bool plain : {false, true}) {
-        for (int r = 0; r < 256; r++)
-            for (int g = 0; g < 256; g++) std::memset(labLUT[r][g], 0xff, 256 * sizeof(LABData));
-        usePlainPath = plain;
-        CIELab_Init(3);
-        usePlainPath = false;
-        EXPECT_EQ(labLUT, table);
-        EXPECT_EQ(labLUT[17][200], block);
-        EXPECT_EQ(tableHash(), fastHash) << (plain ? "plain" : "fast") << " fill by 3 threads";
-    }
-}
-
-TEST(CIELabTable, FastFillEqualsPointConversionInEveryEntry) {
+// Every entry against the point conversion, then refills by other team sizes
+// and by the plain path: the blocks stay where they are and every entry
+// (poisoned first) is rewritten with the same bytes.
+TEST(CIELabTable, EveryEntryEqualsPointConversionWhateverPathAndTeamSize) {
     CIELab_Init(2);
-    EXPECT_GT(labFastFallbacks, 0);  // greys at least (see below)
+    // Greys at least take the exact conversion: their A and B are far finer
+    // than the cube root's bounds can decide.
+    EXPECT_GT(labFastFallbacks, 0);
     int firstBad = 1 << 24;
 #pragma omp parallel for schedule(static) reduction(min : firstBad) num_threads(2)
     for (int r = 0; r < 256; r++)
@@ -119,23 +94,21 @@ TEST(CIELabTable, FastFillEqualsPointConversionInEveryEntry) {
                     break;
                 }
             }
-    EXPECT_EQ(firstBad, 1 << 24) << "first differing entry (" << (firstBad >> 16) << ", "
+    ASSERT_EQ(firstBad, 1 << 24) << "first differing entry (" << (firstBad >> 16) << ", "
                                  << (firstBad >> 8 & 255) << ", " << (firstBad & 255) << ")";
-}
 
-TEST(CIELabTable, GreysAreLeftToTheExactConversion) {
-    // Greys above the linear range have A and B of 1e-6..1e-4, far finer than
-    // the cube root's bounds can decide: each grey's block must take the exact
-    // conversion and still come out bit-equal.
-    LabFillTables tables;
-    makeLabFillTables(&tables);
-    LABData block[256];
-    for (int v = 3; v < 256; v++) {
-        std::memset(block, 0xff, sizeof block);
-        ASSERT_GE(fillLabBlockFast(v, v, tables, block), 1) << v;
-        LABData p;
-        Point_RGB_to_CIELab(v, v, v, &p.l, &p.a, &p.b);
-        ASSERT_EQ(std::memcmp(&block[v], &p, sizeof p), 0) << v;
+    const uint64_t hash = tableHash();
+    LABData ***table = labLUT;
+    LABData *block = labLUT[17][200];
+    for (const bool plain : {false, true}) {
+        for (int r = 0; r < 256; r++)
+            for (int g = 0; g < 256; g++) std::memset(labLUT[r][g], 0xff, 256 * sizeof(LABData));
+        usePlainPath = plain;
+        CIELab_Init(3);
+        usePlainPath = false;
+        EXPECT_EQ(labLUT, table);
+        EXPECT_EQ(labLUT[17][200], block);
+        EXPECT_EQ(tableHash(), hash) << (plain ? "plain" : "fast") << " fill by 3 threads";
     }
 }
 
