@@ -113,107 +113,135 @@ void fillInterleaved(T *image, const T *input, T *top, T *bottom, T *left, T *ri
     fillPlane(v, iMax, jMax, spp, b, maxVal, sizeof(T) == 2);
 }
 
+// Sizes of one bordered image, in samples or bytes as named.
+struct BorderGeometry {
+    int iMax, jMax, spp, bps, b, byteDepth;
+    bool rgbe;
+    size_t rowStride, extendedRowStride, topBottomSize, leftRightSize;
+};
+
+BorderGeometry borderGeometry(int iMax, int jMax, int spp, int bps, int b) {
+    BorderGeometry g;
+    g.iMax = iMax, g.jMax = jMax, g.spp = spp, g.bps = bps, g.b = b;
+    g.byteDepth = bps / 8;
+    g.rgbe = bps == 32;
+    g.rowStride = g.rgbe ? static_cast<size_t>(iMax) * 4 : static_cast<size_t>(iMax) * spp;
+    g.extendedRowStride =
+        g.rgbe ? static_cast<size_t>(iMax + 2 * b) * 4 : static_cast<size_t>(iMax + 2 * b) * spp;
+    g.topBottomSize = static_cast<size_t>(iMax + 2 * b) * b * g.byteDepth * spp;
+    g.leftRightSize = static_cast<size_t>(jMax) * b * g.byteDepth * spp;
+    return g;
+}
+
+// The larger copy with the image rows in its middle; false when it cannot be
+// allocated.
+bool makeBuiltInCopy(const BorderGeometry &g, ImageWithBorder *img) {
+    const int b = g.b;
+    // RGBE strides already count bytes; the size is still multiplied by
+    // byteDepth (4), which over-allocates a layout no caller uses.
+    const size_t size = g.extendedRowStride * g.byteDepth * (g.jMax + 2 * b);
+    // Two zero-filled rows of slack after the end: on small images whose
+    // smaller side is even, the filter's kernel window can reach one row
+    // or column past the border. The layout is unchanged; the slack only
+    // keeps such reads inside memory this buffer owns, and deterministic.
+    const size_t slack = 2 * g.extendedRowStride * g.byteDepth;
+    img->image = static_cast<unsigned char *>(allocate(size + slack));
+    if (!img->image) return false;
+    const size_t used = g.rgbe ? g.extendedRowStride * (g.jMax + 2 * b) : size;
+    std::memset(img->image + used, 0, size + slack - used);
+    const int rowBytes = g.rgbe ? 1 : g.byteDepth;
+    for (int j = 0; j < g.jMax; ++j) {
+        unsigned char *dst = img->image + (b + j) * g.extendedRowStride * rowBytes;
+        const unsigned char *src = img->inputImage + j * g.rowStride * rowBytes;
+        if (!g.rgbe) {
+            std::memcpy(dst + static_cast<size_t>(b) * g.spp * g.byteDepth, src,
+                        g.rowStride * g.byteDepth);
+        } else {
+            // Planar rows: each plane of iMax bytes goes b bytes into its
+            // own plane of iMax + 2b bytes.
+            for (int p = 0; p < 4; ++p)
+                std::memcpy(dst + p * (g.iMax + 2 * b) + b, src + p * g.iMax, g.iMax);
+        }
+    }
+    return true;
+}
+
+// The four separate border pieces; false, with none kept, when one cannot be
+// allocated.
+bool makeSeparateBorders(const BorderGeometry &g, unsigned char **pieces) {
+    // Deliberate: each border is allocated four times the size it needs.
+    pieces[0] = static_cast<unsigned char *>(allocate(g.topBottomSize * 4));
+    pieces[1] = static_cast<unsigned char *>(allocate(g.topBottomSize * 4));
+    pieces[2] = static_cast<unsigned char *>(allocate(g.leftRightSize * 4));
+    pieces[3] = static_cast<unsigned char *>(allocate(g.leftRightSize * 4));
+    const bool failed = g.topBottomSize && (!pieces[0] || !pieces[1]);
+    if (failed || (g.leftRightSize && (!pieces[2] || !pieces[3]))) {
+        for (int n = 0; n < 4; n++) release(pieces[n]), pieces[n] = nullptr;
+        return false;
+    }
+    return true;
+}
+
+// RGBE: every plane is a one-sample 8-bit image. Border rows are four planes
+// of iMax + 2b bytes; side pieces are packed plane-rows of b bytes, four per
+// image row.
+void fillRgbePlanes(const BorderGeometry &g, ImageWithBorder *img, unsigned char *const *pieces) {
+    const int b = g.b, iMax = g.iMax, jMax = g.jMax;
+    const size_t stride = g.extendedRowStride, planeWidth = iMax + 2 * b;
+    for (int p = 0; p < 4; ++p) {
+        PlaneView<unsigned char> v;
+        if (img->mainImageHasBorders) {
+            unsigned char *rowStart = img->image + b * stride + p * planeWidth;
+            v = {rowStart + b, stride,
+                 img->image + p * planeWidth,
+                 img->image + (jMax + b) * stride + p * planeWidth, stride,
+                 rowStart, rowStart + iMax + b, stride};
+        } else {
+            v = {img->inputImage + p * iMax, g.rowStride,
+                 pieces[0] + p * planeWidth, pieces[1] + p * planeWidth, stride,
+                 pieces[2] + p * b, pieces[3] + p * b, static_cast<size_t>(4) * b};
+        }
+        fillPlane(v, iMax, jMax, 1, b, 255, false);
+    }
+}
+
 }  // namespace
 
 int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBorder *img) {
-    const int b = img->borderWidth;
-    const int byteDepth = bps / 8;
-    const bool rgbe = bps == 32;
-    const size_t rowStride = rgbe ? static_cast<size_t>(iMax) * 4 : static_cast<size_t>(iMax) * spp;
-    const size_t extendedRowStride =
-        rgbe ? static_cast<size_t>(iMax + 2 * b) * 4 : static_cast<size_t>(iMax + 2 * b) * spp;
-    const int maxVal = rgbe ? 255 : (1 << bps) - 1;
-    const size_t topBottomSize = static_cast<size_t>(iMax + 2 * b) * b * byteDepth * spp;
-    const size_t leftRightSize = static_cast<size_t>(jMax) * b * byteDepth * spp;
-    unsigned char *topBorder = nullptr;
-    unsigned char *bottomBorder = nullptr;
-    unsigned char *leftBorder = nullptr;
-    unsigned char *rightBorder = nullptr;
-
-    if (img->mainImageHasBorders) {
-        // RGBE strides already count bytes; the size is still multiplied by
-        // byteDepth (4), which over-allocates a layout no caller uses.
-        const size_t size = extendedRowStride * byteDepth * (jMax + 2 * b);
-        // Two zero-filled rows of slack after the end: on small images whose
-        // smaller side is even, the filter's kernel window can reach one row
-        // or column past the border. The layout is unchanged; the slack only
-        // keeps such reads inside memory this buffer owns, and deterministic.
-        const size_t slack = 2 * extendedRowStride * byteDepth;
-        img->image = static_cast<unsigned char *>(allocate(size + slack));
-        if (!img->image) return -4;
-        const size_t used = rgbe ? extendedRowStride * (jMax + 2 * b) : size;
-        std::memset(img->image + used, 0, size + slack - used);
-        for (int j = 0; j < jMax; ++j) {
-            unsigned char *dst = img->image + (b + j) * extendedRowStride * (rgbe ? 1 : byteDepth);
-            const unsigned char *src = img->inputImage + j * rowStride * (rgbe ? 1 : byteDepth);
-            if (!rgbe) {
-                std::memcpy(dst + static_cast<size_t>(b) * spp * byteDepth, src, rowStride * byteDepth);
-            } else {
-                // Planar rows: each plane of iMax bytes goes b bytes into its
-                // own plane of iMax + 2b bytes.
-                for (int p = 0; p < 4; ++p)
-                    std::memcpy(dst + p * (iMax + 2 * b) + b, src + p * iMax, iMax);
-            }
-        }
+    const BorderGeometry g = borderGeometry(iMax, jMax, spp, bps, img->borderWidth);
+    const bool builtIn = img->mainImageHasBorders != 0;
+    unsigned char *pieces[4] = {nullptr, nullptr, nullptr, nullptr};  // top, bottom, left, right
+    if (builtIn) {
+        if (!makeBuiltInCopy(g, img)) return -4;
     } else {
-        // Deliberate: each border is allocated four times the size it needs.
-        topBorder = static_cast<unsigned char *>(allocate(topBottomSize * 4));
-        bottomBorder = static_cast<unsigned char *>(allocate(topBottomSize * 4));
-        leftBorder = static_cast<unsigned char *>(allocate(leftRightSize * 4));
-        rightBorder = static_cast<unsigned char *>(allocate(leftRightSize * 4));
         img->image = img->inputImage;
-        const bool failed = topBottomSize && (!topBorder || !bottomBorder);
-        if (failed || (leftRightSize && (!leftBorder || !rightBorder))) {
-            release(topBorder);
-            release(bottomBorder);
-            release(leftBorder);
-            release(rightBorder);
-            return -4;
-        }
+        if (!makeSeparateBorders(g, pieces)) return -4;
     }
 
     // The row counter's final value is the success result: jMax, or 4 * jMax
     // plane-rows for RGBE. Callers test only for -4.
     int rows = jMax;
-    const bool builtIn = img->mainImageHasBorders != 0;
     if (bps == 16) {
         using W = unsigned short;
         fillInterleaved(reinterpret_cast<W *>(img->image),
-                        reinterpret_cast<const W *>(img->inputImage), reinterpret_cast<W *>(topBorder),
-                        reinterpret_cast<W *>(bottomBorder), reinterpret_cast<W *>(leftBorder),
-                        reinterpret_cast<W *>(rightBorder), builtIn, iMax, jMax, spp, b, rowStride,
-                        extendedRowStride, maxVal);
-    } else if (!rgbe) {
-        fillInterleaved<unsigned char>(img->image, img->inputImage, topBorder, bottomBorder,
-                                       leftBorder, rightBorder, builtIn, iMax, jMax, spp, b,
-                                       rowStride, extendedRowStride, maxVal);
+                        reinterpret_cast<const W *>(img->inputImage),
+                        reinterpret_cast<W *>(pieces[0]), reinterpret_cast<W *>(pieces[1]),
+                        reinterpret_cast<W *>(pieces[2]), reinterpret_cast<W *>(pieces[3]),
+                        builtIn, iMax, jMax, spp, g.b, g.rowStride, g.extendedRowStride,
+                        (1 << bps) - 1);
+    } else if (!g.rgbe) {
+        fillInterleaved<unsigned char>(img->image, img->inputImage, pieces[0], pieces[1],
+                                       pieces[2], pieces[3], builtIn, iMax, jMax, spp, g.b,
+                                       g.rowStride, g.extendedRowStride, (1 << bps) - 1);
     } else {
-        // RGBE: every plane is a one-sample 8-bit image. Border rows are four
-        // planes of iMax + 2b bytes; side pieces are packed plane-rows of b
-        // bytes, four per image row.
-        const size_t planeWidth = iMax + 2 * b;
-        for (int p = 0; p < 4; ++p) {
-            PlaneView<unsigned char> v;
-            if (builtIn) {
-                unsigned char *rowStart = img->image + b * extendedRowStride + p * planeWidth;
-                v = {rowStart + b, extendedRowStride,
-                     img->image + p * planeWidth,
-                     img->image + (jMax + b) * extendedRowStride + p * planeWidth, extendedRowStride,
-                     rowStart, rowStart + iMax + b, extendedRowStride};
-            } else {
-                v = {img->inputImage + p * iMax, rowStride,
-                     topBorder + p * planeWidth, bottomBorder + p * planeWidth, extendedRowStride,
-                     leftBorder + p * b, rightBorder + p * b, static_cast<size_t>(4) * b};
-            }
-            fillPlane(v, iMax, jMax, 1, b, maxVal, false);
-        }
+        fillRgbePlanes(g, img, pieces);
         rows = 4 * jMax;
     }
 
-    img->topBorder = topBorder;
-    img->bottomBorder = bottomBorder;
-    img->leftBorder = leftBorder;
-    img->rightBorder = rightBorder;
+    img->topBorder = pieces[0];
+    img->bottomBorder = pieces[1];
+    img->leftBorder = pieces[2];
+    img->rightBorder = pieces[3];
     return rows;
 }
 
