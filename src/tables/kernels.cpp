@@ -110,34 +110,12 @@ int fastSpatialKernelNumEntries(int size, float sigma, float power, int srcImgNo
                                            accuracyFactors);
 }
 
-void makeFastSpatialKernel(int size, float sigma, float power, int srcImgNo,
-                           int *accuracyFactors, KernelEntry *kernel) {
-    const float sigmaSqd = sigma * sigma;
-    const int offset = size / 2;
-    const int A = accuracyFactors[srcImgNo];
-
-    // Kept unclamped, unlike the entry counter: callers choose a power whose
-    // raw factor is at least 1.
-    int levelFactor = (int)std::pow((double)power, srcImgNo + 0.8);
-    const int levelFactorDiv = levelFactor;
-    const float proposed = getProposedLevelFactor(size, (float)levelFactorDiv, sigma, sigmaSqd,
-                                                  power, (float)srcImgNo, accuracyFactors);
-    if ((float)levelFactor > proposed) levelFactor = (int)proposed;
-    if (levelFactor <= 0) levelFactor = 1;
-    if constexpr (debugSpatialKernel)
-        std::fprintf(stderr, "PROPLEVELFACT=%f LEVFACT=%d\n", proposed, levelFactor);
-
-    // Odd jitter range, so the offsets are centred on the grid point.
-    int peturb = levelFactor - 2;
-    if (peturb % 2 == 0) peturb++;
-
-    // The first and last grid points met (column-outer, row-inner) bound the
-    // jitter.
-    int first = 0, last = size - 1;
-    while (!onAxis(first, offset, levelFactor, A)) first++;
-    while (!onAxis(last, offset, levelFactor, A)) last--;
+// The jittered grid points of the window [first, last] x [first, last],
+// column-outer, row-inner, with their weights; returns how many there are.
+// Two rand() calls per point while the jitter range is positive.
+static int placeGridEntries(int first, int last, int offset, int levelFactor, int levelFactorDiv, int A,
+                            int peturb, float sigmaSqd, KernelEntry *kernel) {
     const int xStart = first, yStart = first, xEnd = last, yEnd = last;
-
     int numEntries = 0;
     for (int i = first; i <= last; i++) {
         if (!onAxis(i, offset, levelFactor, A)) continue;
@@ -168,6 +146,39 @@ void makeFastSpatialKernel(int size, float sigma, float power, int srcImgNo,
             kptr->factor = (float)std::exp((double)arg);
         }
     }
+    return numEntries;
+}
+
+void makeFastSpatialKernel(int size, float sigma, float power, int srcImgNo,
+                           int *accuracyFactors, KernelEntry *kernel) {
+    const float sigmaSqd = sigma * sigma;
+    const int offset = size / 2;
+    const int A = accuracyFactors[srcImgNo];
+
+    // Kept unclamped, unlike the entry counter: callers choose a power whose
+    // raw factor is at least 1.
+    int levelFactor = (int)std::pow((double)power, srcImgNo + 0.8);
+    const int levelFactorDiv = levelFactor;
+    const float proposed = getProposedLevelFactor(size, (float)levelFactorDiv, sigma, sigmaSqd,
+                                                  power, (float)srcImgNo, accuracyFactors);
+    if ((float)levelFactor > proposed) levelFactor = (int)proposed;
+    if (levelFactor <= 0) levelFactor = 1;
+    if constexpr (debugSpatialKernel)
+        std::fprintf(stderr, "PROPLEVELFACT=%f LEVFACT=%d\n", proposed, levelFactor);
+
+    // Odd jitter range, so the offsets are centred on the grid point.
+    int peturb = levelFactor - 2;
+    if (peturb % 2 == 0) peturb++;
+
+    // The first and last grid points met (column-outer, row-inner) bound the
+    // jitter.
+    int first = 0, last = size - 1;
+    while (!onAxis(first, offset, levelFactor, A)) first++;
+    while (!onAxis(last, offset, levelFactor, A)) last--;
+    const int xStart = first, yStart = first, xEnd = last, yEnd = last;
+
+    int numEntries = placeGridEntries(first, last, offset, levelFactor, levelFactorDiv, A, peturb,
+                                      sigmaSqd, kernel);
 
     // The corners stay put whatever the jitter did; their weights do not
     // follow them.
