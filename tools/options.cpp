@@ -165,6 +165,29 @@ std::string wrapped(const std::string &name, const std::string &text) {
     return out + line + "\n";
 }
 
+// The number of images, and an output whose format is known and holds the depth.
+bool checkFiles(Options &options, std::string &message) {
+    if (options.images.size() < 2 || options.images.size() > 3) {
+        message = "expected 2 or 3 images, got " + std::to_string(options.images.size()) +
+                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT)";
+        return false;
+    }
+    if (options.output.empty()) {
+        message = "no output file: give one with -o OUTPUT";
+        return false;
+    }
+    options.outputFormat = formatFromExtension(options.output);
+    if (options.outputFormat == FileFormat::Unknown) {
+        message = options.output + ": unknown output format (use .jpg, .jpeg, .png, .tif or .tiff)";
+        return false;
+    }
+    if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
+        message = options.output + ": JPEG holds 8-bit samples only; use .png or .tif for --depth 16";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string versionText() {
@@ -306,25 +329,7 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     if (app.count("--loupe") && !parseLoupe(loupe, options.loupe, message))
         return 2;
 
-    if (options.images.size() < 2 || options.images.size() > 3) {
-        message = "expected 2 or 3 images, got " + std::to_string(options.images.size()) +
-                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT)";
-        return 2;
-    }
-    if (options.output.empty()) {
-        message = "no output file: give one with -o OUTPUT";
-        return 2;
-    }
-    options.outputFormat = formatFromExtension(options.output);
-    if (options.outputFormat == FileFormat::Unknown) {
-        message = options.output + ": unknown output format (use .jpg, .jpeg, .png, .tif or .tiff)";
-        return 2;
-    }
-    if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
-        message = options.output + ": JPEG holds 8-bit samples only; use .png or .tif for --depth 16";
-        return 2;
-    }
-    return kContinue;
+    return checkFiles(options, message) ? kContinue : 2;
 }
 
 }  // namespace lumora_fuse
