@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,13 +45,20 @@ void onChildProgress(int *cancel, float amount) {
         gChildBar->draw(amount);
 }
 
-// Runs in the fusion process.
-int childMain(const FusionRun &run, unsigned char *out) {
-    // The tool's own handlers would remove its output file.
+// Runs in the fusion process, with SIGINT and SIGTERM blocked until its own
+// handlers are in place: the tool's would remove its output file.
+int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
+    // A tool killed outright cannot stop its fusion, which would go on using
+    // every core for a result no one reads: the kernel kills it instead. The
+    // tool may have died before the request was made; then the fusion has
+    // been handed to another parent already.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
+        return kChildIncomplete;
     setHandler(SIGINT, onChildCancelSignal);
     setHandler(SIGTERM, onChildCancelSignal);
     for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
         setHandler(sig, SIG_DFL);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
     // Every library call writes its commentary on the standard error stream;
     // a normal run keeps it in the memory file instead.
     if (run.captureCommentary && gCaptureFd >= 0)
@@ -139,14 +147,22 @@ FusionResult fuseInChild(const FusionRun &run, SharedBuffer &out, std::string &e
     }
     fflush(stdout);
     fflush(stderr);
+    sigset_t cancelSignals, mask;
+    sigemptyset(&cancelSignals);
+    sigaddset(&cancelSignals, SIGINT);
+    sigaddset(&cancelSignals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &cancelSignals, &mask);
+    const pid_t parent = getpid();
     const pid_t pid = fork();
+    if (pid == 0)
+        _exit(childMain(run, out.data, parent, mask));
+    const int forkErrno = errno;
+    gChildPid = pid > 0 ? pid : 0;
+    sigprocmask(SIG_SETMASK, &mask, nullptr);  // a Ctrl-C held back meanwhile now reaches the child
     if (pid < 0) {
-        error = std::string("cannot start the fusion: ") + strerror(errno);
+        error = std::string("cannot start the fusion: ") + strerror(forkErrno);
         return FusionResult::Failed;
     }
-    if (pid == 0)
-        _exit(childMain(run, out.data));
-    gChildPid = pid;
     if (cancelRequested())
         kill(pid, SIGINT);
     int status = 0;

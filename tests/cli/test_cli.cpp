@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -494,23 +495,43 @@ TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
     EXPECT_EQ(version.out.rfind("lumora-fuse (Lumora Fusion) ", 0), 0u) << version.out;
 }
 
-TEST_F(Cli, SigintCancelsWithoutLeavingAnyFile) {
-    const pid_t pid = startLargeFusion();
-    const auto sent = std::chrono::steady_clock::now();
-    kill(pid, SIGINT);
-    const ToolRun r = finish(pid);
-    EXPECT_EQ(r.status, 130) << r.err;
-    EXPECT_NE(r.err.find("lumora-fuse: cancelled; nothing written"), std::string::npos);
-    EXPECT_EQ(listing(), largeInputs_) << "no output and no temporary file";
-    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(60));
+// The process a running tool fuses in, or 0.
+pid_t fusionChild(pid_t tool) {
+    std::istringstream children(slurp("/proc/" + std::to_string(tool) + "/task/" + std::to_string(tool) + "/children"));
+    pid_t child = 0;
+    children >> child;
+    return child;
+}
+
+TEST_F(Cli, SigintCancelsAndSigkillTakesTheFusionAlongWithoutLeavingAnyFile) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // an orphaned fusion comes to this process, to be awaited here
+    for (int sig : {SIGINT, SIGKILL}) {
+        SCOPED_TRACE(strsignal(sig));
+        const pid_t pid = startLargeFusion();
+        const pid_t child = fusionChild(pid);
+        ASSERT_GT(child, 0) << "the fusion runs in a child process";
+        const auto sent = std::chrono::steady_clock::now();
+        kill(pid, sig);
+        const ToolRun r = finish(pid);
+        if (sig == SIGINT) {
+            EXPECT_EQ(r.status, 130) << r.err;
+            EXPECT_NE(r.err.find("lumora-fuse: cancelled; nothing written"), std::string::npos);
+            EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(60));
+            EXPECT_EQ(listing(), largeInputs_) << "no output and no temporary file";
+        } else {
+            int status = 0;
+            EXPECT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the fusion died with the tool";
+        }
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 TEST_F(Cli, ALibraryThatDiesIsReportedInOneLineAndLeavesNoFile) {
     const pid_t pid = startLargeFusion();
     // The library runs in a process of the tool's own; make it die as an assertion would.
-    std::istringstream children(slurp("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
-    pid_t child = 0;
-    ASSERT_TRUE(children >> child) << "the fusion runs in a child process";
+    const pid_t child = fusionChild(pid);
+    ASSERT_GT(child, 0) << "the fusion runs in a child process";
     kill(child, SIGABRT);
     const ToolRun r = finish(pid);
     EXPECT_EQ(r.status, 1);
