@@ -1,8 +1,9 @@
-// output_file.cpp: the temporary file beside the output, and its move into
-// place.
+// output_file.cpp: the temporary file in the output's folder, and its move
+// into place.
 #include "output_file.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "cancel.h"
@@ -43,35 +45,90 @@ void OutputFile::discardFromSignal() {
         unlink(path);
 }
 
-// A hidden file beside the output, so that the final rename stays on one
-// file system.
+// An unnamed file in the output's folder, so that a tool killed outright
+// leaves nothing behind and the final link and rename stay on one file
+// system; where the file system has no unnamed files, a hidden one.
 bool OutputFile::create(std::string &error) {
-    const std::string extension = extensionOf(path_);
-    const std::string pattern = directoryOf(path_) + "/.lumora-fuse-XXXXXX" + extension;
-    if (pattern.size() >= sizeof tempPath_) {
+    if (hiddenName().size() >= sizeof tempPath_) {
         error = "path too long";
         return false;
     }
+    // Private until commit(), as mkostemps makes the hidden one.
+    fd_ = open(directoryOf(path_).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    if (fd_ >= 0) {
+        // The image writers open files by name: this one's is its descriptor's.
+        writePath_ = "/proc/self/fd/" + std::to_string(fd_);
+        if (access(writePath_.c_str(), W_OK) == 0) {
+            unnamed_ = true;
+            return true;
+        }
+        close(fd_);  // no /proc
+        fd_ = -1;
+    } else if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
+        // EISDIR: a kernel without O_TMPFILE sees only O_DIRECTORY in it.
+        error = strerror(errno);
+        return false;
+    }
+    return createHidden(error);
+}
+
+bool OutputFile::createHidden(std::string &error) {
+    const std::string pattern = hiddenName();
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
-    fd_ = mkostemps(name.data(), int(extension.size()), O_CLOEXEC);
+    fd_ = mkostemps(name.data(), int(extensionOf(path_).size()), O_CLOEXEC);
     if (fd_ < 0) {
         error = strerror(errno);
         return false;
     }
     memcpy(tempPath_, name.data(), name.size());
     gLiveTempPath.store(tempPath_);
+    writePath_ = tempPath_;
     return true;
 }
 
+// The pattern of the hidden names: XXXXXX stands for six random characters.
+std::string OutputFile::hiddenName() const {
+    return directoryOf(path_) + "/.lumora-fuse-XXXXXX" + extensionOf(path_);
+}
+
+// Gives the unnamed file a hidden name beside the output. linkat cannot
+// replace a file, so the output itself is then replaced by rename().
+bool OutputFile::linkHidden(std::string &error) {
+    static const char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device entropy;
+    const std::string pattern = hiddenName();
+    const size_t x = pattern.rfind("XXXXXX");
+    // Held back until the name is registered, lest a second Ctrl-C between
+    // the two leave the hidden file behind.
+    sigset_t cancelSignals, mask;
+    sigemptyset(&cancelSignals);
+    sigaddset(&cancelSignals, SIGINT);
+    sigaddset(&cancelSignals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &cancelSignals, &mask);
+    int linkErrno = EEXIST;
+    for (int attempt = 0; attempt < 100 && linkErrno == EEXIST; ++attempt) {
+        std::string name = pattern;
+        for (size_t i = 0; i < 6; ++i)
+            name[x + i] = letters[entropy() % (sizeof letters - 1)];
+        memcpy(tempPath_, name.c_str(), name.size() + 1);
+        linkErrno = linkat(AT_FDCWD, writePath_.c_str(), AT_FDCWD, tempPath_, AT_SYMLINK_FOLLOW) == 0 ? 0 : errno;
+    }
+    if (linkErrno == 0)
+        gLiveTempPath.store(tempPath_);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+    error = strerror(linkErrno);
+    return linkErrno == 0;
+}
+
 bool OutputFile::write(const OutputPicture &picture, std::string &error) {
-    return writeImage(tempPath_, picture.format, picture.width, picture.height, picture.depth, picture.samples,
+    return writeImage(writePath_, picture.format, picture.width, picture.height, picture.depth, picture.samples,
                       picture.quality, error);
 }
 
 OutputFile::Metadata OutputFile::addMetadata(const OutputPicture &picture, const std::string &from,
                                              std::string &error) {
-    if (copyMetadata(from, tempPath_, picture.width, picture.height, error))
+    if (copyMetadata(from, writePath_, picture.width, picture.height, error))
         return Metadata::Copied;
     std::string writeError;
     if (!write(picture, writeError)) {
@@ -93,6 +150,8 @@ bool OutputFile::commit(std::string &error) {
         return false;
     }
     if (cancelRequested())
+        return false;
+    if (unnamed_ && !linkHidden(error))
         return false;
     if (rename(tempPath_, path_.c_str()) != 0) {
         error = strerror(errno);

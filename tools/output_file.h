@@ -19,9 +19,12 @@ struct OutputPicture {
 
 // The output under construction: a temporary file in the output's folder,
 // moved into place by commit() and removed on any other end, so that a
-// reader never meets a half-written picture under the output's name.
+// reader never meets a half-written picture under the output's name. The
+// file has no name at all where the file system allows it (O_TMPFILE), so
+// that even a tool killed outright leaves nothing behind; elsewhere it is a
+// hidden file.
 //
-// One lives at a time: while it has a temporary file, discardFromSignal()
+// One lives at a time: while its file has a hidden name, discardFromSignal()
 // removes it from a signal handler.
 class OutputFile {
 public:
@@ -53,9 +56,15 @@ public:
     static void discardFromSignal();
 
 private:
+    bool createHidden(std::string &error);
+    std::string hiddenName() const;
+    bool linkHidden(std::string &error);
+
     std::string path_;
-    int fd_ = -1;                  // the temporary file, open while it exists
-    char tempPath_[PATH_MAX] = {}; // its name, read by discardFromSignal()
+    int fd_ = -1;                   // the temporary file, open while it exists
+    bool unnamed_ = false;          // made with O_TMPFILE
+    std::string writePath_;         // the name the writers open it by
+    char tempPath_[PATH_MAX] = {};  // its hidden name while it has one, read by discardFromSignal()
     bool committed_ = false;
 };
 
