@@ -281,6 +281,13 @@ int checkOutput(const Options &options, OutputFile &output) {
                 inStat.st_ino == outStat.st_ino)
                 return usageError(options.output + ": is one of the input images; refusing to write over it");
         }
+        // The rename needs only the folder's permission, so a write-protected
+        // file would go unnoticed. A file that no one may write is kept from
+        // the superuser too, whom access() lets write anything.
+        if (faccessat(AT_FDCWD, options.output.c_str(), W_OK, AT_EACCESS) != 0 || (outStat.st_mode & 0222) == 0) {
+            say(options.output + ": is write-protected; not replacing it");
+            return 1;
+        }
     }
     std::string error;
     if (!output.create(error))

@@ -211,7 +211,8 @@ std::string helpText() {
         "\n"
         "Output:\n";
     s += wrapped("  -o, --output=FILE",
-                 "write the result to FILE (required); it is written whole or not at all, and never over an input");
+                 "write the result to FILE (required); it is written whole or not at all, and never over an input "
+                 "or a write-protected file");
     s += wrapped("      --depth=8|16", "bits per sample of a PNG or TIFF output (default 8; JPEG is 8-bit only)");
     s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
     s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
@@ -298,6 +299,10 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
         return 0;
     }
 
+    if (options.quiet && options.verbose) {
+        message = "--quiet and --verbose exclude each other";
+        return 2;
+    }
     options.params[kPreserveHighlights] = preserve ? 1.0f : 0.0f;
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &param = kParamSpecs[i];

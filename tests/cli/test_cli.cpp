@@ -384,6 +384,8 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"header.tif", std::string("II*\0\x08\0\0\0", 8) + std::string(100, '\xAB')}};
     for (const auto &[name, bytes] : files) spill(at(name), bytes);
     fs::create_directory(at("folder.png"));
+    spill(at("locked.png"), png);
+    fs::permissions(at("locked.png"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
     const std::set<std::string> before = listing();
 
     // {command line, exit status, part of the first line}
@@ -404,6 +406,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"@a.png @b.png", 2, "no output file"},
         {"@a.png @b.png -o @nofolder/f.jpg", 1, "@nofolder/f.jpg: cannot write the output: No such file or directory"},
         {"@a.png @b.png -o @b.png", 2, "@b.png: is one of the input images"},
+        {"@a.png @b.png -o @locked.png", 1, "@locked.png: is write-protected; not replacing it"},
         {"@a.png @b.png -o @f.bmp", 2, "@f.bmp: unknown output format"},
         {"--depth 16 @a.png @b.png -o @f.jpg", 2, "JPEG holds 8-bit samples only"},
         {"--depth 12 @a.png @b.png -o @f.png", 2, "--depth: '12' is not valid (8 or 16)"},
@@ -413,6 +416,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"--loupe 100,0,64,48 @a.png @b.png -o @f.jpg", 2, "does not fit in the 128x96 picture"},
         {"--loupe 0,0,0,8 @a.png @b.png -o @f.jpg", 2, "--loupe: region 0x8 is empty"},
         {"--frobnicate @a.png @b.png -o @f.jpg", 2, "--frobnicate"},
+        {"-q -v @a.png @b.png -o @f.jpg", 2, "--quiet and --verbose exclude each other"},
         {"--strength lots @a.png @b.png -o @f.jpg", 2, "--strength: 'lots' is not a number"},
         {"--range-sigma nan @a.png @b.png -o @f.jpg", 2, "--range-sigma: 'nan' is not a number"},
         {"--start-radius 2.5 @a.png @b.png -o @f.jpg", 2, "--start-radius: '2.5' is not a whole number"},
@@ -434,6 +438,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         EXPECT_EQ(listing(), before) << "nothing written, no temporary file left";
     }
     EXPECT_EQ(slurp(at("b.png")), input) << "an input named as the output is left alone";
+    EXPECT_EQ(slurp(at("locked.png")), png) << "so is a write-protected file";
     for (const char *name : {"whole.jpg", "whole.tif", "a.png", "cut.jpg", "garbled.jpg", "crc.png", "cut.tif",
                              "header.tif"}) {
         Image file, memory;  // the in-memory reader (for fuzzing) agrees with the file reader
