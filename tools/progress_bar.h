@@ -3,7 +3,8 @@
 
 namespace lumora_fuse {
 
-// One line, redrawn in place on the terminal's error stream.
+// One line, redrawn in place on the terminal's error stream and fitted to
+// the terminal's width at every redraw.
 class ProgressBar {
 public:
     explicit ProgressBar(int fd) : fd_(fd) {}
@@ -13,6 +14,8 @@ public:
     void clear();
 
 private:
+    int columns() const;
+
     int fd_;
     int drawn_ = -1;  // the percentage on screen, -1 when none
 };

@@ -500,6 +500,45 @@ TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
     EXPECT_EQ(version.out.rfind("lumora-fuse (Lumora Fusion) ", 0), 0u) << version.out;
 }
 
+TEST_F(Cli, TheProgressBarFitsANarrowTerminalAndStaysOnOneLine) {
+    writeBracket({"d.png", "m.png", "b.png"});
+    for (const int columns : {20, 8}) {
+        SCOPED_TRACE(columns);
+        // A new pseudo-terminal reports no size, so the tool goes by COLUMNS.
+        const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+        ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+        const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY);
+        std::vector<std::string> env{"COLUMNS=" + std::to_string(columns)};
+        for (char **e = environ; *e; ++e)
+            if (strncmp(*e, "COLUMNS=", 8) != 0) env.emplace_back(*e);
+        std::vector<char *> envp;
+        for (std::string &e : env) envp.push_back(e.data());
+        envp.push_back(nullptr);
+        Argv argv(expand("@d.png @m.png @b.png -o @f.png"));
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, side, 2);
+        pid_t pid = -1;
+        ASSERT_EQ(posix_spawn(&pid, LUMORA_FUSE_BINARY, &actions, nullptr, argv.pointers.data(), envp.data()), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        close(side);
+        std::string shown;  // all the tool wrote on the terminal, up to its end (EIO)
+        char buffer[256];
+        for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) shown.append(buffer, size_t(n));
+        close(terminal);
+        EXPECT_EQ(finish(pid).status, 0);
+        EXPECT_EQ(shown.find('\n'), std::string::npos) << "never a new line: " << shown;
+        std::istringstream updates(shown);
+        int drawn = 0;
+        for (std::string update; std::getline(updates, update, '\r');) {
+            if (update.find('%') == std::string::npos) continue;
+            EXPECT_LT(update.size(), size_t(columns)) << update << ": the last column stays free";
+            drawn += 1;
+        }
+        EXPECT_GT(drawn, 2) << shown;
+    }
+}
+
 // The process a running tool fuses in, or 0.
 pid_t fusionChild(pid_t tool) {
     std::istringstream children(slurp("/proc/" + std::to_string(tool) + "/task/" + std::to_string(tool) + "/children"));
