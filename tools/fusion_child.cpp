@@ -48,16 +48,16 @@ void onChildProgress(int *cancel, float amount) {
 // Runs in the fusion process, with SIGINT and SIGTERM blocked until its own
 // handlers are in place: the tool's would remove its output file.
 int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
+    setHandler(SIGINT, onChildCancelSignal);
+    setHandler(SIGTERM, onChildCancelSignal);
+    for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+        setHandler(sig, SIG_DFL);
     // A tool killed outright cannot stop its fusion, which would go on using
     // every core for a result no one reads: the kernel kills it instead. The
     // tool may have died before the request was made; then the fusion has
     // been handed to another parent already.
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
         return kChildIncomplete;
-    setHandler(SIGINT, onChildCancelSignal);
-    setHandler(SIGTERM, onChildCancelSignal);
-    for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
-        setHandler(sig, SIG_DFL);
     sigprocmask(SIG_SETMASK, &mask, nullptr);
     // Every library call writes its commentary on the standard error stream;
     // a normal run keeps it in the memory file instead.

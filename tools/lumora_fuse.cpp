@@ -267,7 +267,8 @@ int fusedRegion(const Options &options, const Image &picture, Loupe &region) {
     return kContinue;
 }
 
-// The output: never one of the inputs, and writable before hours of work.
+// The output: never one of the inputs nor a write-protected file, and
+// writable before hours of work.
 int checkOutput(const Options &options, OutputFile &output) {
     struct stat outStat;
     if (stat(options.output.c_str(), &outStat) == 0) {
@@ -281,9 +282,10 @@ int checkOutput(const Options &options, OutputFile &output) {
                 inStat.st_ino == outStat.st_ino)
                 return usageError(options.output + ": is one of the input images; refusing to write over it");
         }
-        // The rename needs only the folder's permission, so a write-protected
-        // file would go unnoticed. A file that no one may write is kept from
-        // the superuser too, whom access() lets write anything.
+        // Replacing a file takes only the folder's permission, which would go
+        // around the file's own write protection. A file that no one may
+        // write is kept from the superuser too, whom access() lets write
+        // anything.
         if (faccessat(AT_FDCWD, options.output.c_str(), W_OK, AT_EACCESS) != 0 || (outStat.st_mode & 0222) == 0) {
             say(options.output + ": is write-protected; not replacing it");
             return 1;

@@ -93,7 +93,8 @@ std::string OutputFile::hiddenName() const {
 }
 
 // Gives the unnamed file a hidden name beside the output. linkat cannot
-// replace a file, so the output itself is then replaced by rename().
+// replace a file, so the output itself is then replaced by rename(); only a
+// tool killed outright between the two leaves the hidden file behind.
 bool OutputFile::linkHidden(std::string &error) {
     static const char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::random_device entropy;
