@@ -165,6 +165,26 @@ std::string wrapped(const std::string &name, const std::string &text) {
     return out + line + "\n";
 }
 
+// Options that are valid alone but not together.
+bool checkTogether(const Options &options, const std::string &strengthText, std::string &message) {
+    if (options.quiet && options.verbose) {
+        message = "--quiet and --verbose exclude each other";
+        return false;
+    }
+    // With the highlight pass weighing the dark exposure down (influence
+    // below 10), a stronger weighting lets that pass give the fused image a
+    // weight of zero where the dark one's is zeroed too: 0/0, and the library
+    // stops. Up to 19 every fused pixel keeps a weight of at least 1/255.
+    if (int(options.params[kPreserveHighlights]) != 0 && options.params[kHighlightInfluence] < 10.0f &&
+        options.params[kStrength] > kMaxStrengthWithInfluence) {
+        message = "--strength " + strengthText + ": above " + number(kMaxStrengthWithInfluence) +
+                  " only with --highlight-influence 10 or --no-preserve-highlights (the highlight pass would "
+                  "leave some pixels with no weight at all)";
+        return false;
+    }
+    return true;
+}
+
 // The number of images, and an output whose format is known and holds the depth.
 bool checkFiles(Options &options, std::string &message) {
     if (options.images.size() < 2 || options.images.size() > 3) {
@@ -299,10 +319,6 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
         return 0;
     }
 
-    if (options.quiet && options.verbose) {
-        message = "--quiet and --verbose exclude each other";
-        return 2;
-    }
     options.params[kPreserveHighlights] = preserve ? 1.0f : 0.0f;
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &param = kParamSpecs[i];
@@ -310,17 +326,8 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
             !checkParam(param, paramText[param.index], options.params[param.index], message))
             return 2;
     }
-    // With the highlight pass weighing the dark exposure down (influence
-    // below 10), a stronger weighting lets that pass give the fused image a
-    // weight of zero where the dark one's is zeroed too: 0/0, and the library
-    // stops. Up to 19 every fused pixel keeps a weight of at least 1/255.
-    if (int(options.params[kPreserveHighlights]) != 0 && options.params[kHighlightInfluence] < 10.0f &&
-        options.params[kStrength] > kMaxStrengthWithInfluence) {
-        message = "--strength " + paramText[kStrength] + ": above " + number(kMaxStrengthWithInfluence) +
-                  " only with --highlight-influence 10 or --no-preserve-highlights (the highlight pass would "
-                  "leave some pixels with no weight at all)";
+    if (!checkTogether(options, paramText[kStrength], message))
         return 2;
-    }
     if (app.count("--threads") && !checkWhole("--threads", threads, 1, kMaxThreads, options.threads, message))
         return 2;
     if (app.count("--quality") && !checkWhole("--quality", quality, 1, 100, options.quality, message))
