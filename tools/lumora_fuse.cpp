@@ -4,15 +4,12 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <numeric>
@@ -20,76 +17,47 @@
 #include <vector>
 
 #include "BilateralFilter.h"
+#include "cancel.h"
 #include "fusion_call.h"
+#include "fusion_child.h"
 #include "image_io.h"
 #include "metadata.h"
 #include "options.h"
+#include "output_file.h"
+#include "progress_bar.h"
 
 using namespace lumora_fuse;
 
 namespace {
 
-// ---------------------------------------------------------------------------
-// Process-wide state shared with the signal handlers.
-
-volatile sig_atomic_t gCancelRequested = 0;
-volatile sig_atomic_t gChildPid = 0;  // the process running the fusion, while it runs
-int gStderr = STDERR_FILENO;          // the terminal's error stream (fd 2 may be redirected)
-int gCaptureFd = -1;                  // holds the library's commentary when it is kept quiet
-char gTempPath[PATH_MAX] = "";        // the temporary output file, removed on any early end
-volatile sig_atomic_t gTempPathSet = 0;
-
-void writeAll(int fd, const char *data, size_t size) {
-    while (size > 0) {
-        const ssize_t n = write(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return;
-        data += n;
-        size -= size_t(n);
-    }
-}
+int gStderr = STDERR_FILENO;  // the terminal's error stream (fd 2 may be redirected)
 
 void say(const std::string &line) {
     const std::string text = "lumora-fuse: " + line + "\n";
     writeAll(gStderr, text.data(), text.size());
 }
 
-void removeTemp() {
-    if (gTempPathSet) {
-        unlink(gTempPath);
-        gTempPathSet = 0;
-    }
-}
+// ---------------------------------------------------------------------------
+// Signals.
 
 // First Ctrl-C: ask the fusion to stop at the library's next cancellation
 // point. A second one ends everything at once, still leaving no file behind.
 void onCancelSignal(int) {
-    if (gCancelRequested) {
-        if (gChildPid > 0)
-            kill(gChildPid, SIGKILL);
-        if (gTempPathSet)
-            unlink(gTempPath);
+    const int savedErrno = errno;
+    if (requestCancel()) {
+        signalFusionChild(SIGKILL);
+        OutputFile::discardFromSignal();
         static const char text[] = "\nlumora-fuse: cancelled; nothing written\n";
         writeAll(gStderr, text, sizeof text - 1);
         _exit(130);
     }
-    const int savedErrno = errno;
-    gCancelRequested = 1;
-    if (gChildPid > 0)
-        kill(gChildPid, SIGINT);
+    signalFusionChild(SIGINT);
     errno = savedErrno;
 }
 
-// In the fusion process a signal only raises the flag that the progress
-// callback hands to the library.
-void onChildCancelSignal(int) { gCancelRequested = 1; }
-
 // Should the tool itself die, it leaves no temporary file.
 void onFatalSignal(int sig) {
-    if (gTempPathSet)
-        unlink(gTempPath);
+    OutputFile::discardFromSignal();
     signal(sig, SIG_DFL);
     raise(sig);
 }
@@ -108,49 +76,6 @@ void installSignalHandlers() {
     setHandler(SIGTERM, onCancelSignal, 0);
     for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
         setHandler(sig, onFatalSignal, SA_RESETHAND);
-}
-
-// ---------------------------------------------------------------------------
-// Progress: the library reports the fraction of one call; the tool maps it
-// onto its share of the whole run.
-
-struct Progress {
-    bool bar = false;
-    double base = 0.0, span = 1.0;
-    int drawn = -1;
-    bool completed = false;  // the library's final report (1.0) came
-};
-Progress gProgress;
-
-void drawBar(double fraction) {
-    const int percent = int(std::clamp(fraction, 0.0, 1.0) * 100.0);
-    if (percent == gProgress.drawn)
-        return;
-    gProgress.drawn = percent;
-    const int width = 30, filled = percent * width / 100;
-    std::string text = "\rfusing [" + std::string(size_t(filled), '#') +
-                       std::string(size_t(width - filled), '.') + "] ";
-    char tail[8];
-    snprintf(tail, sizeof tail, "%3d%%", percent);
-    text += tail;
-    writeAll(gStderr, text.data(), text.size());
-}
-
-void clearBar() {
-    if (gProgress.bar) {
-        static const char text[] = "\r\033[K";
-        writeAll(gStderr, text, sizeof text - 1);
-        gProgress.drawn = -1;
-    }
-}
-
-void onProgress(int *cancel, float amount) {
-    if (amount >= 1.0f)
-        gProgress.completed = true;
-    if (gCancelRequested && cancel)
-        *cancel = 1;
-    if (gProgress.bar)
-        drawBar(gProgress.base + gProgress.span * amount);
 }
 
 // ---------------------------------------------------------------------------
@@ -268,189 +193,6 @@ std::string sizeText(const Image &image) {
     return std::to_string(image.width) + "x" + std::to_string(image.height);
 }
 
-std::string directoryOf(const std::string &path) {
-    const size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string extensionOf(const std::string &path) {
-    const size_t dot = path.find_last_of('.');
-    return path.substr(dot);
-}
-
-// A hidden temporary file beside the output, so that the final rename stays
-// on one file system and a reader never meets a half-written picture.
-bool createTemp(const std::string &output, std::string &error) {
-    const std::string pattern = directoryOf(output) + "/.lumora-fuse-XXXXXX" + extensionOf(output);
-    if (pattern.size() >= sizeof gTempPath) {
-        error = "path too long";
-        return false;
-    }
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    const int fd = mkstemps(name.data(), int(extensionOf(output).size()));
-    if (fd < 0) {
-        error = strerror(errno);
-        return false;
-    }
-    close(fd);
-    memcpy(gTempPath, name.data(), name.size());
-    gTempPathSet = 1;
-    return true;
-}
-
-// Some file systems report a full disk or a failed device only when the data
-// reach it: the sync's verdict counts as much as the writes'.
-bool finishTemp(const std::string &output, std::string &error) {
-    const mode_t mask = umask(0);
-    umask(mask);
-    const int fd = open(gTempPath, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = strerror(errno);
-        return false;
-    }
-    fchmod(fd, 0666 & ~mask);
-    // A file system that cannot sync at all (EINVAL, ENOTSUP) is no failure.
-    const bool synced = fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP;
-    const int syncErrno = errno;
-    close(fd);
-    if (!synced) {
-        error = strerror(syncErrno);
-        return false;
-    }
-    if (gCancelRequested)
-        return false;
-    if (rename(gTempPath, output.c_str()) != 0) {
-        error = strerror(errno);
-        return false;
-    }
-    gTempPathSet = 0;
-    return true;
-}
-
-struct FusionRun {
-    const std::vector<const Image *> *exposures;  // darkest first
-    Loupe region;                                 // the part to fuse (whole picture if not enabled)
-    int pictureWidth = 0, pictureHeight = 0;
-    const float *params = nullptr;
-    int threads = 1;
-    int depth = 8;
-    bool captureCommentary = true;
-};
-
-enum class FusionResult { Done, Cancelled, Failed };
-
-// Exit statuses of the fusion process.
-enum ChildStatus { kChildDone = 0, kChildCancelled = 3, kChildIncomplete = 4, kChildRefused = 5 };
-
-// The result lives in memory shared with the fusion process.
-struct SharedBuffer {
-    unsigned char *data = nullptr;
-    size_t size = 0;
-    SharedBuffer() = default;
-    SharedBuffer(const SharedBuffer &) = delete;
-    SharedBuffer &operator=(const SharedBuffer &) = delete;
-    ~SharedBuffer() {
-        if (data)
-            munmap(data, size);
-    }
-};
-
-// Runs in the fusion process.
-int fuseInChild(const FusionRun &run, unsigned char *out) {
-    setHandler(SIGINT, onChildCancelSignal, 0);
-    setHandler(SIGTERM, onChildCancelSignal, 0);
-    for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
-        setHandler(sig, SIG_DFL, 0);
-    gTempPathSet = 0;
-    // Every library call writes its commentary on the standard error stream;
-    // a normal run keeps it in the memory file instead.
-    if (run.captureCommentary && gCaptureFd >= 0)
-        dup2(gCaptureFd, STDERR_FILENO);
-
-    FusionJob job;
-    job.exposures = *run.exposures;
-    job.region = run.region;
-    job.params = run.params;
-    job.threads = run.threads;
-    job.depth = run.depth;
-    job.progress = onProgress;
-    gProgress.base = 0.0;
-    gProgress.span = 1.0;
-    const FusionStatus status = fuseExposures(job, out);
-    clearBar();
-    if (gCancelRequested)
-        return kChildCancelled;
-    if (status == FusionStatus::Refused)
-        return kChildRefused;
-    return status == FusionStatus::Done ? kChildDone : kChildIncomplete;
-}
-
-// The last line the library wrote, when its commentary was kept.
-std::string lastCommentaryLine() {
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    if (gCaptureFd < 0 || lseek(gCaptureFd, 0, SEEK_SET) != 0)
-        return text;
-    while ((n = read(gCaptureFd, buffer, sizeof buffer)) > 0)
-        text.append(buffer, size_t(n));
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-        text.pop_back();
-    const size_t newline = text.find_last_of('\n');
-    return newline == std::string::npos ? text : text.substr(newline + 1);
-}
-
-// The library runs in a process of its own: should it stop the process on
-// one of its internal checks, the tool survives to say so and to clean up.
-FusionResult fuse(const FusionRun &run, SharedBuffer &out, std::string &error) {
-    out.size = size_t(run.region.width) * run.region.height * 3 * (run.depth / 8);
-    void *memory = mmap(nullptr, out.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        out.size = 0;
-        error = std::string("cannot allocate the result: ") + strerror(errno);
-        return FusionResult::Failed;
-    }
-    out.data = static_cast<unsigned char *>(memory);
-    if (gCaptureFd >= 0 && (ftruncate(gCaptureFd, 0) != 0 || lseek(gCaptureFd, 0, SEEK_SET) != 0)) {
-        error = "cannot keep the library's commentary";
-        return FusionResult::Failed;
-    }
-    fflush(stdout);
-    fflush(stderr);
-    const pid_t pid = fork();
-    if (pid < 0) {
-        error = std::string("cannot start the fusion: ") + strerror(errno);
-        return FusionResult::Failed;
-    }
-    if (pid == 0)
-        _exit(fuseInChild(run, out.data));
-    gChildPid = pid;
-    if (gCancelRequested)
-        kill(pid, SIGINT);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    gChildPid = 0;
-    if (gCancelRequested)
-        return FusionResult::Cancelled;
-    if (WIFEXITED(status)) {
-        switch (WEXITSTATUS(status)) {
-        case kChildDone: return FusionResult::Done;
-        case kChildCancelled: return FusionResult::Cancelled;
-        case kChildRefused: error = "the fusion library refused the exposures"; return FusionResult::Failed;
-        default: error = "the fusion did not complete (out of memory?)"; return FusionResult::Failed;
-        }
-    }
-    const std::string last = lastCommentaryLine();
-    error = "the fusion failed with these exposures and settings: the library stopped (" +
-            (last.empty() ? std::string(strsignal(WTERMSIG(status))) : last) +
-            "); settings nearer the defaults may work";
-    return FusionResult::Failed;
-}
-
 int usageError(const std::string &line) {
     say(line);
     static const char hint[] = "Try 'lumora-fuse --help' for more information.\n";
@@ -458,18 +200,25 @@ int usageError(const std::string &line) {
     return 2;
 }
 
-int cancelled() {
-    clearBar();
-    removeTemp();
+int cancelled(ProgressBar *bar = nullptr) {
+    if (bar)
+        bar->clear();
     say("cancelled; nothing written");
     return 130;
 }
 
-int run(const Options &options) {
-    // Inputs. Every header is checked before its pixels are decoded: the
-    // first against the memory the whole fusion needs, the others against
-    // the first one's size.
-    std::vector<Image> images(options.images.size());
+int cannotWrite(const Options &options, const std::string &error) {
+    say(options.output + ": cannot write the output: " + error);
+    return 1;
+}
+
+// ---------------------------------------------------------------------------
+// The steps of a run. Each returns kContinue to go on, or the exit status.
+
+// Every header is checked before its pixels are decoded: the first against
+// the memory the whole fusion needs, the others against the first one's size.
+int readExposures(const Options &options, std::vector<Image> &images) {
+    images.assign(options.images.size(), Image());
     for (size_t i = 0; i < images.size(); ++i) {
         std::string error;
         std::vector<std::string> notes;
@@ -489,29 +238,38 @@ int run(const Options &options) {
         if (!options.quiet)
             for (const std::string &note : notes)
                 say(options.images[i] + ": " + note);
-        if (gCancelRequested)
+        if (cancelRequested())
             return cancelled();
     }
-    // The size was judged at the first header (fusionSizeAllowed, memoryAllows).
-    const int width = images[0].width, height = images[0].height;
-    Loupe region = options.loupe;
-    if (region.enabled) {
-        if (region.width < 1 || region.height < 1) {
-            return usageError("--loupe: region " + std::to_string(region.width) + "x" +
-                              std::to_string(region.height) + " is empty (W and H must be at least 1)");
-        }
-        if (long(region.x) + region.width > width || long(region.y) + region.height > height) {
-            return usageError("--loupe: region " + std::to_string(region.width) + "x" +
-                              std::to_string(region.height) + " at " + std::to_string(region.x) + "," +
-                              std::to_string(region.y) + " does not fit in the " + std::to_string(width) + "x" +
-                              std::to_string(height) + " picture");
-        }
-    } else {
+    return kContinue;
+}
+
+// The part of the picture to fuse: the loupe, checked against the picture's
+// size (judged at the first header), or the whole picture.
+int fusedRegion(const Options &options, const Image &picture, Loupe &region) {
+    const int width = picture.width, height = picture.height;
+    region = options.loupe;
+    if (!region.enabled) {
         region.width = width;
         region.height = height;
+        return kContinue;
     }
+    if (region.width < 1 || region.height < 1) {
+        return usageError("--loupe: region " + std::to_string(region.width) + "x" + std::to_string(region.height) +
+                          " is empty (W and H must be at least 1)");
+    }
+    if (long(region.x) + region.width > width || long(region.y) + region.height > height) {
+        return usageError("--loupe: region " + std::to_string(region.width) + "x" + std::to_string(region.height) +
+                          " at " + std::to_string(region.x) + "," + std::to_string(region.y) +
+                          " does not fit in the " + std::to_string(width) + "x" + std::to_string(height) +
+                          " picture");
+    }
+    return kContinue;
+}
 
-    // The output: never one of the inputs, and writable before hours of work.
+// The output: never one of the inputs nor a write-protected file, and
+// writable before hours of work.
+int checkOutput(const Options &options, OutputFile &output) {
     struct stat outStat;
     if (stat(options.output.c_str(), &outStat) == 0) {
         if (S_ISDIR(outStat.st_mode)) {
@@ -521,16 +279,78 @@ int run(const Options &options) {
         for (const std::string &input : options.images) {
             struct stat inStat;
             if (stat(input.c_str(), &inStat) == 0 && inStat.st_dev == outStat.st_dev &&
-                inStat.st_ino == outStat.st_ino) {
+                inStat.st_ino == outStat.st_ino)
                 return usageError(options.output + ": is one of the input images; refusing to write over it");
-            }
+        }
+        // Replacing a file takes only the folder's permission, which would go
+        // around the file's own write protection. A file that no one may
+        // write is kept from the superuser too, whom access() lets write
+        // anything.
+        if (faccessat(AT_FDCWD, options.output.c_str(), W_OK, AT_EACCESS) != 0 || (outStat.st_mode & 0222) == 0) {
+            say(options.output + ": is write-protected; not replacing it");
+            return 1;
         }
     }
     std::string error;
-    if (!createTemp(options.output, error)) {
-        say(options.output + ": cannot write the output: " + error);
+    if (!output.create(error))
+        return cannotWrite(options, error);
+    return kContinue;
+}
+
+int fuseExposuresOf(const Options &options, const std::vector<const Image *> &exposures, const Loupe &region,
+                    ProgressBar *bar, SharedBuffer &result) {
+    FusionRun fusion;
+    fusion.exposures = &exposures;
+    fusion.region = region;
+    fusion.params = options.params;
+    fusion.threads = options.threads > 0 ? options.threads : std::min(availableCores(), kMaxThreads);
+    fusion.depth = options.depth;
+    fusion.captureCommentary = !options.verbose;
+    fusion.bar = bar;
+
+    std::string error;
+    const FusionResult fused = fuseInChild(fusion, result, error);
+    if (bar)
+        bar->clear();
+    if (fused == FusionResult::Cancelled)
+        return cancelled(bar);
+    if (fused == FusionResult::Failed) {
+        say(error);
         return 1;
     }
+    return kContinue;
+}
+
+// The fused pixels written, given the reference exposure's metadata, and
+// moved into place.
+int deliver(const Options &options, const OutputPicture &picture, const std::string &reference, ProgressBar *bar,
+            OutputFile &output) {
+    std::string error;
+    if (!output.write(picture, error))
+        return cannotWrite(options, error);
+    if (cancelRequested())
+        return cancelled(bar);
+    switch (output.addMetadata(picture, reference, error)) {
+    case OutputFile::Metadata::Copied: break;
+    case OutputFile::Metadata::WriteFailed: return cannotWrite(options, error);
+    case OutputFile::Metadata::NotCopied: say(options.output + ": metadata of " + reference + " not copied: " + error);
+    }
+    if (!output.commit(error))
+        return cancelRequested() ? cancelled(bar) : cannotWrite(options, error);
+    return 0;
+}
+
+int run(const Options &options) {
+    std::vector<Image> images;
+    Loupe region;
+    OutputFile output(options.output);
+    int status = readExposures(options, images);
+    if (status == kContinue)
+        status = fusedRegion(options, images[0], region);
+    if (status == kContinue)
+        status = checkOutput(options, output);
+    if (status != kContinue)
+        return status;
 
     const std::vector<int> order = brightnessOrder(images);
     std::vector<const Image *> exposures;
@@ -538,59 +358,16 @@ int run(const Options &options) {
         exposures.push_back(&images[i]);
     // Metadata come from the middle exposure, or the brighter of two.
     const std::string &reference = options.images[order[1]];
-
-    FusionRun fusion;
-    fusion.exposures = &exposures;
-    fusion.region = region;
-    fusion.pictureWidth = width;
-    fusion.pictureHeight = height;
-    fusion.params = options.params;
-    fusion.threads = options.threads > 0 ? options.threads : std::min(availableCores(), kMaxThreads);
-    fusion.depth = options.depth;
-    fusion.captureCommentary = !options.verbose;
-    gProgress.bar = !options.quiet && !options.verbose && isatty(gStderr);
-
+    ProgressBar bar(gStderr);
+    ProgressBar *shown = !options.quiet && !options.verbose && isatty(gStderr) ? &bar : nullptr;
     SharedBuffer result;
-    const FusionResult fused = fuse(fusion, result, error);
-    clearBar();
-    if (fused == FusionResult::Cancelled)
-        return cancelled();
-    if (fused == FusionResult::Failed) {
-        removeTemp();
-        say(error);
-        return 1;
-    }
+    status = fuseExposuresOf(options, exposures, region, shown, result);
+    if (status != kContinue)
+        return status;
     images.clear();
-
-    if (!writeImage(gTempPath, options.outputFormat, region.width, region.height, options.depth, result.data,
-                    options.quality, error)) {
-        removeTemp();
-        say(options.output + ": cannot write the output: " + error);
-        return 1;
-    }
-    if (gCancelRequested)
-        return cancelled();
-    // A metadata write that fails leaves the file cut short: the pixels are
-    // written again without metadata.
-    const bool copied = copyMetadata(reference, gTempPath, region.width, region.height, error);
-    if (!copied) {
-        std::string writeError;
-        if (!writeImage(gTempPath, options.outputFormat, region.width, region.height, options.depth, result.data,
-                        options.quality, writeError)) {
-            removeTemp();
-            say(options.output + ": cannot write the output: " + writeError);
-            return 1;
-        }
-        say(options.output + ": metadata of " + reference + " not copied: " + error);
-    }
-    if (!finishTemp(options.output, error)) {
-        if (gCancelRequested)
-            return cancelled();
-        removeTemp();
-        say(options.output + ": cannot write the output: " + error);
-        return 1;
-    }
-    return 0;
+    const OutputPicture picture{options.outputFormat, region.width,  region.height,
+                                options.depth,        result.data,   options.quality};
+    return deliver(options, picture, reference, shown, output);
 }
 
 }  // namespace
@@ -611,7 +388,5 @@ int main(int argc, char **argv) {
         return usageError(message);
     installSignalHandlers();
     muteMetadataWarnings(!options.verbose);
-    if (!options.verbose)
-        gCaptureFd = memfd_create("lumora-fuse-commentary", MFD_CLOEXEC);
     return run(options);
 }

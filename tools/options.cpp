@@ -165,6 +165,49 @@ std::string wrapped(const std::string &name, const std::string &text) {
     return out + line + "\n";
 }
 
+// Options that are valid alone but not together.
+bool checkTogether(const Options &options, const std::string &strengthText, std::string &message) {
+    if (options.quiet && options.verbose) {
+        message = "--quiet and --verbose exclude each other";
+        return false;
+    }
+    // With the highlight pass weighing the dark exposure down (influence
+    // below 10), a stronger weighting lets that pass give the fused image a
+    // weight of zero where the dark one's is zeroed too: 0/0, and the library
+    // stops. Up to 19 every fused pixel keeps a weight of at least 1/255.
+    if (int(options.params[kPreserveHighlights]) != 0 && options.params[kHighlightInfluence] < 10.0f &&
+        options.params[kStrength] > kMaxStrengthWithInfluence) {
+        message = "--strength " + strengthText + ": above " + number(kMaxStrengthWithInfluence) +
+                  " only with --highlight-influence 10 or --no-preserve-highlights (the highlight pass would "
+                  "leave some pixels with no weight at all)";
+        return false;
+    }
+    return true;
+}
+
+// The number of images, and an output whose format is known and holds the depth.
+bool checkFiles(Options &options, std::string &message) {
+    if (options.images.size() < 2 || options.images.size() > 3) {
+        message = "expected 2 or 3 images, got " + std::to_string(options.images.size()) +
+                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT)";
+        return false;
+    }
+    if (options.output.empty()) {
+        message = "no output file: give one with -o OUTPUT";
+        return false;
+    }
+    options.outputFormat = formatFromExtension(options.output);
+    if (options.outputFormat == FileFormat::Unknown) {
+        message = options.output + ": unknown output format (use .jpg, .jpeg, .png, .tif or .tiff)";
+        return false;
+    }
+    if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
+        message = options.output + ": JPEG holds 8-bit samples only; use .png or .tif for --depth 16";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string versionText() {
@@ -188,7 +231,8 @@ std::string helpText() {
         "\n"
         "Output:\n";
     s += wrapped("  -o, --output=FILE",
-                 "write the result to FILE (required); it is written whole or not at all, and never over an input");
+                 "write the result to FILE (required); it is written whole or not at all, and never over an input "
+                 "or a write-protected file");
     s += wrapped("      --depth=8|16", "bits per sample of a PNG or TIFF output (default 8; JPEG is 8-bit only)");
     s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
     s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
@@ -282,17 +326,8 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
             !checkParam(param, paramText[param.index], options.params[param.index], message))
             return 2;
     }
-    // With the highlight pass weighing the dark exposure down (influence
-    // below 10), a stronger weighting lets that pass give the fused image a
-    // weight of zero where the dark one's is zeroed too: 0/0, and the library
-    // stops. Up to 19 every fused pixel keeps a weight of at least 1/255.
-    if (int(options.params[kPreserveHighlights]) != 0 && options.params[kHighlightInfluence] < 10.0f &&
-        options.params[kStrength] > kMaxStrengthWithInfluence) {
-        message = "--strength " + paramText[kStrength] + ": above " + number(kMaxStrengthWithInfluence) +
-                  " only with --highlight-influence 10 or --no-preserve-highlights (the highlight pass would "
-                  "leave some pixels with no weight at all)";
+    if (!checkTogether(options, paramText[kStrength], message))
         return 2;
-    }
     if (app.count("--threads") && !checkWhole("--threads", threads, 1, kMaxThreads, options.threads, message))
         return 2;
     if (app.count("--quality") && !checkWhole("--quality", quality, 1, 100, options.quality, message))
@@ -306,25 +341,7 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     if (app.count("--loupe") && !parseLoupe(loupe, options.loupe, message))
         return 2;
 
-    if (options.images.size() < 2 || options.images.size() > 3) {
-        message = "expected 2 or 3 images, got " + std::to_string(options.images.size()) +
-                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT)";
-        return 2;
-    }
-    if (options.output.empty()) {
-        message = "no output file: give one with -o OUTPUT";
-        return 2;
-    }
-    options.outputFormat = formatFromExtension(options.output);
-    if (options.outputFormat == FileFormat::Unknown) {
-        message = options.output + ": unknown output format (use .jpg, .jpeg, .png, .tif or .tiff)";
-        return 2;
-    }
-    if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
-        message = options.output + ": JPEG holds 8-bit samples only; use .png or .tif for --depth 16";
-        return 2;
-    }
-    return kContinue;
+    return checkFiles(options, message) ? kContinue : 2;
 }
 
 }  // namespace lumora_fuse

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -383,6 +384,8 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"header.tif", std::string("II*\0\x08\0\0\0", 8) + std::string(100, '\xAB')}};
     for (const auto &[name, bytes] : files) spill(at(name), bytes);
     fs::create_directory(at("folder.png"));
+    spill(at("locked.png"), png);
+    fs::permissions(at("locked.png"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
     const std::set<std::string> before = listing();
 
     // {command line, exit status, part of the first line}
@@ -403,6 +406,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"@a.png @b.png", 2, "no output file"},
         {"@a.png @b.png -o @nofolder/f.jpg", 1, "@nofolder/f.jpg: cannot write the output: No such file or directory"},
         {"@a.png @b.png -o @b.png", 2, "@b.png: is one of the input images"},
+        {"@a.png @b.png -o @locked.png", 1, "@locked.png: is write-protected; not replacing it"},
         {"@a.png @b.png -o @f.bmp", 2, "@f.bmp: unknown output format"},
         {"--depth 16 @a.png @b.png -o @f.jpg", 2, "JPEG holds 8-bit samples only"},
         {"--depth 12 @a.png @b.png -o @f.png", 2, "--depth: '12' is not valid (8 or 16)"},
@@ -412,6 +416,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"--loupe 100,0,64,48 @a.png @b.png -o @f.jpg", 2, "does not fit in the 128x96 picture"},
         {"--loupe 0,0,0,8 @a.png @b.png -o @f.jpg", 2, "--loupe: region 0x8 is empty"},
         {"--frobnicate @a.png @b.png -o @f.jpg", 2, "--frobnicate"},
+        {"-q -v @a.png @b.png -o @f.jpg", 2, "--quiet and --verbose exclude each other"},
         {"--strength lots @a.png @b.png -o @f.jpg", 2, "--strength: 'lots' is not a number"},
         {"--range-sigma nan @a.png @b.png -o @f.jpg", 2, "--range-sigma: 'nan' is not a number"},
         {"--start-radius 2.5 @a.png @b.png -o @f.jpg", 2, "--start-radius: '2.5' is not a whole number"},
@@ -433,6 +438,7 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         EXPECT_EQ(listing(), before) << "nothing written, no temporary file left";
     }
     EXPECT_EQ(slurp(at("b.png")), input) << "an input named as the output is left alone";
+    EXPECT_EQ(slurp(at("locked.png")), png) << "so is a write-protected file";
     for (const char *name : {"whole.jpg", "whole.tif", "a.png", "cut.jpg", "garbled.jpg", "crc.png", "cut.tif",
                              "header.tif"}) {
         Image file, memory;  // the in-memory reader (for fuzzing) agrees with the file reader
@@ -494,23 +500,82 @@ TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
     EXPECT_EQ(version.out.rfind("lumora-fuse (Lumora Fusion) ", 0), 0u) << version.out;
 }
 
-TEST_F(Cli, SigintCancelsWithoutLeavingAnyFile) {
-    const pid_t pid = startLargeFusion();
-    const auto sent = std::chrono::steady_clock::now();
-    kill(pid, SIGINT);
-    const ToolRun r = finish(pid);
-    EXPECT_EQ(r.status, 130) << r.err;
-    EXPECT_NE(r.err.find("lumora-fuse: cancelled; nothing written"), std::string::npos);
-    EXPECT_EQ(listing(), largeInputs_) << "no output and no temporary file";
-    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(60));
+TEST_F(Cli, TheProgressBarFitsANarrowTerminalAndStaysOnOneLine) {
+    writeBracket({"d.png", "m.png", "b.png"});
+    for (const int columns : {20, 8}) {
+        SCOPED_TRACE(columns);
+        // A new pseudo-terminal reports no size, so the tool goes by COLUMNS.
+        const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+        ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+        const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY);
+        std::vector<std::string> env{"COLUMNS=" + std::to_string(columns)};
+        for (char **e = environ; *e; ++e)
+            if (strncmp(*e, "COLUMNS=", 8) != 0) env.emplace_back(*e);
+        std::vector<char *> envp;
+        for (std::string &e : env) envp.push_back(e.data());
+        envp.push_back(nullptr);
+        Argv argv(expand("@d.png @m.png @b.png -o @f.png"));
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, side, 2);
+        pid_t pid = -1;
+        ASSERT_EQ(posix_spawn(&pid, LUMORA_FUSE_BINARY, &actions, nullptr, argv.pointers.data(), envp.data()), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        close(side);
+        std::string shown;  // all the tool wrote on the terminal, up to its end (EIO)
+        char buffer[256];
+        for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) shown.append(buffer, size_t(n));
+        close(terminal);
+        EXPECT_EQ(finish(pid).status, 0);
+        EXPECT_EQ(shown.find('\n'), std::string::npos) << "never a new line: " << shown;
+        std::istringstream updates(shown);
+        int drawn = 0;
+        for (std::string update; std::getline(updates, update, '\r');) {
+            if (update.find('%') == std::string::npos) continue;
+            EXPECT_LT(update.size(), size_t(columns)) << update << ": the last column stays free";
+            drawn += 1;
+        }
+        EXPECT_GT(drawn, 2) << shown;
+    }
+}
+
+// The process a running tool fuses in, or 0.
+pid_t fusionChild(pid_t tool) {
+    std::istringstream children(slurp("/proc/" + std::to_string(tool) + "/task/" + std::to_string(tool) + "/children"));
+    pid_t child = 0;
+    children >> child;
+    return child;
+}
+
+TEST_F(Cli, SigintCancelsAndSigkillTakesTheFusionAlongWithoutLeavingAnyFile) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // an orphaned fusion comes to this process, to be awaited here
+    for (int sig : {SIGINT, SIGKILL}) {
+        SCOPED_TRACE(strsignal(sig));
+        const pid_t pid = startLargeFusion();
+        const pid_t child = fusionChild(pid);
+        ASSERT_GT(child, 0) << "the fusion runs in a child process";
+        const auto sent = std::chrono::steady_clock::now();
+        kill(pid, sig);
+        const ToolRun r = finish(pid);
+        if (sig == SIGINT) {
+            EXPECT_EQ(r.status, 130) << r.err;
+            EXPECT_NE(r.err.find("lumora-fuse: cancelled; nothing written"), std::string::npos);
+            EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(60));
+        } else {
+            int status = 0;
+            EXPECT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the fusion died with the tool";
+        }
+        EXPECT_EQ(listing(), largeInputs_) << "no output and no temporary file, visible or hidden";
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 TEST_F(Cli, ALibraryThatDiesIsReportedInOneLineAndLeavesNoFile) {
     const pid_t pid = startLargeFusion();
     // The library runs in a process of the tool's own; make it die as an assertion would.
-    std::istringstream children(slurp("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
-    pid_t child = 0;
-    ASSERT_TRUE(children >> child) << "the fusion runs in a child process";
+    const pid_t child = fusionChild(pid);
+    ASSERT_GT(child, 0) << "the fusion runs in a child process";
     kill(child, SIGABRT);
     const ToolRun r = finish(pid);
     EXPECT_EQ(r.status, 1);
@@ -647,10 +712,18 @@ TEST_F(Cli, AnOutputFolderThatVanishesBeforeTheWriteLeavesNothing) {
     fs::create_directory(at("out"));
     const std::set<std::string> before = listing();
     const pid_t pid = start("-q @d.png @m.png @b.png -o @out/f.png");
-    // The temporary file appears before the fusion starts, which takes a second or more; the tool is
-    // held still while its folder goes.
+    // The tool opens its temporary file in the folder (unnamed, or hidden where the file system has
+    // no unnamed files) before the fusion starts, which takes a second or more; the tool is held
+    // still while its folder goes.
+    const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+    auto writesInOut = [&] {
+        std::error_code error;
+        for (const auto &fd : fs::directory_iterator(fds, error))
+            if (fs::read_symlink(fd.path(), error).string().rfind(at("out/"), 0) == 0) return true;
+        return false;
+    };
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (fs::is_empty(at("out")) && std::chrono::steady_clock::now() < deadline)
+    while (!writesInOut() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     kill(pid, SIGSTOP);
     EXPECT_FALSE(fs::exists(at("out/f.png"))) << "the tool finished before its folder could go";

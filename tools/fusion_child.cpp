@@ -1,0 +1,177 @@
+// fusion_child.cpp: fork, shared memory, the child's exit status and
+// commentary, and the cancellation passed on to it.
+#include "fusion_child.h"
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "cancel.h"
+#include "fusion_call.h"
+
+namespace lumora_fuse {
+namespace {
+
+volatile sig_atomic_t gChildPid = 0;  // the process running the fusion, while it runs
+int gCaptureFd = -1;                  // holds the library's commentary when it is kept quiet
+ProgressBar *gChildBar = nullptr;     // in the fusion process: the bar to draw
+
+// Exit statuses of the fusion process.
+enum ChildStatus { kChildDone = 0, kChildCancelled = 3, kChildIncomplete = 4, kChildRefused = 5 };
+
+void setHandler(int sig, void (*handler)(int)) {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sigemptyset(&sa.sa_mask);
+    sa.sa_handler = handler;
+    sigaction(sig, &sa, nullptr);
+}
+
+// In the fusion process a signal only raises the flag that the progress
+// callback hands to the library.
+void onChildCancelSignal(int) { requestCancel(); }
+
+void onChildProgress(int *cancel, float amount) {
+    if (cancelRequested() && cancel)
+        *cancel = 1;
+    if (gChildBar)
+        gChildBar->draw(amount);
+}
+
+// Runs in the fusion process, with SIGINT and SIGTERM blocked until its own
+// handlers are in place: the tool's would remove its output file.
+int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
+    setHandler(SIGINT, onChildCancelSignal);
+    setHandler(SIGTERM, onChildCancelSignal);
+    for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+        setHandler(sig, SIG_DFL);
+    // A tool killed outright cannot stop its fusion, which would go on using
+    // every core for a result no one reads: the kernel kills it instead. The
+    // tool may have died before the request was made; then the fusion has
+    // been handed to another parent already.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
+        return kChildIncomplete;
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+    // Every library call writes its commentary on the standard error stream;
+    // a normal run keeps it in the memory file instead.
+    if (run.captureCommentary && gCaptureFd >= 0)
+        dup2(gCaptureFd, STDERR_FILENO);
+
+    FusionJob job;
+    job.exposures = *run.exposures;
+    job.region = run.region;
+    job.params = run.params;
+    job.threads = run.threads;
+    job.depth = run.depth;
+    job.progress = onChildProgress;
+    gChildBar = run.bar;
+    const FusionStatus status = fuseExposures(job, out);
+    if (run.bar)
+        run.bar->clear();
+    if (cancelRequested())
+        return kChildCancelled;
+    if (status == FusionStatus::Refused)
+        return kChildRefused;
+    return status == FusionStatus::Done ? kChildDone : kChildIncomplete;
+}
+
+// An empty memory file for the commentary of this run, made at the first.
+bool prepareCommentary(bool capture) {
+    if (capture && gCaptureFd < 0)
+        gCaptureFd = memfd_create("lumora-fuse-commentary", MFD_CLOEXEC);
+    return gCaptureFd < 0 || (ftruncate(gCaptureFd, 0) == 0 && lseek(gCaptureFd, 0, SEEK_SET) == 0);
+}
+
+// The last line the library wrote, when its commentary was kept.
+std::string lastCommentaryLine() {
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    if (gCaptureFd < 0 || lseek(gCaptureFd, 0, SEEK_SET) != 0)
+        return text;
+    while ((n = read(gCaptureFd, buffer, sizeof buffer)) > 0)
+        text.append(buffer, size_t(n));
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
+    const size_t newline = text.find_last_of('\n');
+    return newline == std::string::npos ? text : text.substr(newline + 1);
+}
+
+FusionResult resultOf(int status, std::string &error) {
+    if (WIFEXITED(status)) {
+        switch (WEXITSTATUS(status)) {
+        case kChildDone: return FusionResult::Done;
+        case kChildCancelled: return FusionResult::Cancelled;
+        case kChildRefused: error = "the fusion library refused the exposures"; return FusionResult::Failed;
+        default: error = "the fusion did not complete (out of memory?)"; return FusionResult::Failed;
+        }
+    }
+    const std::string last = lastCommentaryLine();
+    error = "the fusion failed with these exposures and settings: the library stopped (" +
+            (last.empty() ? std::string(strsignal(WTERMSIG(status))) : last) +
+            "); settings nearer the defaults may work";
+    return FusionResult::Failed;
+}
+
+}  // namespace
+
+SharedBuffer::~SharedBuffer() {
+    if (data)
+        munmap(data, size);
+}
+
+void signalFusionChild(int sig) {
+    if (gChildPid > 0)
+        kill(gChildPid, sig);
+}
+
+FusionResult fuseInChild(const FusionRun &run, SharedBuffer &out, std::string &error) {
+    out.size = size_t(run.region.width) * run.region.height * 3 * (run.depth / 8);
+    void *memory = mmap(nullptr, out.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        out.size = 0;
+        error = std::string("cannot allocate the result: ") + strerror(errno);
+        return FusionResult::Failed;
+    }
+    out.data = static_cast<unsigned char *>(memory);
+    if (!prepareCommentary(run.captureCommentary)) {
+        error = "cannot keep the library's commentary";
+        return FusionResult::Failed;
+    }
+    fflush(stdout);
+    fflush(stderr);
+    sigset_t cancelSignals, mask;
+    sigemptyset(&cancelSignals);
+    sigaddset(&cancelSignals, SIGINT);
+    sigaddset(&cancelSignals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &cancelSignals, &mask);
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(childMain(run, out.data, parent, mask));
+    const int forkErrno = errno;
+    gChildPid = pid > 0 ? pid : 0;
+    sigprocmask(SIG_SETMASK, &mask, nullptr);  // a Ctrl-C held back meanwhile now reaches the child
+    if (pid < 0) {
+        error = std::string("cannot start the fusion: ") + strerror(forkErrno);
+        return FusionResult::Failed;
+    }
+    if (cancelRequested())
+        kill(pid, SIGINT);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    gChildPid = 0;
+    if (cancelRequested())
+        return FusionResult::Cancelled;
+    return resultOf(status, error);
+}
+
+}  // namespace lumora_fuse

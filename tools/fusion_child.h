@@ -1,0 +1,49 @@
+// fusion_child.h: the fusion run in a process of its own.
+//
+// Should the library stop its process on one of its internal checks, the
+// tool survives to say so and to clean up. The result comes back through
+// shared memory; the library's commentary is kept in a memory file unless
+// the user asked to see it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "options.h"
+#include "progress_bar.h"
+
+namespace lumora_fuse {
+
+struct FusionRun {
+    const std::vector<const Image *> *exposures = nullptr;  // darkest first
+    Loupe region;                                           // the part to fuse (whole picture if not enabled)
+    const float *params = nullptr;
+    int threads = 1;
+    int depth = 8;
+    bool captureCommentary = true;  // keep the library's commentary off the terminal
+    ProgressBar *bar = nullptr;     // drawn by the fusion process, if given
+};
+
+enum class FusionResult { Done, Cancelled, Failed };
+
+// The result, in memory shared with the fusion process.
+struct SharedBuffer {
+    unsigned char *data = nullptr;
+    size_t size = 0;
+    SharedBuffer() = default;
+    SharedBuffer(const SharedBuffer &) = delete;
+    SharedBuffer &operator=(const SharedBuffer &) = delete;
+    ~SharedBuffer();
+};
+
+// Fuses in a child process into out (region.width x region.height RGB pixels
+// of depth / 8 bytes a sample). A cancellation requested before or during the
+// run is passed on to the child. Failed comes with a one-line message.
+FusionResult fuseInChild(const FusionRun &run, SharedBuffer &out, std::string &error);
+
+// Async-signal-safe: sends sig to the fusion process, if one runs.
+void signalFusionChild(int sig);
+
+}  // namespace lumora_fuse
