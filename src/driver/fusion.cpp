@@ -1,5 +1,5 @@
-// Fusion driver and public entry points: the sequential spine of a fusion
-// call, from the parameter block to the reconstructed output.
+// Fusion driver: the sequential spine of a fusion call, from the parameter
+// block to the reconstructed output.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -22,17 +22,17 @@ int progress(ProgressCallback cb, float amount) {
     return cancel == 0 ? 1 : 0;
 }
 
-}  // namespace lumora
-
-using namespace lumora;
-
-extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusion2Param,
-                                     int kMax, int iMax, int jMax, int origImgSizeX,
-                                     int origImgSizeY, int rowOut, int rgb2bgr, int spp,
-                                     int bpsIn, int bpsOut, int bitDepthPoids,
-                                     unsigned char *fusedResult, unsigned char *imagesBuffer,
-                                     unsigned char *hdrImage, unsigned char *resImage,
-                                     ProgressCallback callback) {
+int runFusion(const FusionArgs &a) {
+    const optim_param_struct optimParam = a.optimParam;
+    float *const fusion2Param = a.fusion2Param;
+    const int kMax = a.kMax, iMax = a.iMax, jMax = a.jMax;
+    const int origImgSizeX = a.origImgSizeX, origImgSizeY = a.origImgSizeY;
+    const int rowOut = a.rowOut, rgb2bgr = a.rgb2bgr, spp = a.spp;
+    const int bpsIn = a.bpsIn, bpsOut = a.bpsOut;
+    int bitDepthPoids = a.bitDepthPoids;
+    unsigned char *const fusedResult = a.fusedResult, *const imagesBuffer = a.imagesBuffer;
+    unsigned char *const hdrImage = a.hdrImage, *const resImage = a.resImage;
+    const ProgressCallback callback = a.callback;
     // Every buffer starts null so that the clean-up can run from any point.
     unsigned char **outputImageTower = nullptr;
     unsigned char **outputImageDiffTower = nullptr;
@@ -106,8 +106,8 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     if (spatialRadiusMult < 1.0f) spatialRadiusMult = 1.0f;
 
     // Only 8-bit input and 8-bit weights are supported.
-    BF_ASSERT(bpsIn == 8);
-    BF_ASSERT(bitDepthPoids == 8);
+    BF_ASSERT_IN(bpsIn == 8, "hx_fusion2");
+    BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
 
     // The same kernel jitter on every call.
     std::srand(0);
@@ -297,7 +297,7 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     }
 
     // The weights read three 8-bit samples per pixel.
-    BF_ASSERT(bpsIn == 8 && spp == 3);
+    BF_ASSERT_IN(bpsIn == 8 && spp == 3, "hx_fusion2");
 
     // Raw weights, level 0. Room for three images: kMax is at most 3.
     {
@@ -390,33 +390,4 @@ cleanup:
     return slot;
 }
 
-extern "C" LUMORA_API int hx_combi_realistic(optim_param_struct optim_param,
-                                             float *realisticParam, int iMax, int jMax,
-                                             int rowOut, int rgb2bgr, int spp, int bpsIn,
-                                             int bpsOut, int bitDepthPoids,
-                                             unsigned char *fusedResult,
-                                             unsigned char *darkImage, unsigned char *resImage,
-                                             ProgressCallback callback) {
-    realisticParam[7] = 1.0f;  // the caller's array is changed: preservation forced on
-    return hx_fusion2(optim_param, realisticParam, 2, iMax, jMax, iMax, jMax, rowOut, rgb2bgr,
-                      spp, bpsIn, bpsOut, bitDepthPoids, fusedResult, darkImage, nullptr,
-                      resImage, callback);
-}
-
-extern "C" LUMORA_API int hx_combi_realistic_loupe(
-    optim_param_struct optim_param, float *realisticParam, int iMax, int jMax,
-    int origImgSizeX, int origImgSizeY, int rowOut, int rgb2bgr, int spp, int bpsIn,
-    int bpsOut, int bitDepthPoids, unsigned char *fusedResult, unsigned char *darkImage,
-    unsigned char *resImage, ProgressCallback callback) {
-    realisticParam[7] = 1.0f;
-    return hx_fusion2(optim_param, realisticParam, 2, iMax, jMax, origImgSizeX, origImgSizeY,
-                      rowOut, rgb2bgr, spp, bpsIn, bpsOut, bitDepthPoids, fusedResult,
-                      darkImage, nullptr, resImage, callback);
-}
-
-extern "C" LUMORA_API int init_realistic_param(float *realisticParam) {
-    static const float defaults[LUMORA_FUSION_PARAM_COUNT] = {15.0f, 2.0f, 0.0f, 3.0f, 5.0f,
-                                                               0.2f,  0.2f, 1.0f, 10.0f};
-    for (int i = 0; i < LUMORA_FUSION_PARAM_COUNT; i++) realisticParam[i] = defaults[i];
-    return 0;  // carries no meaning; callers ignore it
-}
+}  // namespace lumora
