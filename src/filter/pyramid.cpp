@@ -70,8 +70,8 @@ struct PyramidWorkspace {
     bool makeImages(int numLevels, unsigned char *inImage, unsigned char **outImageTower);
 
     ImageWithBorder img;  // the level's bordered working copy; empty between levels
-    int *accFactors = nullptr;
-    int *highAccFactors = nullptr;
+    int *accFactors = nullptr;      // the caller's or the defaults below; not owned
+    int *highAccFactors = nullptr;  // likewise
     int *defaultAccFactors = nullptr;
     int *defaultHighAccFactors = nullptr;
     float rgbeExpLut[RGBE_EXP_LUT_ENTRIES];
@@ -273,7 +273,7 @@ LevelPassArgs levelPassArgs(const PyramidConstants &s, PyramidWorkspace &ws,
     const int filterSpp = s.spp;
     const int filterBps = s.bps;
     const int widthWithBorders = s.iMax + 2 * k.borderSpace;
-    LevelPassArgs args;
+    LevelPassArgs args{};
     args.img = &ws.img;
     args.filterImg = &ws.img;
     args.filterSpp = filterSpp;
