@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -290,6 +291,65 @@ TEST(FusionProtocol, CancelOrRefusalLeavesOutputUntouched) {
         EXPECT_EQ(f.result, on == 0.9f ? 6 : -1001) << on;
         EXPECT_EQ(g_amounts.size(), on == 0.9f ? 1u : 0u) << on;
         EXPECT_TRUE(untouched(f.out)) << on;
+    }
+}
+
+namespace {
+
+// The constants of an 8-bit call on a w x h picture with params.
+FusionConstants constantsFor(float *params, int w, int h) {
+    FusionArgs args{};
+    args.optimParam = team(1);
+    args.fusion2Param = params;
+    args.kMax = 2;
+    args.iMax = args.origImgSizeX = w;
+    args.jMax = args.origImgSizeY = h;
+    args.spp = 3;
+    args.bpsIn = args.bpsOut = args.bitDepthPoids = 8;
+    return deriveConstants(args);
+}
+
+}  // namespace
+
+// The raw highlight mask from the pixel sums (fused, dark): the fused ramp
+// subtracts 10, so its middle stores -127 as 129, and where it reaches 0 the
+// dark image decides.
+TEST(FusionStages, MaskRampFromPixelSums) {
+    Params prm(true);
+    const FusionConstants c = constantsFor(prm.p, 64, 48);
+    ASSERT_EQ(c.maskThreshold, 600);
+    const int cases[][3] = {  // fused sum, dark sum, mask byte
+        {600, 0, 129},   {600, 300, 129}, {611, 0, 255}, {610, 100, 127}, {591, 0, 14},
+        {590, 111, 255}, {590, 110, 255}, {590, 100, 127}, {590, 91, 12}, {590, 90, 0},
+        {0, 765, 255}};
+    const size_t n = std::size(cases);
+    Bytes fused, dark, mask(n, POISON);
+    auto pixel = [](Bytes &img, int sum) {  // 600 is (200, 200, 200), 611 (204, 204, 203)
+        for (int s = 0; s < 3; s++) img.push_back((unsigned char)(sum / 3 + (s < sum % 3)));
+    };
+    for (auto &[f, d, want] : cases) pixel(fused, f), pixel(dark, d);
+    maskRamp(fused.data(), dark.data(), n, c.maskThreshold, mask.data());
+    for (size_t p = 0; p < n; p++)
+        EXPECT_EQ(mask[p], cases[p][2]) << cases[p][0] << ", " << cases[p][1];
+}
+
+// Two rows whatever numLevels says; the last column is 12 wide under a
+// 13-wide heading ("Spatial Radius" overflows its 13 as well).
+TEST(FusionStages, LevelTableHasTwoRowsWithANarrowLastColumn) {
+    Params prm;
+    FusionConstants c = constantsFor(prm.p, 512, 384);  // mult 18.708286
+    const std::string table =
+        "Level Spatial Sigma Spatial Radius  Range Sigma  Range Radius\n"
+        "    0          0.20           0.5         0.20          0.5\n"
+        "    1          3.74           2.1         0.20          0.5\n";
+    for (int numLevels : {1, 2, 5}) {
+        c.numLevels = numLevels;
+        testing::internal::CaptureStderr();
+        printCommentary(c);
+        const std::string text = testing::internal::GetCapturedStderr();
+        ASSERT_GE(text.size(), table.size());
+        EXPECT_EQ(text.substr(text.size() - table.size()), table) << numLevels;
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << numLevels;
     }
 }
 

@@ -22,4 +22,11 @@ extern int __level;
 void saveTestImage8_3SamplesWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img);
 void saveTestImage8_1SampleWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img);
 
+// Debug dumps of one pyramid level of image __k, written only when
+// dbgTestImage is set: the level's input, its bordered working copy (with
+// the input's CIELab view for 8-bit colour), and its output.
+void dumpLevelInput(int iMax, int jMax, int spp, int bps, unsigned char *input);
+void dumpLevelWorkingImage(int iMax, int jMax, int spp, int bps, ImageWithBorder *img, int level);
+void dumpLevelOutput(int iMax, int jMax, int spp, int bps, unsigned char *output, int level);
+
 }  // namespace lumora

@@ -77,7 +77,53 @@ void saveWithEdges(const char *name, int iMax, int jMax, int spp, ImageWithBorde
     release(picture);
 }
 
+// The level's input mapped through the CIELab table into a viewable picture.
+void saveLabImage(const unsigned char *input, int iMax, int jMax, const char *name) {
+    const size_t numPixels = (size_t)iMax * jMax;
+    unsigned char *picture = static_cast<unsigned char *>(allocate(numPixels * 3));
+    if (picture == nullptr) return;
+    for (size_t p = 0; p < numPixels; p++) {
+        const unsigned char *rgb = input + p * 3;
+        const LABData &lab = labLUT[rgb[0]][rgb[1]][rgb[2]];
+        picture[p * 3 + 0] = (unsigned char)(int)(lab.l * 255.0f / 200.0f);
+        picture[p * 3 + 1] = (unsigned char)(int)(lab.a * 255.0f / 300.0f);
+        picture[p * 3 + 2] = (unsigned char)(int)(lab.b * 255.0f / 300.0f);
+    }
+    saveTestImage(name, iMax, jMax, 3, 8, picture);
+    release(picture);
+}
+
 }  // namespace
+
+void dumpLevelInput(int iMax, int jMax, int spp, int bps, unsigned char *input) {
+    if (!dbgTestImage) return;
+    char name[64];
+    std::snprintf(name, sizeof name, "mask-%d-before.jpg", __k);
+    saveTestImage(name, iMax, jMax, spp, bps, input);
+}
+
+void dumpLevelWorkingImage(int iMax, int jMax, int spp, int bps, ImageWithBorder *img, int level) {
+    if (!dbgTestImage || bps != 8) return;
+    char name[64];
+    if (spp == 3 || spp == 1) {
+        std::snprintf(name, sizeof name, "mask-with-edges-%d-lev%d.jpg", __k, level);
+        if (spp == 3)
+            saveTestImage8_3SamplesWithEdges(name, iMax, jMax, img);
+        else
+            saveTestImage8_1SampleWithEdges(name, iMax, jMax, img);
+    }
+    if (spp == 3) {
+        std::snprintf(name, sizeof name, "lab-img-%d-lev%d.jpg", __k, level);
+        saveLabImage(img->inputImage, iMax, jMax, name);
+    }
+}
+
+void dumpLevelOutput(int iMax, int jMax, int spp, int bps, unsigned char *output, int level) {
+    if (!dbgTestImage) return;
+    char name[64];
+    std::snprintf(name, sizeof name, "mask-after-%d-lev%d.jpg", __k, level);
+    saveTestImage(name, iMax, jMax, spp, bps, output);
+}
 
 void saveTestImage8_3SamplesWithEdges(const char *name, int iMax, int jMax, ImageWithBorder *img) {
     saveWithEdges(name, iMax, jMax, 3, img);

@@ -18,20 +18,189 @@
 namespace lumora {
 namespace {
 
-// The level's input mapped through the CIELab table into a viewable picture.
-void saveLabImage(const unsigned char *input, int iMax, int jMax, const char *name) {
-    const size_t numPixels = (size_t)iMax * jMax;
-    unsigned char *picture = static_cast<unsigned char *>(allocate(numPixels * 3));
-    if (picture == nullptr) return;
-    for (size_t p = 0; p < numPixels; p++) {
-        const unsigned char *rgb = input + p * 3;
-        const LABData &lab = labLUT[rgb[0]][rgb[1]][rgb[2]];
-        picture[p * 3 + 0] = (unsigned char)(int)(lab.l * 255.0f / 200.0f);
-        picture[p * 3 + 1] = (unsigned char)(int)(lab.a * 255.0f / 300.0f);
-        picture[p * 3 + 2] = (unsigned char)(int)(lab.b * 255.0f / 300.0f);
+// Sizes and sigmas of one pyramid call, the same on every level.
+struct PyramidConstants {
+    int iMax;
+    int jMax;
+    int spp;
+    int bps;
+    int byteDepth;
+    int rowStride;       // samples
+    int rowStrideBytes;
+    int imageStride;     // samples
+    size_t imageBytes;
+    int maxVal;
+    int largestKernelSize;  // the window handed to the kernel builders on every level
+    float spatialKernelSigma;
+    float kernelSizeMult;
+    float rangeKernelSigma;
+};
+
+PyramidConstants pyramidConstants(int iMax, int jMax, int spp, int bps, float kernelSizeMult,
+                                  float sigmaSpatial, float sigmaRange) {
+    PyramidConstants s{};
+    s.iMax = iMax;
+    s.jMax = jMax;
+    s.spp = spp;
+    s.bps = bps;
+    s.byteDepth = bps / 8;
+    s.rowStride = iMax * spp;
+    s.rowStrideBytes = s.rowStride * s.byteDepth;
+    s.imageStride = s.rowStride * jMax;
+    s.imageBytes = (size_t)s.imageStride * s.byteDepth;
+    s.maxVal = (1 << bps) - 1;
+    s.largestKernelSize = std::min(2999, std::min(iMax, jMax));
+    s.spatialKernelSigma = (float)(sigmaSpatial * 1.7320508075688772);
+    s.kernelSizeMult = kernelSizeMult;
+    s.rangeKernelSigma = sigmaRange;
+    return s;
+}
+
+// Everything fusion2a makes for itself. It writes only into the caller's
+// towers; all of this is released when the workspace goes, on every exit.
+struct PyramidWorkspace {
+    PyramidWorkspace() = default;
+    PyramidWorkspace(const PyramidWorkspace &) = delete;
+    PyramidWorkspace &operator=(const PyramidWorkspace &) = delete;
+    ~PyramidWorkspace();
+
+    bool chooseFactors(int numLevels, int *accuracyFactorsIn, int *highAccuracyFactorsIn);
+    bool makeTables(const PyramidConstants &s);
+    bool makeKernels(const PyramidConstants &s, int numLevels);
+    bool makeImages(int numLevels, unsigned char *inImage, unsigned char **outImageTower);
+
+    ImageWithBorder img;  // the level's bordered working copy; empty between levels
+    int *accFactors = nullptr;      // the caller's or the defaults below; not owned
+    int *highAccFactors = nullptr;  // likewise
+    int *defaultAccFactors = nullptr;
+    int *defaultHighAccFactors = nullptr;
+    float rgbeExpLut[RGBE_EXP_LUT_ENTRIES];
+    float *expLut = nullptr;
+    float *logLut = nullptr;
+    unsigned char *smoothImg = nullptr;
+    KernelEntry *spatialKernel = nullptr;
+    KernelEntry *spatialKernelFine = nullptr;
+    unsigned char **images = nullptr;  // the input, then the caller's tower
+};
+
+PyramidWorkspace::~PyramidWorkspace() {
+    freeOutsideImageBorders(&img);  // harmless when already freed
+    release(images);
+    release(spatialKernel);
+    release(spatialKernelFine);
+    release(expLut);
+    release(logLut);
+    release(smoothImg);
+    release(defaultAccFactors);
+    release(defaultHighAccFactors);
+}
+
+// The caller's accuracy factors, or numLevels copies of the defaults.
+bool PyramidWorkspace::chooseFactors(int numLevels, int *accuracyFactorsIn,
+                                     int *highAccuracyFactorsIn) {
+    const int levelSlots = std::max(numLevels, 1);
+    accFactors = accuracyFactorsIn;
+    highAccFactors = highAccuracyFactorsIn;
+    if (accFactors == nullptr) {
+        defaultAccFactors = static_cast<int *>(allocate(levelSlots * sizeof(int)));
+        if (defaultAccFactors == nullptr) return false;
+        for (int l = 0; l < numLevels; l++) defaultAccFactors[l] = SPATIAL_KERNEL_APPROX_DEFAULT;
+        accFactors = defaultAccFactors;
     }
-    saveTestImage(name, iMax, jMax, 3, 8, picture);
-    release(picture);
+    if (highAccFactors == nullptr) {
+        defaultHighAccFactors = static_cast<int *>(allocate(levelSlots * sizeof(int)));
+        if (defaultHighAccFactors == nullptr) return false;
+        for (int l = 0; l < numLevels; l++) defaultHighAccFactors[l] = SPATIAL_KERNEL_APPROX_FINE;
+        highAccFactors = defaultHighAccFactors;
+    }
+    return true;
+}
+
+bool PyramidWorkspace::makeTables(const PyramidConstants &s) {
+    // The colour distance reads the CIELab table: a table that could not be
+    // allocated counts as a buffer of ours that could not be.
+    if (s.spp == 3 && s.bps == 8 && labLUT == nullptr) return false;
+    makeRgbeExpLut(rgbeExpLut);
+    expLut = static_cast<float *>(allocate(fusion2luts(s.maxVal) * sizeof(float)));
+    // logLut is handed down and never read; it lives on the heap with expLut
+    // rather than taking 256 KB of the caller's stack. unLogLut is reserved
+    // and read by nothing, so none is made.
+    logLut = static_cast<float *>(allocate(LOG_LUT_ENTRIES * sizeof(float)));
+    if (expLut == nullptr || logLut == nullptr) return false;
+    makeLogLUT(logLut);
+    // Zero-filled so that what the 16-bit smoothing leaves unwritten is
+    // defined.
+    smoothImg = static_cast<unsigned char *>(allocateZeroed(std::max<size_t>(s.imageBytes, 1), 1));
+    return smoothImg != nullptr;
+}
+
+// One allocation per kernel, large enough for every level and accuracy.
+bool PyramidWorkspace::makeKernels(const PyramidConstants &s, int numLevels) {
+    int numKernelEntries = 0;
+    for (int l = 1; l <= numLevels; l++) {
+        const int fine = fastSpatialKernelNumEntries(s.largestKernelSize, s.spatialKernelSigma,
+                                                     s.kernelSizeMult, l - 1, highAccFactors);
+        const int normal = fastSpatialKernelNumEntries(s.largestKernelSize, s.spatialKernelSigma,
+                                                       s.kernelSizeMult, l - 1, accFactors);
+        numKernelEntries = std::max(numKernelEntries, std::max(fine, normal));
+    }
+    // Zero-filled: a gauss-only level divides numKernelEntries fine entries,
+    // which can be more than the fine kernel holds.
+    spatialKernel = static_cast<KernelEntry *>(
+        allocateZeroed(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
+    spatialKernelFine = static_cast<KernelEntry *>(
+        allocateZeroed(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
+    return spatialKernel != nullptr && spatialKernelFine != nullptr;
+}
+
+// images[0] is the input, images[l] the caller's tower image of level l.
+bool PyramidWorkspace::makeImages(int numLevels, unsigned char *inImage,
+                                  unsigned char **outImageTower) {
+    images = static_cast<unsigned char **>(allocateZeroed(numLevels + 1, sizeof(unsigned char *)));
+    if (images == nullptr) return false;
+    images[0] = inImage;
+    for (int l = 1; l <= numLevels; l++) images[l] = outImageTower[l - 1];
+    return true;
+}
+
+// The kernels of one level and the sizes that follow from them.
+struct LevelKernels {
+    int numKernelEntries;
+    int numFineKernelEntries;
+    float kernelSize;  // width of the normal kernel
+    int halfKernelSize;
+    int fineKernelSize;
+    int largestHalfKernelSize;
+    int physicalKernelSize;
+    int physicalFineKernelSize;
+    int largestPhysicalKernelSize;
+    int borderSpace;
+};
+
+// Builds both kernels of a level, normal before fine: both draw from
+// rand(). Their widths come from the first and last entries, which sit in
+// opposite corners of each kernel's window; this replaces the kernelSize the
+// caller passed (and the previous level's).
+LevelKernels buildLevelKernels(const PyramidConstants &s, PyramidWorkspace &ws, int level) {
+    LevelKernels k{};
+    k.numKernelEntries = fastSpatialKernelNumEntries(s.largestKernelSize, s.spatialKernelSigma,
+                                                     s.kernelSizeMult, level - 1, ws.accFactors);
+    if (debugMain) std::fprintf(stderr, "NUMKERNELENTRIES=%d\n", k.numKernelEntries);
+    makeFastSpatialKernel(s.largestKernelSize, s.spatialKernelSigma, s.kernelSizeMult, level - 1,
+                          ws.accFactors, ws.spatialKernel);
+    k.numFineKernelEntries = fastSpatialKernelNumEntries(
+        s.largestKernelSize, s.spatialKernelSigma, s.kernelSizeMult, level - 1, ws.highAccFactors);
+    if (debugMain) std::fprintf(stderr, "NUMFINEKERNELENTRIES=%d\n", k.numFineKernelEntries);
+    makeFastSpatialKernel(s.largestKernelSize, s.spatialKernelSigma, s.kernelSizeMult, level - 1,
+                          ws.highAccFactors, ws.spatialKernelFine);
+
+    const KernelEntry *normal = ws.spatialKernel;
+    const KernelEntry *fine = ws.spatialKernelFine;
+    k.kernelSize = (float)(normal[k.numKernelEntries - 1].xpos - normal[0].xpos + 1);
+    k.halfKernelSize = (int)(k.kernelSize / 2.0f);
+    k.fineKernelSize = fine[k.numFineKernelEntries - 1].xpos - fine[0].xpos + 1;
+    k.largestHalfKernelSize = std::max(k.halfKernelSize, k.fineKernelSize / 2);
+    return k;
 }
 
 // Moves every entry of a kernel by (dx, dy); no entry may end up left of or
@@ -43,6 +212,19 @@ void shiftKernel(KernelEntry *kernel, int numEntries, int dx, int dy) {
         kptr->ypos += dy;
         BF_ASSERT_IN(kptr->xpos >= 0 && kptr->ypos >= 0, "fusion2a");
     }
+}
+
+// Gives both kernels one window origin and one centre: the narrower one
+// moves onto the wider one's middle entry.
+void centreKernels(PyramidWorkspace &ws, const LevelKernels &k) {
+    const KernelEntry &mid = ws.spatialKernel[k.numKernelEntries / 2];
+    const KernelEntry &fineMid = ws.spatialKernelFine[k.numFineKernelEntries / 2];
+    const int dx = mid.xpos - fineMid.xpos;
+    const int dy = mid.ypos - fineMid.ypos;
+    if (k.kernelSize > k.fineKernelSize)
+        shiftKernel(ws.spatialKernelFine, k.numFineKernelEntries, dx, dy);
+    else if (k.fineKernelSize > k.kernelSize)
+        shiftKernel(ws.spatialKernel, k.numKernelEntries, -dx, -dy);
 }
 
 // Odd window size of a kernel of the given width, in the exact order of
@@ -57,6 +239,145 @@ int physicalSize(float width) {
     return size;
 }
 
+// Window sizes within the image, and the border they need. Kept: the normal
+// kernel is clamped by the height only.
+void physicalSizes(const PyramidConstants &s, LevelKernels &k) {
+    if (k.fineKernelSize >= s.iMax) k.fineKernelSize = s.iMax - 1;
+    if (k.fineKernelSize >= s.jMax) k.fineKernelSize = s.jMax - 1;
+    k.physicalFineKernelSize = physicalSize((float)k.fineKernelSize);
+    if (k.kernelSize >= s.jMax) k.kernelSize = (float)(s.jMax - 1);
+    k.physicalKernelSize = physicalSize(k.kernelSize);
+    k.largestPhysicalKernelSize = std::max(k.physicalKernelSize, k.physicalFineKernelSize);
+    k.borderSpace = std::max(k.physicalFineKernelSize / 2, k.physicalKernelSize / 2);
+}
+
+// A gauss-only level divides each kernel's factors by their sum. Kept: the
+// fine sum runs over the fine kernel's entries but the division over
+// numKernelEntries of them. A gauss-only pass never uses the fine kernel.
+void normaliseGaussKernels(PyramidWorkspace &ws, const LevelKernels &k) {
+    KernelEntry *normal = ws.spatialKernel;
+    KernelEntry *fine = ws.spatialKernelFine;
+    float sum = 0.0f;
+    for (int e = 0; e < k.numKernelEntries; e++) sum = sum + normal[e].factor;
+    for (int e = 0; e < k.numKernelEntries; e++) normal[e].factor = normal[e].factor / sum;
+    float fineSum = 0.0f;
+    for (int e = 0; e < k.numFineKernelEntries; e++) fineSum = fineSum + fine[e].factor;
+    for (int e = 0; e < k.numKernelEntries; e++) fine[e].factor = fine[e].factor / fineSum;
+}
+
+// What the level pass reads. Every level is guided by its own input, with
+// the image's own format.
+LevelPassArgs levelPassArgs(const PyramidConstants &s, PyramidWorkspace &ws,
+                            const LevelKernels &k, unsigned char *imgOutput,
+                            unsigned char *brightImage, int levelGaussOnly, int level) {
+    const int filterSpp = s.spp;
+    const int filterBps = s.bps;
+    const int widthWithBorders = s.iMax + 2 * k.borderSpace;
+    LevelPassArgs args{};
+    args.img = &ws.img;
+    args.filterImg = &ws.img;
+    args.filterSpp = filterSpp;
+    args.filterBps = filterBps;
+    args.filterRowStride = s.rowStride;
+    args.filterExtendedRowStride =
+        filterBps == 32 ? widthWithBorders * 4 : widthWithBorders * filterSpp;
+    args.imgOutput = imgOutput;
+    args.smoothImg = ws.smoothImg;
+    args.spatialKernel = ws.spatialKernel;
+    args.numKernelEntries = k.numKernelEntries;
+    args.spatialKernelFine = ws.spatialKernelFine;
+    args.numFineKernelEntries = k.numFineKernelEntries;
+    args.expLut = ws.expLut;
+    args.logLut = ws.logLut;
+    args.unLogLut = nullptr;
+    args.rgbeExpLut = ws.rgbeExpLut;
+    args.brightImage = brightImage;
+    args.spp = s.spp;
+    args.bps = s.bps;
+    args.byteDepth = s.byteDepth;
+    args.rowStride = s.rowStride;
+    args.rowStrideBytes = s.rowStrideBytes;
+    args.iMax = s.iMax;
+    args.jMax = s.jMax;
+    args.physicalKernelSize = k.physicalKernelSize;
+    args.halfKernelSize = k.halfKernelSize;
+    args.kernelStep = 1;  // the sparse kernels are never sub-sampled further
+    args.largestHalfKernelSize = k.largestHalfKernelSize;
+    args.largestPhysicalKernelSize = k.largestPhysicalKernelSize;
+    args.levelGaussOnly = levelGaussOnly;
+    args.level = level;
+    args.rangeKernelSigma = s.rangeKernelSigma;
+    args.extendedRowStride = widthWithBorders * s.spp;
+    args.imageHasBorder = ws.img.mainImageHasBorders;
+    return args;
+}
+
+// The level's input minus its output, plus the middle value, clamped.
+void writeDiff(const PyramidConstants &s, const unsigned char *input,
+               const unsigned char *imgOutput, unsigned char *diff) {
+    if (s.bps == 8) {
+        // Vectorised whatever the optimiser's cost model says; each sample
+        // stands alone, so the result is the same. The input pointer is a
+        // parameter, read once: byte stores could otherwise alias it.
+#pragma omp simd
+        for (int k = 0; k < s.imageStride; k++) {
+            const int val = input[k] - imgOutput[k] + 128;
+            diff[k] = (unsigned char)std::clamp(val, 0, 255);
+        }
+    } else {
+        // Kept: both samples are read as signed, so one above 32767 counts
+        // as negative.
+        const int16_t *in16 = reinterpret_cast<const int16_t *>(input);
+        const int16_t *out16 = reinterpret_cast<const int16_t *>(imgOutput);
+        uint16_t *diff16 = reinterpret_cast<uint16_t *>(diff);
+        for (int k = 0; k < s.imageStride; k++) {
+            const int val = in16[k] - out16[k] + 32768;
+            diff16[k] = (uint16_t)std::clamp(val, 0, 65535);
+        }
+    }
+}
+
+// One level: images[level - 1] filtered into images[level] and, when asked,
+// its diff. False when a buffer could not be made.
+bool filterLevel(int nbProc, const PyramidConstants &s, PyramidWorkspace &ws, int level,
+                 int gaussOnly, unsigned char *brightImage, unsigned char **outDiffTower) {
+    const int levelGaussOnly = gaussOnly;
+    unsigned char *imgInput = ws.images[level - 1];
+    unsigned char *imgOutput = ws.images[level];
+    __level = level;
+    dumpLevelInput(s.iMax, s.jMax, s.spp, s.bps, imgInput);
+
+    LevelKernels k = buildLevelKernels(s, ws, level);
+    centreKernels(ws, k);
+    physicalSizes(s, k);
+
+    // The working image always gets outside borders; their width is half the
+    // largest physical kernel, which the colour-distance filter relies on.
+    ws.img.inputImage = imgInput;
+    ws.img.borderWidth = k.borderSpace;
+    ws.img.mainImageHasBorders = 1;
+    if (createOutsideImageBorders(s.iMax, s.jMax, s.spp, s.bps, &ws.img) == -4) return false;
+    dumpLevelWorkingImage(s.iMax, s.jMax, s.spp, s.bps, &ws.img, level);
+
+    // Rebuilt on every level with the same sigma.
+    fusion2lut(s.rangeKernelSigma, s.maxVal, ws.expLut);
+    if (levelGaussOnly) normaliseGaussKernels(ws, k);
+    if (levelPass(nbProc, levelPassArgs(s, ws, k, imgOutput, brightImage, levelGaussOnly,
+                                        level)) != 0)
+        return false;
+
+    // The tower holds the smoothed filter result.
+    std::memcpy(imgOutput, ws.smoothImg, s.imageBytes);
+    if (outDiffTower != nullptr && outDiffTower[level - 1] != nullptr)
+        writeDiff(s, ws.img.inputImage, imgOutput, outDiffTower[level - 1]);
+    dumpLevelOutput(s.iMax, s.jMax, s.spp, s.bps, imgOutput, level);
+
+    // The next level works out its own kernel widths, so nothing of this
+    // level's sizes carries over.
+    freeOutsideImageBorders(&ws.img);
+    return true;
+}
+
 }  // namespace
 
 int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
@@ -65,296 +386,30 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
              const int crossBps, unsigned char *crossFilter, unsigned char *brightImage,
              int *accuracyFactorsIn, int *highAccuracyFactorsIn, unsigned char **outDiffTower,
              unsigned char **outImageTower, unsigned char *outImage) {
+    // Every level replaces the kernel size by its own kernel's width, so the
+    // size passed in has no effect.
+    (void)kernelSize;
     // The cross-filter guide is accepted and deliberately ignored; only its
     // row stride is worked out.
     [[maybe_unused]] const int crossRowStride = crossBps == 32 ? iMax * 4 : iMax * crossSpp;
+    (void)crossFilter;
 
-    int retour = 0;
-    int level = 1;
-    ImageWithBorder img;  // empty until the first level borders its input
-    int *defaultAccFactors = nullptr;
-    int *defaultHighAccFactors = nullptr;
-    float *expLut = nullptr;
-    float *logLut = nullptr;
-    unsigned char *smoothImg = nullptr;
-    KernelEntry *spatialKernel = nullptr;
-    KernelEntry *spatialKernelFine = nullptr;
-    unsigned char **images = nullptr;
-    int *accFactors = accuracyFactorsIn;
-    int *highAccFactors = highAccuracyFactorsIn;
-    float rgbeExpLut[RGBE_EXP_LUT_ENTRIES];
-    int numKernelEntries = 0;
-    int numFineKernelEntries = 0;
+    const PyramidConstants s =
+        pyramidConstants(iMax, jMax, spp, bps, kernelSizeMult, sigmaSpatial, sigmaRange);
+    PyramidWorkspace ws;
+    if (!ws.chooseFactors(numLevels, accuracyFactorsIn, highAccuracyFactorsIn) ||
+        !ws.makeTables(s) || !ws.makeKernels(s, numLevels) ||
+        !ws.makeImages(numLevels, inImage, outImageTower))
+        return -4;
 
-    // Set-up.
-    int halfKernelSize = (int)(kernelSize / 2.0f);
-    const int byteDepth = bps / 8;
-    const int rowStride = iMax * spp;
-    const int rowStrideBytes = rowStride * byteDepth;
-    const int imageStride = rowStride * jMax;
-    const size_t imageBytes = (size_t)imageStride * byteDepth;
-    const int maxVal = (1 << bps) - 1;
-    const int kernelStep = 1;  // the sparse kernels are never sub-sampled further
-    const int largestKernelSize = std::min(2999, std::min(iMax, jMax));
-    const float spatialKernelSigma = (float)(sigmaSpatial * 1.7320508075688772);
-    const int imageHasBorder = 1;
-    int extendedRowStride = -1;
-    int filterExtendedRowStride = -1;
-    // Every level is guided by its own input.
-    ImageWithBorder *filterImg = &img;
-    const int filterSpp = spp;
-    const int filterBps = bps;
-    const int filterRowStride = rowStride;
-    const int levelSlots = std::max(numLevels, 1);
-    float rangeKernelSigma;
+    int level;
+    for (level = 1; level <= numLevels; level++)
+        if (!filterLevel(nbProc, s, ws, level, gaussOnly, brightImage, outDiffTower)) return -4;
 
-    if (accFactors == nullptr) {
-        defaultAccFactors = static_cast<int *>(allocate(levelSlots * sizeof(int)));
-        if (defaultAccFactors == nullptr) goto outOfMemory;
-        for (int l = 0; l < numLevels; l++) defaultAccFactors[l] = SPATIAL_KERNEL_APPROX_DEFAULT;
-        accFactors = defaultAccFactors;
-    }
-    if (highAccFactors == nullptr) {
-        defaultHighAccFactors = static_cast<int *>(allocate(levelSlots * sizeof(int)));
-        if (defaultHighAccFactors == nullptr) goto outOfMemory;
-        for (int l = 0; l < numLevels; l++) defaultHighAccFactors[l] = SPATIAL_KERNEL_APPROX_FINE;
-        highAccFactors = defaultHighAccFactors;
-    }
-
-    // The colour distance reads the CIELab table: a table that could not be
-    // allocated counts as a buffer of ours that could not be.
-    if (spp == 3 && bps == 8 && labLUT == nullptr) goto outOfMemory;
-
-    makeRgbeExpLut(rgbeExpLut);
-    expLut = static_cast<float *>(allocate(fusion2luts(maxVal) * sizeof(float)));
-    // logLut is handed down and never read; it lives on the heap with expLut
-    // rather than taking 256 KB of the caller's stack. unLogLut is reserved
-    // and read by nothing, so none is made.
-    logLut = static_cast<float *>(allocate(LOG_LUT_ENTRIES * sizeof(float)));
-    if (expLut == nullptr || logLut == nullptr) goto outOfMemory;
-    makeLogLUT(logLut);
-
-    // Zero-filled so that what the 16-bit smoothing leaves unwritten is
-    // defined.
-    smoothImg = static_cast<unsigned char *>(allocateZeroed(std::max<size_t>(imageBytes, 1), 1));
-    if (smoothImg == nullptr) goto outOfMemory;
-
-    rangeKernelSigma = sigmaRange;
-
-    // One allocation per kernel, large enough for every level and accuracy.
-    for (int l = 1; l <= numLevels; l++) {
-        const int fine = fastSpatialKernelNumEntries(largestKernelSize, spatialKernelSigma,
-                                                     kernelSizeMult, l - 1, highAccFactors);
-        const int normal = fastSpatialKernelNumEntries(largestKernelSize, spatialKernelSigma,
-                                                       kernelSizeMult, l - 1, accFactors);
-        numKernelEntries = std::max(numKernelEntries, std::max(fine, normal));
-    }
-    // Zero-filled: a gauss-only level divides numKernelEntries fine entries,
-    // which can be more than the fine kernel holds.
-    spatialKernel = static_cast<KernelEntry *>(
-        allocateZeroed(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
-    spatialKernelFine = static_cast<KernelEntry *>(
-        allocateZeroed(std::max(numKernelEntries, 1), sizeof(KernelEntry)));
-    if (spatialKernel == nullptr || spatialKernelFine == nullptr) goto outOfMemory;
-
-    images = static_cast<unsigned char **>(allocateZeroed(numLevels + 1, sizeof(unsigned char *)));
-    if (images == nullptr) goto outOfMemory;
-    images[0] = inImage;
-    for (int l = 1; l <= numLevels; l++) images[l] = outImageTower[l - 1];
-
-    for (level = 1; level <= numLevels; level++) {
-        const int levelGaussOnly = gaussOnly;
-        unsigned char *imgInput = images[level - 1];
-        unsigned char *imgOutput = images[level];
-        char name[64];
-        __level = level;
-
-        if (dbgTestImage) {
-            std::snprintf(name, sizeof name, "mask-%d-before.jpg", __k);
-            saveTestImage(name, iMax, jMax, spp, bps, imgInput);
-        }
-
-        // Kernels, normal before fine: both draw from rand().
-        numKernelEntries = fastSpatialKernelNumEntries(largestKernelSize, spatialKernelSigma,
-                                                       kernelSizeMult, level - 1, accFactors);
-        if (debugMain) std::fprintf(stderr, "NUMKERNELENTRIES=%d\n", numKernelEntries);
-        makeFastSpatialKernel(largestKernelSize, spatialKernelSigma, kernelSizeMult, level - 1,
-                              accFactors, spatialKernel);
-        numFineKernelEntries = fastSpatialKernelNumEntries(
-            largestKernelSize, spatialKernelSigma, kernelSizeMult, level - 1, highAccFactors);
-        if (debugMain) std::fprintf(stderr, "NUMFINEKERNELENTRIES=%d\n", numFineKernelEntries);
-        makeFastSpatialKernel(largestKernelSize, spatialKernelSigma, kernelSizeMult, level - 1,
-                              highAccFactors, spatialKernelFine);
-
-        // Widths from the first and last entries, which sit in opposite
-        // corners of each kernel's window. This replaces the kernelSize
-        // passed in (and the previous level's).
-        kernelSize = (float)(spatialKernel[numKernelEntries - 1].xpos - spatialKernel[0].xpos + 1);
-        halfKernelSize = (int)(kernelSize / 2.0f);
-        int fineKernelSize =
-            spatialKernelFine[numFineKernelEntries - 1].xpos - spatialKernelFine[0].xpos + 1;
-        const int halfFineKernelSize = fineKernelSize / 2;
-        const int largestHalfKernelSize = std::max(halfKernelSize, halfFineKernelSize);
-
-        // Give both kernels one window origin and one centre: the narrower one
-        // moves onto the wider one's middle entry.
-        {
-            const KernelEntry &mid = spatialKernel[numKernelEntries / 2];
-            const KernelEntry &fineMid = spatialKernelFine[numFineKernelEntries / 2];
-            const int dx = mid.xpos - fineMid.xpos;
-            const int dy = mid.ypos - fineMid.ypos;
-            if (kernelSize > fineKernelSize)
-                shiftKernel(spatialKernelFine, numFineKernelEntries, dx, dy);
-            else if (fineKernelSize > kernelSize)
-                shiftKernel(spatialKernel, numKernelEntries, -dx, -dy);
-        }
-
-        // Window sizes within the image. Kept: the normal kernel is clamped by
-        // the height only.
-        if (fineKernelSize >= iMax) fineKernelSize = iMax - 1;
-        if (fineKernelSize >= jMax) fineKernelSize = jMax - 1;
-        const int physicalFineKernelSize = physicalSize((float)fineKernelSize);
-        if (kernelSize >= jMax) kernelSize = (float)(jMax - 1);
-        const int physicalKernelSize = physicalSize(kernelSize);
-        const int largestPhysicalKernelSize = std::max(physicalKernelSize, physicalFineKernelSize);
-        const int borderSpace = std::max(physicalFineKernelSize / 2, physicalKernelSize / 2);
-
-        extendedRowStride = (iMax + 2 * borderSpace) * spp;
-        filterExtendedRowStride = filterBps == 32 ? (iMax + 2 * borderSpace) * 4
-                                                  : (iMax + 2 * borderSpace) * filterSpp;
-
-        img.inputImage = imgInput;
-        img.borderWidth = borderSpace;
-        img.mainImageHasBorders = imageHasBorder;
-        retour = createOutsideImageBorders(iMax, jMax, spp, bps, &img);
-        if (retour == -4) goto cleanup;
-
-        if (dbgTestImage && bps == 8 && (spp == 3 || spp == 1)) {
-            std::snprintf(name, sizeof name, "mask-with-edges-%d-lev%d.jpg", __k, level);
-            if (spp == 3)
-                saveTestImage8_3SamplesWithEdges(name, iMax, jMax, &img);
-            else
-                saveTestImage8_1SampleWithEdges(name, iMax, jMax, &img);
-        }
-        if (dbgTestImage && bps == 8 && spp == 3) {
-            std::snprintf(name, sizeof name, "lab-img-%d-lev%d.jpg", __k, level);
-            saveLabImage(imgInput, iMax, jMax, name);
-        }
-
-        // Rebuilt on every level with the same sigma.
-        fusion2lut(rangeKernelSigma, maxVal, expLut);
-
-        if (levelGaussOnly) {
-            float sum = 0.0f;
-            for (int e = 0; e < numKernelEntries; e++) sum = sum + spatialKernel[e].factor;
-            for (int e = 0; e < numKernelEntries; e++)
-                spatialKernel[e].factor = spatialKernel[e].factor / sum;
-            // Kept: the fine sum runs over the fine kernel's entries but the
-            // division over numKernelEntries of them. A gauss-only pass never
-            // uses the fine kernel.
-            float fineSum = 0.0f;
-            for (int e = 0; e < numFineKernelEntries; e++)
-                fineSum = fineSum + spatialKernelFine[e].factor;
-            for (int e = 0; e < numKernelEntries; e++)
-                spatialKernelFine[e].factor = spatialKernelFine[e].factor / fineSum;
-        }
-
-        {
-            LevelPassArgs args;
-            args.img = &img;
-            args.filterImg = filterImg;
-            args.filterSpp = filterSpp;
-            args.filterBps = filterBps;
-            args.filterRowStride = filterRowStride;
-            args.filterExtendedRowStride = filterExtendedRowStride;
-            args.imgOutput = imgOutput;
-            args.smoothImg = smoothImg;
-            args.spatialKernel = spatialKernel;
-            args.numKernelEntries = numKernelEntries;
-            args.spatialKernelFine = spatialKernelFine;
-            args.numFineKernelEntries = numFineKernelEntries;
-            args.expLut = expLut;
-            args.logLut = logLut;
-            args.unLogLut = nullptr;
-            args.rgbeExpLut = rgbeExpLut;
-            args.brightImage = brightImage;
-            args.spp = spp;
-            args.bps = bps;
-            args.byteDepth = byteDepth;
-            args.rowStride = rowStride;
-            args.rowStrideBytes = rowStrideBytes;
-            args.iMax = iMax;
-            args.jMax = jMax;
-            args.physicalKernelSize = physicalKernelSize;
-            args.halfKernelSize = halfKernelSize;
-            args.kernelStep = kernelStep;
-            args.largestHalfKernelSize = largestHalfKernelSize;
-            args.largestPhysicalKernelSize = largestPhysicalKernelSize;
-            args.levelGaussOnly = levelGaussOnly;
-            args.level = level;
-            args.rangeKernelSigma = rangeKernelSigma;
-            args.extendedRowStride = extendedRowStride;
-            args.imageHasBorder = imageHasBorder;
-            if (levelPass(nbProc, args) != 0) goto outOfMemory;
-        }
-
-        // The tower holds the smoothed filter result.
-        std::memcpy(imgOutput, smoothImg, imageBytes);
-
-        if (outDiffTower != nullptr && outDiffTower[level - 1] != nullptr) {
-            unsigned char *diff = outDiffTower[level - 1];
-            if (bps == 8) {
-                // Vectorised whatever the optimiser's cost model says; each
-                // sample stands alone, so the result is the same. The input
-                // pointer is read once: byte stores could otherwise alias it.
-                const unsigned char *in = img.inputImage;
-#pragma omp simd
-                for (int k = 0; k < imageStride; k++) {
-                    const int val = in[k] - imgOutput[k] + 128;
-                    diff[k] = (unsigned char)std::clamp(val, 0, 255);
-                }
-            } else {
-                // Kept: both samples are read as signed, so one above 32767
-                // counts as negative.
-                const int16_t *in16 = reinterpret_cast<const int16_t *>(img.inputImage);
-                const int16_t *out16 = reinterpret_cast<const int16_t *>(imgOutput);
-                uint16_t *diff16 = reinterpret_cast<uint16_t *>(diff);
-                for (int k = 0; k < imageStride; k++) {
-                    const int val = in16[k] - out16[k] + 32768;
-                    diff16[k] = (uint16_t)std::clamp(val, 0, 65535);
-                }
-            }
-        }
-
-        if (dbgTestImage) {
-            std::snprintf(name, sizeof name, "mask-after-%d-lev%d.jpg", __k, level);
-            saveTestImage(name, iMax, jMax, spp, bps, imgOutput);
-        }
-
-        // The next level works out its own kernel widths, so nothing of this
-        // level's sizes carries over.
-        freeOutsideImageBorders(&img);
-    }
-
-    if (outImage != nullptr) std::memcpy(outImage, images[numLevels], imageBytes);
+    if (outImage != nullptr) std::memcpy(outImage, ws.images[numLevels], s.imageBytes);
     // Deliberate: the result is the level counter, numLevels + 1 after a
     // full run.
-    retour = level;
-    goto cleanup;
-
-outOfMemory:
-    retour = -4;
-cleanup:
-    freeOutsideImageBorders(&img);
-    release(images);
-    release(spatialKernel);
-    release(spatialKernelFine);
-    release(expLut);
-    release(logLut);
-    release(smoothImg);
-    release(defaultAccFactors);
-    release(defaultHighAccFactors);
-    return retour;
+    return level;
 }
 
 }  // namespace lumora
