@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/entry_lock.h"
 #include "core/switches.h"
 #include "diag/diag.h"
 #include "blend/blend.h"
@@ -33,6 +34,7 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
                                      unsigned char *fusedResult, unsigned char *imagesBuffer,
                                      unsigned char *hdrImage, unsigned char *resImage,
                                      ProgressCallback callback) {
+    const EntryLock serialised;  // released after the clean-up
     // Every buffer starts null so that the clean-up can run from any point.
     unsigned char **outputImageTower = nullptr;
     unsigned char **outputImageDiffTower = nullptr;
@@ -46,7 +48,7 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
     float coeffErreurPreserve[256];
     int slot = 0;
 
-    const int nbProc = optimParam.nbProc;
+    const int nbProc = optimParam.nbProc < 1 ? 1 : optimParam.nbProc;  // below 1: one thread
     const float strength = fusion2Param[0];
     const float sharpness = fusion2Param[1];
     const float saturationAdjust = fusion2Param[2];
@@ -397,6 +399,7 @@ extern "C" LUMORA_API int hx_combi_realistic(optim_param_struct optim_param,
                                              unsigned char *fusedResult,
                                              unsigned char *darkImage, unsigned char *resImage,
                                              ProgressCallback callback) {
+    const EntryLock serialised;
     realisticParam[7] = 1.0f;  // the caller's array is changed: preservation forced on
     return hx_fusion2(optim_param, realisticParam, 2, iMax, jMax, iMax, jMax, rowOut, rgb2bgr,
                       spp, bpsIn, bpsOut, bitDepthPoids, fusedResult, darkImage, nullptr,
@@ -408,6 +411,7 @@ extern "C" LUMORA_API int hx_combi_realistic_loupe(
     int origImgSizeX, int origImgSizeY, int rowOut, int rgb2bgr, int spp, int bpsIn,
     int bpsOut, int bitDepthPoids, unsigned char *fusedResult, unsigned char *darkImage,
     unsigned char *resImage, ProgressCallback callback) {
+    const EntryLock serialised;
     realisticParam[7] = 1.0f;
     return hx_fusion2(optim_param, realisticParam, 2, iMax, jMax, origImgSizeX, origImgSizeY,
                       rowOut, rgb2bgr, spp, bpsIn, bpsOut, bitDepthPoids, fusedResult,
