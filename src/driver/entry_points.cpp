@@ -1,6 +1,7 @@
 // The public entry points: the fusion and the two combinations of a fused
 // result with a dark exposure, and the parameter defaults.
 #include "driver/driver.h"
+#include "driver/entry_lock.h"
 
 using namespace lumora;
 
@@ -11,6 +12,7 @@ extern "C" LUMORA_API int hx_fusion2(optim_param_struct optimParam, float *fusio
                                      unsigned char *fusedResult, unsigned char *imagesBuffer,
                                      unsigned char *hdrImage, unsigned char *resImage,
                                      ProgressCallback callback) {
+    const EntryLock serialised;  // released after the clean-up
     return runFusion({optimParam, fusion2Param, kMax, iMax, jMax, origImgSizeX, origImgSizeY,
                       rowOut, rgb2bgr, spp, bpsIn, bpsOut, bitDepthPoids, fusedResult,
                       imagesBuffer, hdrImage, resImage, callback});
@@ -23,6 +25,7 @@ extern "C" LUMORA_API int hx_combi_realistic(optim_param_struct optim_param,
                                              unsigned char *fusedResult,
                                              unsigned char *darkImage, unsigned char *resImage,
                                              ProgressCallback callback) {
+    const EntryLock serialised;  // before the parameter block is touched
     realisticParam[7] = 1.0f;  // the caller's array is changed: preservation forced on
     return hx_fusion2(optim_param, realisticParam, 2, iMax, jMax, iMax, jMax, rowOut, rgb2bgr,
                       spp, bpsIn, bpsOut, bitDepthPoids, fusedResult, darkImage, nullptr,
@@ -34,6 +37,7 @@ extern "C" LUMORA_API int hx_combi_realistic_loupe(
     int origImgSizeX, int origImgSizeY, int rowOut, int rgb2bgr, int spp, int bpsIn,
     int bpsOut, int bitDepthPoids, unsigned char *fusedResult, unsigned char *darkImage,
     unsigned char *resImage, ProgressCallback callback) {
+    const EntryLock serialised;
     realisticParam[7] = 1.0f;
     return hx_fusion2(optim_param, realisticParam, 2, iMax, jMax, origImgSizeX, origImgSizeY,
                       rowOut, rgb2bgr, spp, bpsIn, bpsOut, bitDepthPoids, fusedResult,

@@ -30,7 +30,7 @@ bool Progress::advance(float share) {
 FusionConstants deriveConstants(const FusionArgs &a) {
     FusionConstants c{};
     const float *p = a.fusion2Param;
-    c.nbProc = a.optimParam.nbProc;
+    c.nbProc = a.optimParam.nbProc < 1 ? 1 : a.optimParam.nbProc;  // below 1: one thread
     c.strength = p[0];
     c.sharpness = p[1];
     c.saturationAdjust = p[2];
