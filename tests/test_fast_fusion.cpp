@@ -36,7 +36,7 @@ void forEachTarget(F f) {
     for (int64_t target : hwy::SupportedAndGeneratedTargets()) {
         SCOPED_TRACE(hwy::TargetName(target));
         hwy::SetSupportedTargetsForTest(target);
-        ASSERT_STREQ(fastPathTargetName(), hwy::TargetName(target));
+        ASSERT_STREQ(simd::targetName(), hwy::TargetName(target));
         f(index++);
     }
     hwy::SetSupportedTargetsForTest(0);
@@ -70,7 +70,7 @@ Bytes rawWeights(bool plain, int kMax, int iMax, int jMax, Bytes *images, float 
     if (plain)
         rawWeightPixels(args, 0, (size_t)n);
     else
-        rawWeightsFast(args);
+        simd::rawWeights(args);
     return planes;
 }
 
@@ -181,7 +181,7 @@ TEST_F(FastFusion, ReconstructionMatchesPerPixelCodeInBothModesAndEveryOutputFor
             const int bpsOut = caseNo % 2 ? 16 : 8, rgb2bgr = caseNo / 2 % 2;
             Scene scene(kMax, size[0], size[1], highlight, highlight ? thresholds[mode - 2] : 0, sharpness, sat,
                         bpsOut, rgb2bgr, caseNo);
-            ASSERT_TRUE(fastReconstructionCovers(scene.a));
+            ASSERT_TRUE(simd::reconstructionCovers(scene.a));
             SCOPED_TRACE(testing::Message() << size[0] << "x" << size[1] << " mode " << mode << " sharpness "
                                             << sharpness << " sat " << sat << " bpsOut " << bpsOut << " bgr " << rgb2bgr);
             const Bytes want = scene.run(2, true);

@@ -34,7 +34,7 @@ protected:
     static void SetUpTestSuite() { CIELab_Init(2); }
     void TearDown() override {
         usePlainPath = false;
-        fastPassBandRows = 0;
+        simd::levelPassBandRows = 0;
         hwy::SetSupportedTargetsForTest(0);
     }
 };
@@ -46,7 +46,7 @@ void forEachTarget(F f) {
     for (int64_t target : hwy::SupportedAndGeneratedTargets()) {
         SCOPED_TRACE(hwy::TargetName(target));
         hwy::SetSupportedTargetsForTest(target);
-        ASSERT_STREQ(fastPathTargetName(), hwy::TargetName(target));
+        ASSERT_STREQ(simd::targetName(), hwy::TargetName(target));
         f();
     }
     hwy::SetSupportedTargetsForTest(0);
@@ -172,7 +172,7 @@ TEST_F(FastPath, PyramidTowersAndDiffsMatchPlainPath) {
                                                 << " variant " << variant << " threads " << nbProc
                                                 << " band " << bandRows[caseNo % 4]);
                 const Bytes want = pyramid(in, iMax, jMax, spp, gaussOnly, bright, nbProc, true);
-                fastPassBandRows = bandRows[caseNo % 4];
+                simd::levelPassBandRows = bandRows[caseNo % 4];
                 forEachTarget([&] {
                     const Bytes got =
                         pyramid(in, iMax, jMax, spp, gaussOnly, bright, nbProc, false);
@@ -275,14 +275,14 @@ TEST_F(FastPath, LevelPassMatchesPlainPassWithHandMadeKernels) {
             if (plain)
                 levelPass(nbProc, a);
             else
-                EXPECT_TRUE(fastLevelPass(nbProc, a));
+                EXPECT_TRUE(simd::levelPass(nbProc, a));
             usePlainPath = false;
             return r;
         };
         const LevelResult want = run(true);
         forEachTarget([&] {
             for (int rows : {0, 1, 3, 7}) {
-                fastPassBandRows = rows;
+                simd::levelPassBandRows = rows;
                 const LevelResult got = run(false);
                 EXPECT_EQ(firstDifference(want.output, got.output, iMax, spp), "")
                     << "output, band " << rows;
@@ -290,7 +290,7 @@ TEST_F(FastPath, LevelPassMatchesPlainPassWithHandMadeKernels) {
                     << "smoothed, band " << rows;
             }
         });
-        fastPassBandRows = 0;
+        simd::levelPassBandRows = 0;
         freeOutsideImageBorders(&img);
     }
 }

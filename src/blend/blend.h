@@ -35,10 +35,12 @@ struct RawWeightsArgs {
 };
 // The reference: pixels [first, first + n), one at a time.
 void rawWeightPixels(const RawWeightsArgs &args, size_t first, size_t n);
-// Every pixel, vectorised across pixels (blend_hwy.cpp), with the
+namespace simd {
+// Every pixel, vectorised across pixels (exposure_weights_hwy.cpp), with the
 // reference's bytes and aborts.
-void rawWeightsFast(const RawWeightsArgs &args);
-// Every pixel, on the fast path or, when the switch asks, the reference.
+void rawWeights(const RawWeightsArgs &args);
+}  // namespace simd
+// Every pixel, on the SIMD path or, when the switch asks, the reference.
 void rawWeights(const RawWeightsArgs &args);
 
 // ---------------------------------------------------------------------------
@@ -100,16 +102,16 @@ void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned ch
                               unsigned char **smoothed, unsigned char **poids);
 
 // ---------------------------------------------------------------------------
-// Fast weights/reconstruction (fast_weights.cpp)
+// SIMD reconstruction (reconstruction_hwy.cpp)
 
-// Whether reconstructRowsFast covers these arguments (8-bit input and
-// weights, three samples, at most three images, no debug dumps).
-bool fastReconstructionCovers(const ReconstructionArgs &args);
+namespace simd {
+// Whether reconstructRows covers these arguments (8-bit input and weights,
+// three samples, at most three images, no debug dumps).
+bool reconstructionCovers(const ReconstructionArgs &args);
 // Output rows [rowBegin, rowEnd) of the reconstruction, vectorised across the
 // pixels of a row, with the per-pixel code's bytes and aborts. False, with
 // nothing written, when its row buffers cannot be allocated.
-bool reconstructRowsFast(const ReconstructionArgs &args, int rowBegin, int rowEnd);
-
-// ---------------------------------------------------------------------------
+bool reconstructRows(const ReconstructionArgs &args, int rowBegin, int rowEnd);
+}  // namespace simd
 
 }  // namespace lumora

@@ -277,8 +277,8 @@ void reconstruct(int nbProc, const ReconstructionArgs &args) {
         staticBlock(args.jMax, omp_get_thread_num(), omp_get_num_threads(), &rowBegin, &rowEnd);
         // Short of memory for its row buffers, the fast path leaves the rows
         // to the per-pixel code, which needs none and writes the same bytes.
-        if (usePlainPath || !fastReconstructionCovers(args) ||
-            !reconstructRowsFast(args, rowBegin, rowEnd))
+        if (usePlainPath || !simd::reconstructionCovers(args) ||
+            !simd::reconstructRows(args, rowBegin, rowEnd))
             reconstructRows(args, rowBegin, rowEnd);
 
 #pragma omp barrier

@@ -77,14 +77,16 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
              unsigned char **outImageTower, unsigned char *outImage);
 
 // ---------------------------------------------------------------------------
-// Fast path (fast_filter.cpp)
+// SIMD path (level_pass_hwy.cpp)
 
+namespace simd {
 // The 8-bit level pass of an image with its border built in, vectorised
 // across neighbouring pixels of a row, with the plain pass's bytes. Returns
 // false, having written nothing, when it does not cover the case or cannot
 // get its working memory; the caller then runs the plain pass.
-bool fastLevelPass(int nbProc, const LevelPassArgs &args);
-// The instruction set the fast path runs on ("AVX3", "AVX2", ...).
-const char *fastPathTargetName();
+bool levelPass(int nbProc, const LevelPassArgs &args);
+// The instruction set the SIMD path runs on ("AVX3", "AVX2", ...).
+const char *targetName();
+}  // namespace simd
 
 }  // namespace lumora

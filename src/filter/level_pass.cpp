@@ -126,7 +126,7 @@ void filterEdgePixel(const LevelPassArgs &a, int i, int j, KernelEntry *bilatera
 }  // namespace
 
 int levelPass(int nbProc, const LevelPassArgs &a) {
-    if (!usePlainPath && a.bps == 8 && a.imageHasBorder && fastLevelPass(nbProc, a)) return 0;
+    if (!usePlainPath && a.bps == 8 && a.imageHasBorder && simd::levelPass(nbProc, a)) return 0;
     // Set by any thread that could not get its kernel buffer.
     std::atomic<bool> shortOfMemory{false};
 #pragma omp parallel num_threads(nbProc)

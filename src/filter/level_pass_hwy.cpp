@@ -1,4 +1,4 @@
-// Vectorised 8-bit level pass and 3x3 smoothing rows.
+// SIMD 8-bit level pass.
 //
 // The lanes of a vector are neighbouring pixels of one row, never the
 // entries of one pixel's kernel: every lane runs the per-pixel arithmetic of
@@ -22,8 +22,8 @@
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
 
-#ifndef LUMORA_FAST_FILTER_SHARED
-#define LUMORA_FAST_FILTER_SHARED
+#ifndef LUMORA_SIMD_LEVEL_PASS_SHARED
+#define LUMORA_SIMD_LEVEL_PASS_SHARED
 
 #include <omp.h>
 
@@ -39,7 +39,7 @@
 #include "tables/tables.h"
 
 namespace lumora {
-namespace fastpass {
+namespace simd {
 
 // What the bright map asks of a pixel.
 constexpr unsigned char CHOOSE_COPY = 0;
@@ -56,7 +56,7 @@ struct KernelPlan {
     int centre;
 };
 
-// What every row of one level's fast pass reads.
+// What every row of one level's SIMD pass reads.
 struct Pass {
     const LevelPassArgs *args;
     const unsigned char *sample[3];  // one plane of bytes per sample
@@ -155,10 +155,10 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
     }
 }
 
-}  // namespace fastpass
+}  // namespace simd
 }  // namespace lumora
 
-#endif  // LUMORA_FAST_FILTER_SHARED
+#endif  // LUMORA_SIMD_LEVEL_PASS_SHARED
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "filter/level_pass_hwy.cpp"
@@ -167,7 +167,7 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
 
 HWY_BEFORE_NAMESPACE();
 namespace lumora {
-namespace fastpass {
+namespace simd {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
@@ -481,13 +481,13 @@ void FilterRow(const Pass &p, int j, const Scratch &s) {
 }
 
 }  // namespace HWY_NAMESPACE
-}  // namespace fastpass
+}  // namespace simd
 }  // namespace lumora
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace lumora {
-namespace fastpass {
+namespace simd {
 
 HWY_EXPORT(FloatLanes);
 HWY_EXPORT(TargetName);
@@ -501,15 +501,11 @@ constexpr size_t BLOCK_WEIGHT_BYTES = 128 * 1024;
 constexpr size_t BAND_PLANE_BYTES = 96u << 20;
 
 
-}  // namespace fastpass
+int levelPassBandRows = 0;
 
-int fastPassBandRows = 0;
+const char *targetName() { return HWY_DYNAMIC_DISPATCH(TargetName)(); }
 
-const char *fastPathTargetName() { return HWY_DYNAMIC_DISPATCH(fastpass::TargetName)(); }
-
-
-bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
-    using namespace fastpass;
+bool levelPass(int nbProc, const LevelPassArgs &a) {
     // Covered: 8-bit one- and three-sample images with their border built
     // in, guided by themselves. The debug dump of fusion2f stays with the
     // per-pixel code.
@@ -580,7 +576,7 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
     if (a.spp == 3) {
         const size_t pixelBytes = lab ? 3 + 3 * sizeof(float) : 3;
         const long fit = (long)(BAND_PLANE_BYTES / (width * pixelBytes)) - reachUp - reachDown;
-        bandRows = fastPassBandRows > 0 ? fastPassBandRows
+        bandRows = levelPassBandRows > 0 ? levelPassBandRows
                                         : (int)std::max<long>(fit, std::max(64, 4 * team));
         bandRows = std::min(bandRows, a.jMax);
     }
@@ -698,5 +694,6 @@ cleanup:
     return done;
 }
 
+}  // namespace simd
 }  // namespace lumora
 #endif  // HWY_ONCE
