@@ -96,6 +96,38 @@ inline void storeReconstructedSample(float fval, unsigned char *out, int byteDep
     }
 }
 
+// A detail sample's signed difference from max7, sharpened through sharpLUT
+// when sharpnessFactor is positive.
+inline float sharpenedDetail(const ReconstructionArgs &a, float imgVal) {
+    imgVal -= a.max7;
+    if (a.sharpnessFactor > 0.0f) imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
+    return imgVal;
+}
+
+// (r + g + b) / 3 of one 8-bit pixel, in integers.
+inline int pixelLuminance(const unsigned char *p) { return (p[0] + p[1] + p[2]) / 3; }
+
+// The dark-image reduction (highlight-preserving mode, kMax 2) of one pixel
+// at one level, in steps: the luminance that decides the dark merge, its
+// blend weight for thresholds 140..169, the two factors, and the whole
+// reduction of poidsLev[0..1] from the pixel's fused, dark and two smoothed
+// samples, which aborts with its report when both weights are 0. i is the
+// row's sample index of the pixel, as the report prints it.
+inline float darkMergeBlend(int threshold) { return (threshold - 140) / 30.0f; }
+int darkMergeLuminance(int threshold, int smoothLum0, int luminance0);
+float darkMergeFactor(int threshold, int darkMergeLum);
+float darkCutFactor(int darkCutLum);
+void darkImageReduction(int threshold, const unsigned char *fused, const unsigned char *dark,
+                        const unsigned char *smooth0, const unsigned char *smooth1, int i, int j,
+                        float *poidsLev);
+// A level's weights past 1 (or not a number): every weight is reported and
+// the process aborts.
+void checkLevelWeights(int kMax, const float *poidsLev);
+// The saturation step of one reconstructed RGB pixel: the host's HSL round
+// trip with the saturation scaled by satCoeff and capped at 1; skipped only
+// for a coefficient of exactly 0.
+void adjustSaturation(float satCoeff, float *fvals);
+
 // Row j's level entries (e = (numLevels - lev) * kMax + k): the samples added
 // to the sum, the samples its weights are judged by, and its weight plane.
 void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned char **images,

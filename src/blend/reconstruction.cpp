@@ -74,43 +74,38 @@ inline float readSample(const unsigned char *p, int byteDepth) {
     return (float)v;
 }
 
-// Weight of the dark image, lowered where the fused image is not bright
-// enough to need it, or where the dark image itself is very dark.
-void darkImageReduction(const ReconstructionArgs &a, const RowCursor &cur, int base, int i,
-                        int j, float *poidsLev) {
-    const unsigned char *fused = cur.src[0];
-    const unsigned char *dark = cur.src[1];
-    const unsigned char *smooth0 = cur.smoothed[base + 0];
-    const unsigned char *smooth1 = cur.smoothed[base + 1];
-    const int luminance0 = (fused[0] + fused[1] + fused[2]) / 3;
-    const int luminance1 = (dark[0] + dark[1] + dark[2]) / 3;
-    const int smoothLum0 = (smooth0[0] + smooth0[1] + smooth0[2]) / 3;
-    const int smoothLum1 = (smooth1[0] + smooth1[1] + smooth1[2]) / 3;
-    const int darkCutLum = smoothLum1;
-    const int threshold = a.darkMergeThreshold;
-    float factor1 = 1.0f;
-    float factor2 = 1.0f;
+}  // namespace
 
-    int darkMergeLum;
-    if (threshold <= 139) {
-        darkMergeLum = smoothLum0;
-    } else if (threshold < 170) {
-        const float f = (threshold - 140) / 30.0f;
-        darkMergeLum = (int)(smoothLum0 * (1 - f) + luminance0 * f);
-    } else {
-        darkMergeLum = luminance0;
-    }
+int darkMergeLuminance(int threshold, int smoothLum0, int luminance0) {
+    if (threshold <= 139) return smoothLum0;
+    if (threshold >= 170) return luminance0;
+    const float f = darkMergeBlend(threshold);
+    return (int)(smoothLum0 * (1 - f) + luminance0 * f);
+}
 
-    if (darkMergeLum <= 254 && threshold > 0) {
-        const int lower = threshold;
-        const float f = darkMergeLum < lower ? 0.0f : (darkMergeLum - lower) / (255.0f - lower);
-        const float f4 = f * f * f * f;
-        factor1 = (float)(1.0 - std::exp((double)(-10.0f * f4)));
-    }
-    if (darkCutLum <= 99) {
-        const float t = 1.0f - darkCutLum / 100.0f;
-        factor2 = 1.0f - t * t;
-    }
+float darkMergeFactor(int threshold, int darkMergeLum) {
+    if (darkMergeLum > 254 || threshold <= 0) return 1.0f;
+    const int lower = threshold;
+    const float f = darkMergeLum < lower ? 0.0f : (darkMergeLum - lower) / (255.0f - lower);
+    const float f4 = f * f * f * f;
+    return (float)(1.0 - std::exp((double)(-10.0f * f4)));
+}
+
+float darkCutFactor(int darkCutLum) {
+    if (darkCutLum > 99) return 1.0f;
+    const float t = 1.0f - darkCutLum / 100.0f;
+    return 1.0f - t * t;
+}
+
+void darkImageReduction(int threshold, const unsigned char *fused, const unsigned char *dark,
+                        const unsigned char *smooth0, const unsigned char *smooth1, int i, int j,
+                        float *poidsLev) {
+    const int luminance0 = pixelLuminance(fused);
+    const int luminance1 = pixelLuminance(dark);
+    const int smoothLum0 = pixelLuminance(smooth0);
+    const int darkCutLum = pixelLuminance(smooth1);
+    const float factor1 = darkMergeFactor(threshold, darkMergeLuminance(threshold, smoothLum0, luminance0));
+    const float factor2 = darkCutFactor(darkCutLum);
 
     if (poidsLev[0] == 0.0f && poidsLev[1] == 0.0f) {
         // Kept: the labels name the two luminances one off.
@@ -126,6 +121,31 @@ void darkImageReduction(const ReconstructionArgs &a, const RowCursor &cur, int b
     poidsLev[1] = poidsLev[1] / (poidsLev[1] + poidsLev[0]);
 }
 
+void checkLevelWeights(int kMax, const float *poidsLev) {
+    bool bad = false;
+    for (int k = 0; k < kMax; k++)
+        if (!(poidsLev[k] <= 1.0f)) bad = true;  // NaN counts as bad
+    if (bad) {
+        for (int k = 0; k < kMax; k++) std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
+        std::abort();
+    }
+    // A second guard, never reached after the report above.
+    for (int k = 0; k < kMax; k++) BF_ASSERT_IN(poidsLev[k] <= 1.0f, "hx_fusion2");
+}
+
+void adjustSaturation(float satCoeff, float *fvals) {
+    // The round trip runs for the neutral coefficient too; only a
+    // coefficient of exactly 0 skips it.
+    if (satCoeff == 0.0f) return;
+    float hsl[3];
+    frgb2hsl(fvals, hsl);
+    hsl[1] *= satCoeff;
+    if (hsl[1] > 1.0f) hsl[1] = 1.0f;
+    fhsl2rgb(hsl, fvals);
+}
+
+namespace {
+
 // Prepares the level entries of row j.
 void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
     reconstructionRowEntries(a, j, cur.images.data(), cur.smoothed.data(), cur.poids.data());
@@ -139,15 +159,7 @@ void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
 // Saturation, channel order, clamping and the store of one pixel.
 void writePixel(const ReconstructionArgs &a, float *fvals, unsigned char *&out) {
     const int spp = a.spp;
-    if (spp == 3 && a.satCoeff != 0.0f) {
-        // The round trip runs for the neutral coefficient too; only a
-        // coefficient of exactly 0 skips it.
-        float hsl[3];
-        frgb2hsl(fvals, hsl);
-        hsl[1] *= a.satCoeff;
-        if (hsl[1] > 1.0f) hsl[1] = 1.0f;
-        fhsl2rgb(hsl, fvals);
-    }
+    if (spp == 3) adjustSaturation(a.satCoeff, fvals);
     for (int s = 0; s < spp; s++) {
         float fval = a.rgb2bgr ? fvals[spp - 1 - s] : fvals[s];
         if (a.byteDepthBpsIn == 1) {
@@ -219,18 +231,10 @@ void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
                                          kMax > 1 ? poidsLev[1] : 0.0f, poidsInt);
                     }
                     if (a.fusionPreserveHighlights)
-                        darkImageReduction(a, cur, base, (int)i, j, poidsLev);
-
-                    bool bad = false;
-                    for (int k = 0; k < kMax; k++)
-                        if (!(poidsLev[k] <= 1.0f)) bad = true;  // NaN counts as bad
-                    if (bad) {
-                        for (int k = 0; k < kMax; k++)
-                            std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
-                        std::abort();
-                    }
-                    for (int k = 0; k < kMax; k++)
-                        BF_ASSERT_IN(poidsLev[k] <= 1.0f, "hx_fusion2");
+                        darkImageReduction(a.darkMergeThreshold, cur.src[0], cur.src[1],
+                                           cur.smoothed[base], cur.smoothed[base + 1], (int)i, j,
+                                           poidsLev);
+                    checkLevelWeights(kMax, poidsLev);
 
                     for (int k = 0; k < kMax; k++) cur.smoothed[base + k] += 3 * byteDepthIn;
                 }
@@ -245,11 +249,7 @@ void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
                         *cur.poids[e] = (unsigned char)(v < 255 ? v : 255);
                     }
                     if (i % 3 == 2) cur.poids[e] += a.byteDepthPoids;
-                    if (lev != numLevels) {
-                        imgVal -= a.max7;
-                        if (a.sharpnessFactor > 0.0f)
-                            imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
-                    }
+                    if (lev != numLevels) imgVal = sharpenedDetail(a, imgVal);
                     fval += imgVal * poidsVal;
                 }
 

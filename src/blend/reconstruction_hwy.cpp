@@ -53,30 +53,14 @@ struct ReconTables {
     float mergeF;        // the blend of smoothed and fused luminance (threshold 140..169)
 };
 
+// The tables from the per-pixel code's own steps, entry by entry.
 inline void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
     for (int b = 0; b < 256; b++) {
-        float imgVal = (float)b;
-        imgVal -= a.max7;
-        if (a.sharpnessFactor > 0.0f) imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
-        t->detail[b] = imgVal;
-
-        const int threshold = a.darkMergeThreshold;
-        float factor1 = 1.0f;
-        if (b <= 254 && threshold > 0) {
-            const int lower = threshold;
-            const float f = b < lower ? 0.0f : (b - lower) / (255.0f - lower);
-            const float f4 = f * f * f * f;
-            factor1 = (float)(1.0 - std::exp((double)(-10.0f * f4)));
-        }
-        t->factor1[b] = factor1;
-        float factor2 = 1.0f;
-        if (b <= 99) {
-            const float u = 1.0f - b / 100.0f;
-            factor2 = 1.0f - u * u;
-        }
-        t->factor2[b] = factor2;
+        t->detail[b] = sharpenedDetail(a, (float)b);
+        t->factor1[b] = darkMergeFactor(a.darkMergeThreshold, b);
+        t->factor2[b] = darkCutFactor(b);
     }
-    t->mergeF = (a.darkMergeThreshold - 140) / 30.0f;
+    t->mergeF = darkMergeBlend(a.darkMergeThreshold);
 }
 
 // Row j's pointers: entry e = (numLevels - lev) * kMax + k as in the
@@ -98,53 +82,19 @@ inline void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
     }
 }
 
-inline int lum3(const unsigned char *p) { return (p[0] + p[1] + p[2]) / 3; }
-
-// Weights of pixel x at every level into w[e * iMax + x], with the
-// per-pixel code's arithmetic and aborts.
-inline void pixelWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView &row,
-                         int x, int j, float *w) {
+// Weights of pixel x at every level into w[e * iMax + x], through the
+// per-pixel code's steps, with its aborts.
+inline void pixelWeights(const ReconstructionArgs &a, const RowView &row, int x, int j, float *w) {
     const int kMax = a.kMax;
-    const int numLevels = a.numLevels;
     float poidsLev[3];
-    for (int lev = numLevels; lev >= 0; lev--) {
-        const int base = (numLevels - lev) * kMax;
+    for (int lev = a.numLevels; lev >= 0; lev--) {
+        const int base = (a.numLevels - lev) * kMax;
         for (int k = 0; k < kMax; k++) poidsLev[k] = row.poids[base + k][x] / 255.0f;
-        if (a.fusionPreserveHighlights) {
-            const int luminance0 = lum3(row.fused + 3 * x);
-            const int luminance1 = lum3(row.dark + 3 * x);
-            const int smoothLum0 = lum3(row.smoothed[base] + 3 * x);
-            const int darkCutLum = lum3(row.smoothed[base + 1] + 3 * x);
-            const int threshold = a.darkMergeThreshold;
-            int darkMergeLum;
-            if (threshold <= 139)
-                darkMergeLum = smoothLum0;
-            else if (threshold < 170)
-                darkMergeLum = (int)(smoothLum0 * (1 - t.mergeF) + luminance0 * t.mergeF);
-            else
-                darkMergeLum = luminance0;
-            const float factor1 = t.factor1[darkMergeLum];
-            const float factor2 = t.factor2[darkCutLum];
-            if (poidsLev[0] == 0.0f && poidsLev[1] == 0.0f) {
-                // Kept: the labels name the two luminances one off.
-                std::fprintf(stderr,
-                             "i=%d j=%d factor1=%f factor2=%f luminance1=%d luminance2=%d\n", 3 * x,
-                             j, factor1, factor2, luminance0, luminance1);
-                std::abort();
-            }
-            poidsLev[1] *= factor1 < factor2 ? factor1 : factor2;
-            // Deliberate: sequential renormalisation.
-            poidsLev[0] = poidsLev[0] / (poidsLev[0] + poidsLev[1]);
-            poidsLev[1] = poidsLev[1] / (poidsLev[1] + poidsLev[0]);
-        }
-        bool bad = false;
-        for (int k = 0; k < kMax; k++)
-            if (!(poidsLev[k] <= 1.0f)) bad = true;
-        if (bad) {
-            for (int k = 0; k < kMax; k++)
-                std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
-            std::abort();
-        }
+        if (a.fusionPreserveHighlights)
+            darkImageReduction(a.darkMergeThreshold, row.fused + 3 * x, row.dark + 3 * x,
+                               row.smoothed[base] + 3 * x, row.smoothed[base + 1] + 3 * x, 3 * x,
+                               j, poidsLev);
+        checkLevelWeights(kMax, poidsLev);
         for (int k = 0; k < kMax; k++) w[(size_t)(base + k) * a.iMax + x] = poidsLev[k];
     }
 }
@@ -233,7 +183,7 @@ void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView
     if (a.fusionPreserveHighlights) {
         for (; x + N <= iMax; x += N)
             if (!HighlightVector(a, t, row, x, w))
-                for (size_t q = x; q < x + N; q++) pixelWeights(a, t, row, (int)q, j, w);
+                for (size_t q = x; q < x + N; q++) pixelWeights(a, row, (int)q, j, w);
     } else {
         // A byte over 255.0f never exceeds 1: nothing here can abort.
         const int entries = (a.numLevels + 1) * a.kMax;
@@ -243,7 +193,7 @@ void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView
                 hn::StoreU(hn::Div(hn::ConvertTo(df, LoadBytes(row.poids[e] + x)), inv), df,
                            w + e * iMax + x);
     }
-    for (; x < iMax; x++) pixelWeights(a, t, row, (int)x, j, w);
+    for (; x < iMax; x++) pixelWeights(a, row, (int)x, j, w);
 }
 
 // Level blend of row j into acc[s * iMax + x]: per sample, from 0, entry by
@@ -362,15 +312,7 @@ bool reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
         HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, w, acc);
         for (size_t x = 0; x < iMax; x++) {
             float fvals[3] = {acc[x], acc[iMax + x], acc[2 * iMax + x]};
-            if (a.satCoeff != 0.0f) {
-                // The host's conversions, one pixel at a time; the round
-                // trip runs for the neutral coefficient too.
-                float hsl[3];
-                frgb2hsl(fvals, hsl);
-                hsl[1] *= a.satCoeff;
-                if (hsl[1] > 1.0f) hsl[1] = 1.0f;
-                fhsl2rgb(hsl, fvals);
-            }
+            adjustSaturation(a.satCoeff, fvals);  // the host's, one pixel at a time
             for (int s = 0; s < 3; s++) samples[3 * x + s] = a.rgb2bgr ? fvals[2 - s] : fvals[s];
         }
         unsigned char *out = a.resImage + (size_t)a.rowOut * j * a.byteDepthBpsOut;
