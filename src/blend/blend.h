@@ -46,6 +46,8 @@ void rawWeights(const RawWeightsArgs &args);
 // ---------------------------------------------------------------------------
 // Reconstruction (reconstruction.cpp)
 
+// Within the driver's limits: kMax at most 3, numLevels at most 2, spp at
+// most 3 (the per-thread scratch is sized for them).
 struct ReconstructionArgs {
     size_t rowIn;
     size_t imageStride;

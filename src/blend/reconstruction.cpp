@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include <omp.h>
 
@@ -60,10 +59,14 @@ namespace {
 
 // The per-row pointers of one thread. Entry (numLevels - lev) * kMax + k
 // belongs to level lev of image k; the pointers walk along the row.
+// Fixed arrays, for the driver's at most three images and two levels above
+// the base: nothing is allocated inside the team.
+constexpr int MAX_IMAGES = 3;
+constexpr int MAX_ENTRIES = 3 * MAX_IMAGES;
 struct RowCursor {
-    std::vector<unsigned char *> images;    // samples added to the sum
-    std::vector<unsigned char *> smoothed;  // samples the weights are judged by
-    std::vector<unsigned char *> poids;     // weight plane
+    unsigned char *images[MAX_ENTRIES];    // samples added to the sum
+    unsigned char *smoothed[MAX_ENTRIES];  // samples the weights are judged by
+    unsigned char *poids[MAX_ENTRIES];     // weight plane
     unsigned char *src[2] = {nullptr, nullptr};  // fused and dark pixel (highlight mode)
 };
 
@@ -148,7 +151,7 @@ namespace {
 
 // Prepares the level entries of row j.
 void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
-    reconstructionRowEntries(a, j, cur.images.data(), cur.smoothed.data(), cur.poids.data());
+    reconstructionRowEntries(a, j, cur.images, cur.smoothed, cur.poids);
     if (a.fusionPreserveHighlights) {
         const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
         cur.src[0] = a.fusedResult + positIn;
@@ -182,22 +185,67 @@ void writePixel(const ReconstructionArgs &a, float *fvals, unsigned char *&out) 
     }
 }
 
-// Rows [rowBegin, rowEnd) of the output, with this thread's scratch.
-void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
+// Level lev's weights of the pixel starting at sample i of row j, into
+// poidsLev: read from the weight planes, reduced in highlight-preserving
+// mode, and checked. Moves the level's judged samples on by a pixel.
+void levelWeights(const ReconstructionArgs &a, RowCursor &cur, int lev, size_t i, int j,
+                  float *poidsLev) {
     const int kMax = a.kMax;
-    const int numLevels = a.numLevels;
-    const int spp = a.spp;
-    const int entries = (numLevels + 1) * kMax;
+    const int base = (a.numLevels - lev) * kMax;
     const int byteDepthIn = a.byteDepthBpsIn;
     const int bitDepthPoids = a.bitDepthPoids;  // named so that its check reads as written
+    if (byteDepthIn == 1) {
+        BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
+        for (int k = 0; k < kMax; k++) poidsLev[k] = *cur.poids[base + k] / 255.0f;
+    } else {
+        // 16-bit input: unreachable through hx_fusion2, which asserts 8-bit
+        // input, and not defined further; kept minimal: weights of the
+        // level's smoothed pixels, with a warning past 1.
+        unsigned short *smoothed16[MAX_IMAGES];
+        for (int k = 0; k < kMax; k++)
+            smoothed16[k] = reinterpret_cast<unsigned short *>(cur.smoothed[base + k]);
+        calculatePoids16Alt(kMax, smoothed16, a.coeffErreur, poidsLev);
+        const int poidsInt = (int)(poidsLev[0] * 255.0f);
+        if (poidsInt > 255)
+            std::fprintf(stderr, "---> poids=%f,%f poidsInt=%d!\n", poidsLev[0],
+                         kMax > 1 ? poidsLev[1] : 0.0f, poidsInt);
+    }
+    if (a.fusionPreserveHighlights)
+        darkImageReduction(a.darkMergeThreshold, cur.src[0], cur.src[1], cur.smoothed[base],
+                           cur.smoothed[base + 1], (int)i, j, poidsLev);
+    checkLevelWeights(kMax, poidsLev);
+    for (int k = 0; k < kMax; k++) cur.smoothed[base + k] += 3 * byteDepthIn;
+}
 
+// fval plus level lev's part of sample i: every image's sample (a detail
+// sharpened) times its weight. Moves the level's samples and, after a
+// pixel's third sample, its weights on.
+float addLevel(const ReconstructionArgs &a, RowCursor &cur, int lev, size_t i,
+               const float *poidsLev, float fval) {
+    const int base = (a.numLevels - lev) * a.kMax;
+    for (int k = 0; k < a.kMax; k++) {
+        const int e = base + k;
+        float imgVal = readSample(cur.images[e], a.byteDepthBpsIn);
+        cur.images[e] += a.byteDepthBpsIn;
+        const float poidsVal = poidsLev[k];
+        if (dbgTestImage) {
+            const int v = (int)(poidsVal * 256.0f);
+            *cur.poids[e] = (unsigned char)(v < 255 ? v : 255);
+        }
+        if (i % 3 == 2) cur.poids[e] += a.byteDepthPoids;
+        if (lev != a.numLevels) imgVal = sharpenedDetail(a, imgVal);
+        fval += imgVal * poidsVal;
+    }
+    return fval;
+}
+
+// Rows [rowBegin, rowEnd) of the output, with this thread's scratch.
+void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
+    const int spp = a.spp;
+    const int byteDepthIn = a.byteDepthBpsIn;
     RowCursor cur;
-    cur.images.resize(entries);
-    cur.smoothed.resize(entries);
-    cur.poids.resize(entries);
-    std::vector<float> poids(entries);
-    std::vector<float> fvals(spp > 3 ? spp : 3);
-    std::vector<unsigned short *> smoothed16(kMax);
+    float poids[MAX_ENTRIES];  // level lev's weights at poids + kMax * lev
+    float fvals[3];            // the pixel's samples
 
     for (int j = rowBegin; j < rowEnd; j++) {
         const size_t positIn = (size_t)a.iMax * j * spp * byteDepthIn;
@@ -207,52 +255,11 @@ void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
 
         for (size_t i = 0; i < a.rowIn; i++) {
             float fval = 0.0f;
-            for (int lev = numLevels; lev >= 0; lev--) {
-                const int base = (numLevels - lev) * kMax;
-                float *poidsLev = poids.data() + kMax * lev;
-
+            for (int lev = a.numLevels; lev >= 0; lev--) {
+                float *poidsLev = poids + a.kMax * lev;
                 // Weights once per pixel; the 3 is fixed, not spp.
-                if (i % 3 == 0) {
-                    if (byteDepthIn == 1) {
-                        BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
-                        for (int k = 0; k < kMax; k++)
-                            poidsLev[k] = *cur.poids[base + k] / 255.0f;
-                    } else {
-                        // 16-bit input: unreachable through hx_fusion2 and not
-                        // defined further; kept minimal: weights of the
-                        // level's smoothed pixels, with a warning past 1.
-                        for (int k = 0; k < kMax; k++)
-                            smoothed16[k] =
-                                reinterpret_cast<unsigned short *>(cur.smoothed[base + k]);
-                        calculatePoids16Alt(kMax, smoothed16.data(), a.coeffErreur, poidsLev);
-                        const int poidsInt = (int)(poidsLev[0] * 255.0f);
-                        if (poidsInt > 255)
-                            std::fprintf(stderr, "---> poids=%f,%f poidsInt=%d!\n", poidsLev[0],
-                                         kMax > 1 ? poidsLev[1] : 0.0f, poidsInt);
-                    }
-                    if (a.fusionPreserveHighlights)
-                        darkImageReduction(a.darkMergeThreshold, cur.src[0], cur.src[1],
-                                           cur.smoothed[base], cur.smoothed[base + 1], (int)i, j,
-                                           poidsLev);
-                    checkLevelWeights(kMax, poidsLev);
-
-                    for (int k = 0; k < kMax; k++) cur.smoothed[base + k] += 3 * byteDepthIn;
-                }
-
-                for (int k = 0; k < kMax; k++) {
-                    const int e = base + k;
-                    float imgVal = readSample(cur.images[e], byteDepthIn);
-                    cur.images[e] += byteDepthIn;
-                    const float poidsVal = poidsLev[k];
-                    if (dbgTestImage) {
-                        const int v = (int)(poidsVal * 256.0f);
-                        *cur.poids[e] = (unsigned char)(v < 255 ? v : 255);
-                    }
-                    if (i % 3 == 2) cur.poids[e] += a.byteDepthPoids;
-                    if (lev != numLevels) imgVal = sharpenedDetail(a, imgVal);
-                    fval += imgVal * poidsVal;
-                }
-
+                if (i % 3 == 0) levelWeights(a, cur, lev, i, j, poidsLev);
+                fval = addLevel(a, cur, lev, i, poidsLev, fval);
                 if (dbgTestImage && byteDepthIn == 1)
                     a.results[lev * a.imageStride + positIn + i] = (unsigned char)(int)fval;
             }
@@ -263,7 +270,7 @@ void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
             }
             fvals[i % 3] = fval;
 
-            if ((int)(i % spp) == spp - 1) writePixel(a, fvals.data(), out);
+            if ((int)(i % spp) == spp - 1) writePixel(a, fvals, out);
         }
     }
 }

@@ -202,6 +202,7 @@ HWY_INLINE void LabWeights(const Pass &p, const KernelPlan &k, size_t base, size
             hn::StoreU(LoadLab<true>(A, c, x, idx), df, centre + B + x);
             hn::StoreU(LoadLab<true>(Bp, c, x, idx), df, centre + 2 * B + x);
         }
+    // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
     const auto limit = hn::Set(df, (float)EXP_LUT_ENTRIES);
     const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
     for (int e = 0; e < k.n; e++) {
