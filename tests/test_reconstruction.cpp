@@ -124,6 +124,19 @@ TEST(Reconstruction, DarkImageWeightDropsToThreeQuartersAtSmoothedLuminance50) {
     for (unsigned char v : s.res) EXPECT_EQ(v, (int)(200 * p0 + 50 * p1));
 }
 
+// The reduction's steps, which the SIMD rows' tables are built from.
+TEST(Reconstruction, DarkReductionFactorsAndMergeLuminanceByThreshold) {
+    EXPECT_EQ(darkCutFactor(50), 0.75f);
+    EXPECT_EQ(darkCutFactor(100), 1.0f);
+    EXPECT_EQ(darkMergeFactor(0, 200), 1.0f);  // influence 10: threshold 0
+    EXPECT_EQ(darkMergeFactor(150, 255), 1.0f);
+    EXPECT_EQ(darkMergeFactor(150, 149), 0.0f);
+    EXPECT_NEAR(darkMergeFactor(150, 200), 0.4020f, 1e-4f);  // 1 - exp(-10 (50 / 105)^4)
+    EXPECT_EQ(darkMergeLuminance(139, 40, 240), 40);
+    EXPECT_EQ(darkMergeLuminance(155, 40, 240), 140);  // half way
+    EXPECT_EQ(darkMergeLuminance(170, 40, 240), 240);
+}
+
 TEST(Reconstruction, SameBytesForEveryTeamSizeIncludingMoreThreadsThanRows) {
     const int w = 5, h = 3;
     Scene s(w, h, 3);
