@@ -117,6 +117,7 @@ void fusion2f(int iMax, int jMax, int sppx, int bps, int rowStride, ImageWithBor
                 k.B = lab.b;
             }
         } else {
+            // 16-bit levels: never passed by the fusion driver, kept for other callers.
             const unsigned short *p =
                 direct ? reinterpret_cast<unsigned short *>(img->image) + element
                        : reinterpret_cast<unsigned short *>(
