@@ -26,21 +26,11 @@
 #ifndef LUMORA_SIMD_RECONSTRUCTION_SHARED
 #define LUMORA_SIMD_RECONSTRUCTION_SHARED
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <vector>
 
-#include "core/switches.h"
-#include "diag/diag.h"
 #include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
-#include "tables/tables.h"
+#include "diag/diag.h"
 
 namespace lumora {
 namespace simd {

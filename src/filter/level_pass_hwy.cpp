@@ -5,8 +5,13 @@
 // fusion2f and convolveFastSimple8 operation for operation (separate
 // multiplies and adds, sums in entry order, IEEE division, truncating
 // conversions), so each pixel gets the very bytes of the per-pixel code.
-// Pixels that do not fill a vector, at the end of a row, go through the
-// per-pixel code itself.
+// The kernel choice is the per-pixel code's chooseKernel, and the pixels the
+// bright map copies and those that do not fill a vector, at the end of a
+// row, go through the per-pixel filterPixel8 itself.
+//
+// The level pass (level_pass.cpp) runs the thread team: this file plans the
+// level before the team starts, loads each band's planes in steps the team
+// shares, and fills the rows it is handed.
 //
 // So that an entry of neighbouring pixels lies in neighbouring memory, the
 // bordered working copy is split into planes: one plane of bytes per sample
@@ -24,8 +29,6 @@
 
 #ifndef LUMORA_SIMD_LEVEL_PASS_SHARED
 #define LUMORA_SIMD_LEVEL_PASS_SHARED
-
-#include <omp.h>
 
 #include <algorithm>
 #include <cstddef>
