@@ -55,7 +55,6 @@ struct LevelPassArgs {
     int jMax;
     int physicalKernelSize;
     int halfKernelSize;
-    int kernelStep;
     int largestHalfKernelSize;
     int largestPhysicalKernelSize;
     int levelGaussOnly;
