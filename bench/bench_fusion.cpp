@@ -163,7 +163,7 @@ void BM_Stage(benchmark::State &state) {
     float ce[256], cePreserve[256];
     lumora::buildErrorCoefficients(15.0f, ce, cePreserve);
     const lumora::RawWeightsArgs raw{kMax, b.w, b.h, in, planes, ce, ce, highlight};
-    lumora::rawWeightsFast(raw);
+    lumora::simd::rawWeights(raw);
     for (int lev = 1; lev <= 2; lev++)  // stand-ins for the smoothed weights
         std::copy(poids.begin(), poids.begin() + kMax * plane, poids.begin() + lev * kMax * plane);
     float sharpLUT[258];

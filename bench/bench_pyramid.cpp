@@ -65,7 +65,7 @@ void BM_Pyramid(benchmark::State &state) {
     }
     lumora::usePlainPath = false;
     state.SetItemsProcessed(state.iterations() * (int64_t)kSide * kSide);
-    state.SetLabel(fast ? lumora::fastPathTargetName() : "plain");
+    state.SetLabel(fast ? lumora::simd::targetName() : "plain");
 }
 
 BENCHMARK(BM_Pyramid)

@@ -100,8 +100,9 @@ TEST(Convolution, StoresTheLowBitsOfTheTruncatedSum) {
     EXPECT_EQ(out16, 66190 - 65536);
 }
 
-// The edge variant reads through the separate borders; it must give the sum
-// computed directly on a built-in bordered copy (mirrored sides and corners).
+// The edge variant reads through the separate borders; it must give the
+// direct variant's bytes on a built-in bordered copy (mirrored sides and
+// corners).
 template <typename Sample>
 void checkEdgeConvolution(int spp) {
     const int iMax = 6, jMax = 5, b = 2, bps = 8 * (int)sizeof(Sample), ers = (iMax + 2 * b) * spp;
@@ -113,19 +114,20 @@ void checkEdgeConvolution(int spp) {
     std::vector<KernelEntry> kernel;
     for (int x = 0; x < 5; x++)
         for (int y = 0; y < 5; y++) kernel.push_back({x, y, 0.01f * (1 + x + 5 * y), 0, 0, 0});
-    const Sample *copy = reinterpret_cast<const Sample *>(built.image);
+    Sample *copy = reinterpret_cast<Sample *>(built.image);
     for (int y = 0; y < jMax; y++)
         for (int x = 0; x < iMax; x++) {
-            Sample out[3];
-            convolveFastIncludingEdges(&separate, reinterpret_cast<unsigned char *>(out), iMax,
+            Sample got[3], want[3];
+            convolveFastIncludingEdges(&separate, reinterpret_cast<unsigned char *>(got), iMax,
                                        jMax, spp, bps, iMax * spp, nullptr, x, y, 25,
                                        kernel.data(), 5);
-            for (int s = 0; s < spp; s++) {
-                float sum = 0.0f;
-                for (const KernelEntry &k : kernel)
-                    sum = sum + (float)copy[(y + k.ypos) * ers + (x + k.xpos) * spp + s] * k.factor;
-                EXPECT_EQ(out[s], (Sample)(int)sum) << x << "," << y << " sample " << s;
-            }
+            if constexpr (sizeof(Sample) == 1)
+                convolveFastSimple8(copy + y * ers + x * spp, want, spp, ers, nullptr, nullptr, 25,
+                                    kernel.data());
+            else
+                convolveFastSimple16(copy + y * ers + x * spp, want, spp, ers, nullptr, nullptr, 25,
+                                     kernel.data(), 5);
+            for (int s = 0; s < spp; s++) EXPECT_EQ(got[s], want[s]) << x << "," << y << " sample " << s;
         }
     freeOutsideImageBorders(&built);
     freeOutsideImageBorders(&separate);
@@ -148,11 +150,28 @@ struct LevelSetup {
     KernelEntry normal{0, 1, 1.0f, 0, 0, 0}, fine{2, 1, 1.0f, 0, 0, 0};
     std::vector<float> expLut = std::vector<float>(EXP_LUT_ENTRIES, 1.0f);
     // One-sample 8-bit image and guide, 3x3 window, level 2.
-    LevelPassArgs a{&img, &img, 1, 8, iMax, ers, out.data(), smooth.data(), &normal, 1, &fine,
-                    1, expLut.data(), nullptr, nullptr, nullptr, map.data(), 1, 8, 1, iMax,
-                    iMax, iMax, jMax, 3, 1, 1, 1, 3, 0, 2, 0.2f, ers, 1};
+    LevelPassArgs a{};
 
     LevelSetup() {
+        a.img = a.filterImg = &img;
+        a.filterSpp = a.spp = a.byteDepth = 1;
+        a.filterBps = a.bps = 8;
+        a.filterRowStride = a.rowStride = a.rowStrideBytes = iMax;
+        a.filterExtendedRowStride = a.extendedRowStride = ers;
+        a.imgOutput = out.data();
+        a.smoothImg = smooth.data();
+        a.spatialKernel = &normal;
+        a.spatialKernelFine = &fine;
+        a.numKernelEntries = a.numFineKernelEntries = 1;
+        a.expLut = expLut.data();
+        a.brightImage = map.data();
+        a.iMax = iMax;
+        a.jMax = jMax;
+        a.physicalKernelSize = a.largestPhysicalKernelSize = 3;
+        a.halfKernelSize = a.largestHalfKernelSize = 1;
+        a.level = 2;
+        a.rangeKernelSigma = 0.2f;
+        a.imageHasBorder = 1;
         for (int n = 0; n < (int)bordered.size(); n++)
             bordered[n] = (unsigned char)(3 * (n % ers) + 50 * (n / ers));
     }
@@ -169,20 +188,24 @@ TEST(LevelPass, BrightMapChoosesCopyNormalOrFineKernelFromLevelTwoOn) {
     const std::pair<int, int> cases[] = {{0, -1},  {1, 0},   {9, 0},   {10, 20}, {39, 20},
                                          {40, 10}, {60, 6},  {80, 5},  {100, 4}, {120, 3},
                                          {140, 2}, {200, 2}, {201, 1}, {255, 1}};
-    for (auto [bright, period] : cases)
-        for (int level : {1, 2}) {  // level 1 ignores the map
-            LevelSetup t;
-            std::fill(t.map.begin(), t.map.end(), (unsigned char)bright);
-            t.a.level = level;
-            levelPass(2, t.a);
-            for (int j = 0; j < t.jMax; j++)
-                for (int i = 0; i < t.iMax; i++) {
-                    const bool fine = period > 0 && (i + j) % period == 0;
-                    const int dx = level == 1 ? -1 : period < 0 ? 0 : fine ? 1 : -1;
-                    EXPECT_EQ(t.at(i, j), t.src(i, j, dx))
-                        << "bright " << bright << " level " << level << " at " << i << "," << j;
-                }
-        }
+    for (bool plain : {true, false})  // both paths, each on its own
+        for (auto [bright, period] : cases)
+            for (int level : {1, 2}) {  // level 1 ignores the map
+                LevelSetup t;
+                std::fill(t.map.begin(), t.map.end(), (unsigned char)bright);
+                t.a.level = level;
+                usePlainPath = plain;
+                levelPass(2, t.a);
+                usePlainPath = false;
+                for (int j = 0; j < t.jMax; j++)
+                    for (int i = 0; i < t.iMax; i++) {
+                        const bool fine = period > 0 && (i + j) % period == 0;
+                        const int dx = level == 1 ? -1 : period < 0 ? 0 : fine ? 1 : -1;
+                        EXPECT_EQ(t.at(i, j), t.src(i, j, dx)) << "bright " << bright << " level "
+                                                               << level << " at " << i << "," << j
+                                                               << (plain ? " plain" : " SIMD");
+                    }
+            }
 }
 
 TEST(LevelPass, SameResultForAnyTeamSizeAndSmoothedAfterAllRows) {

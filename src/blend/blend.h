@@ -35,15 +35,19 @@ struct RawWeightsArgs {
 };
 // The reference: pixels [first, first + n), one at a time.
 void rawWeightPixels(const RawWeightsArgs &args, size_t first, size_t n);
-// Every pixel, vectorised across pixels (blend_hwy.cpp), with the
+namespace simd {
+// Every pixel, vectorised across pixels (exposure_weights_hwy.cpp), with the
 // reference's bytes and aborts.
-void rawWeightsFast(const RawWeightsArgs &args);
-// Every pixel, on the fast path or, when the switch asks, the reference.
+void rawWeights(const RawWeightsArgs &args);
+}  // namespace simd
+// Every pixel, on the SIMD path or, when the switch asks, the reference.
 void rawWeights(const RawWeightsArgs &args);
 
 // ---------------------------------------------------------------------------
 // Reconstruction (reconstruction.cpp)
 
+// Within the driver's limits: kMax at most 3, numLevels at most 2, spp at
+// most 3 (the per-thread scratch is sized for them).
 struct ReconstructionArgs {
     size_t rowIn;
     size_t imageStride;
@@ -94,22 +98,54 @@ inline void storeReconstructedSample(float fval, unsigned char *out, int byteDep
     }
 }
 
+// A detail sample's signed difference from max7, sharpened through sharpLUT
+// when sharpnessFactor is positive.
+inline float sharpenedDetail(const ReconstructionArgs &a, float imgVal) {
+    imgVal -= a.max7;
+    if (a.sharpnessFactor > 0.0f) imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
+    return imgVal;
+}
+
+// (r + g + b) / 3 of one 8-bit pixel, in integers.
+inline int pixelLuminance(const unsigned char *p) { return (p[0] + p[1] + p[2]) / 3; }
+
+// The dark-image reduction (highlight-preserving mode, kMax 2) of one pixel
+// at one level, in steps: the luminance that decides the dark merge, its
+// blend weight for thresholds 140..169, the two factors, and the whole
+// reduction of poidsLev[0..1] from the pixel's fused, dark and two smoothed
+// samples, which aborts with its report when both weights are 0. i is the
+// row's sample index of the pixel, as the report prints it.
+inline float darkMergeBlend(int threshold) { return (threshold - 140) / 30.0f; }
+int darkMergeLuminance(int threshold, int smoothLum0, int luminance0);
+float darkMergeFactor(int threshold, int darkMergeLum);
+float darkCutFactor(int darkCutLum);
+void darkImageReduction(int threshold, const unsigned char *fused, const unsigned char *dark,
+                        const unsigned char *smooth0, const unsigned char *smooth1, int i, int j,
+                        float *poidsLev);
+// A level's weights past 1 (or not a number): every weight is reported and
+// the process aborts.
+void checkLevelWeights(int kMax, const float *poidsLev);
+// The saturation step of one reconstructed RGB pixel: the host's HSL round
+// trip with the saturation scaled by satCoeff and capped at 1; skipped only
+// for a coefficient of exactly 0.
+void adjustSaturation(float satCoeff, float *fvals);
+
 // Row j's level entries (e = (numLevels - lev) * kMax + k): the samples added
 // to the sum, the samples its weights are judged by, and its weight plane.
 void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned char **images,
                               unsigned char **smoothed, unsigned char **poids);
 
 // ---------------------------------------------------------------------------
-// Fast weights/reconstruction (fast_weights.cpp)
+// SIMD reconstruction (reconstruction_hwy.cpp)
 
-// Whether reconstructRowsFast covers these arguments (8-bit input and
-// weights, three samples, at most three images, no debug dumps).
-bool fastReconstructionCovers(const ReconstructionArgs &args);
+namespace simd {
+// Whether reconstructRows covers these arguments (8-bit input and weights,
+// three samples, at most three images, no debug dumps).
+bool reconstructionCovers(const ReconstructionArgs &args);
 // Output rows [rowBegin, rowEnd) of the reconstruction, vectorised across the
 // pixels of a row, with the per-pixel code's bytes and aborts. False, with
 // nothing written, when its row buffers cannot be allocated.
-bool reconstructRowsFast(const ReconstructionArgs &args, int rowBegin, int rowEnd);
-
-// ---------------------------------------------------------------------------
+bool reconstructRows(const ReconstructionArgs &args, int rowBegin, int rowEnd);
+}  // namespace simd
 
 }  // namespace lumora

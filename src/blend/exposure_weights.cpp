@@ -111,7 +111,7 @@ void rawWeights(const RawWeightsArgs &args) {
     if (usePlainPath)
         rawWeightPixels(args, 0, (size_t)args.iMax * args.jMax);
     else
-        rawWeightsFast(args);
+        simd::rawWeights(args);
 }
 
 }  // namespace lumora

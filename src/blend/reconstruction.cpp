@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include <omp.h>
 
@@ -60,10 +59,14 @@ namespace {
 
 // The per-row pointers of one thread. Entry (numLevels - lev) * kMax + k
 // belongs to level lev of image k; the pointers walk along the row.
+// Fixed arrays, for the driver's at most three images and two levels above
+// the base: nothing is allocated inside the team.
+constexpr int MAX_IMAGES = 3;
+constexpr int MAX_ENTRIES = 3 * MAX_IMAGES;
 struct RowCursor {
-    std::vector<unsigned char *> images;    // samples added to the sum
-    std::vector<unsigned char *> smoothed;  // samples the weights are judged by
-    std::vector<unsigned char *> poids;     // weight plane
+    unsigned char *images[MAX_ENTRIES];    // samples added to the sum
+    unsigned char *smoothed[MAX_ENTRIES];  // samples the weights are judged by
+    unsigned char *poids[MAX_ENTRIES];     // weight plane
     unsigned char *src[2] = {nullptr, nullptr};  // fused and dark pixel (highlight mode)
 };
 
@@ -74,43 +77,38 @@ inline float readSample(const unsigned char *p, int byteDepth) {
     return (float)v;
 }
 
-// Weight of the dark image, lowered where the fused image is not bright
-// enough to need it, or where the dark image itself is very dark.
-void darkImageReduction(const ReconstructionArgs &a, const RowCursor &cur, int base, int i,
-                        int j, float *poidsLev) {
-    const unsigned char *fused = cur.src[0];
-    const unsigned char *dark = cur.src[1];
-    const unsigned char *smooth0 = cur.smoothed[base + 0];
-    const unsigned char *smooth1 = cur.smoothed[base + 1];
-    const int luminance0 = (fused[0] + fused[1] + fused[2]) / 3;
-    const int luminance1 = (dark[0] + dark[1] + dark[2]) / 3;
-    const int smoothLum0 = (smooth0[0] + smooth0[1] + smooth0[2]) / 3;
-    const int smoothLum1 = (smooth1[0] + smooth1[1] + smooth1[2]) / 3;
-    const int darkCutLum = smoothLum1;
-    const int threshold = a.darkMergeThreshold;
-    float factor1 = 1.0f;
-    float factor2 = 1.0f;
+}  // namespace
 
-    int darkMergeLum;
-    if (threshold <= 139) {
-        darkMergeLum = smoothLum0;
-    } else if (threshold < 170) {
-        const float f = (threshold - 140) / 30.0f;
-        darkMergeLum = (int)(smoothLum0 * (1 - f) + luminance0 * f);
-    } else {
-        darkMergeLum = luminance0;
-    }
+int darkMergeLuminance(int threshold, int smoothLum0, int luminance0) {
+    if (threshold <= 139) return smoothLum0;
+    if (threshold >= 170) return luminance0;
+    const float f = darkMergeBlend(threshold);
+    return (int)(smoothLum0 * (1 - f) + luminance0 * f);
+}
 
-    if (darkMergeLum <= 254 && threshold > 0) {
-        const int lower = threshold;
-        const float f = darkMergeLum < lower ? 0.0f : (darkMergeLum - lower) / (255.0f - lower);
-        const float f4 = f * f * f * f;
-        factor1 = (float)(1.0 - std::exp((double)(-10.0f * f4)));
-    }
-    if (darkCutLum <= 99) {
-        const float t = 1.0f - darkCutLum / 100.0f;
-        factor2 = 1.0f - t * t;
-    }
+float darkMergeFactor(int threshold, int darkMergeLum) {
+    if (darkMergeLum > 254 || threshold <= 0) return 1.0f;
+    const int lower = threshold;
+    const float f = darkMergeLum < lower ? 0.0f : (darkMergeLum - lower) / (255.0f - lower);
+    const float f4 = f * f * f * f;
+    return (float)(1.0 - std::exp((double)(-10.0f * f4)));
+}
+
+float darkCutFactor(int darkCutLum) {
+    if (darkCutLum > 99) return 1.0f;
+    const float t = 1.0f - darkCutLum / 100.0f;
+    return 1.0f - t * t;
+}
+
+void darkImageReduction(int threshold, const unsigned char *fused, const unsigned char *dark,
+                        const unsigned char *smooth0, const unsigned char *smooth1, int i, int j,
+                        float *poidsLev) {
+    const int luminance0 = pixelLuminance(fused);
+    const int luminance1 = pixelLuminance(dark);
+    const int smoothLum0 = pixelLuminance(smooth0);
+    const int darkCutLum = pixelLuminance(smooth1);
+    const float factor1 = darkMergeFactor(threshold, darkMergeLuminance(threshold, smoothLum0, luminance0));
+    const float factor2 = darkCutFactor(darkCutLum);
 
     if (poidsLev[0] == 0.0f && poidsLev[1] == 0.0f) {
         // Kept: the labels name the two luminances one off.
@@ -126,9 +124,34 @@ void darkImageReduction(const ReconstructionArgs &a, const RowCursor &cur, int b
     poidsLev[1] = poidsLev[1] / (poidsLev[1] + poidsLev[0]);
 }
 
+void checkLevelWeights(int kMax, const float *poidsLev) {
+    bool bad = false;
+    for (int k = 0; k < kMax; k++)
+        if (!(poidsLev[k] <= 1.0f)) bad = true;  // NaN counts as bad
+    if (bad) {
+        for (int k = 0; k < kMax; k++) std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
+        std::abort();
+    }
+    // A second guard, never reached after the report above.
+    for (int k = 0; k < kMax; k++) BF_ASSERT_IN(poidsLev[k] <= 1.0f, "hx_fusion2");
+}
+
+void adjustSaturation(float satCoeff, float *fvals) {
+    // The round trip runs for the neutral coefficient too; only a
+    // coefficient of exactly 0 skips it.
+    if (satCoeff == 0.0f) return;
+    float hsl[3];
+    frgb2hsl(fvals, hsl);
+    hsl[1] *= satCoeff;
+    if (hsl[1] > 1.0f) hsl[1] = 1.0f;
+    fhsl2rgb(hsl, fvals);
+}
+
+namespace {
+
 // Prepares the level entries of row j.
 void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
-    reconstructionRowEntries(a, j, cur.images.data(), cur.smoothed.data(), cur.poids.data());
+    reconstructionRowEntries(a, j, cur.images, cur.smoothed, cur.poids);
     if (a.fusionPreserveHighlights) {
         const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
         cur.src[0] = a.fusedResult + positIn;
@@ -139,15 +162,7 @@ void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
 // Saturation, channel order, clamping and the store of one pixel.
 void writePixel(const ReconstructionArgs &a, float *fvals, unsigned char *&out) {
     const int spp = a.spp;
-    if (spp == 3 && a.satCoeff != 0.0f) {
-        // The round trip runs for the neutral coefficient too; only a
-        // coefficient of exactly 0 skips it.
-        float hsl[3];
-        frgb2hsl(fvals, hsl);
-        hsl[1] *= a.satCoeff;
-        if (hsl[1] > 1.0f) hsl[1] = 1.0f;
-        fhsl2rgb(hsl, fvals);
-    }
+    if (spp == 3) adjustSaturation(a.satCoeff, fvals);
     for (int s = 0; s < spp; s++) {
         float fval = a.rgb2bgr ? fvals[spp - 1 - s] : fvals[s];
         if (a.byteDepthBpsIn == 1) {
@@ -170,22 +185,67 @@ void writePixel(const ReconstructionArgs &a, float *fvals, unsigned char *&out) 
     }
 }
 
-// Rows [rowBegin, rowEnd) of the output, with this thread's scratch.
-void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
+// Level lev's weights of the pixel starting at sample i of row j, into
+// poidsLev: read from the weight planes, reduced in highlight-preserving
+// mode, and checked. Moves the level's judged samples on by a pixel.
+void levelWeights(const ReconstructionArgs &a, RowCursor &cur, int lev, size_t i, int j,
+                  float *poidsLev) {
     const int kMax = a.kMax;
-    const int numLevels = a.numLevels;
-    const int spp = a.spp;
-    const int entries = (numLevels + 1) * kMax;
+    const int base = (a.numLevels - lev) * kMax;
     const int byteDepthIn = a.byteDepthBpsIn;
     const int bitDepthPoids = a.bitDepthPoids;  // named so that its check reads as written
+    if (byteDepthIn == 1) {
+        BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
+        for (int k = 0; k < kMax; k++) poidsLev[k] = *cur.poids[base + k] / 255.0f;
+    } else {
+        // 16-bit input: unreachable through hx_fusion2, which asserts 8-bit
+        // input, and not defined further; kept minimal: weights of the
+        // level's smoothed pixels, with a warning past 1.
+        unsigned short *smoothed16[MAX_IMAGES];
+        for (int k = 0; k < kMax; k++)
+            smoothed16[k] = reinterpret_cast<unsigned short *>(cur.smoothed[base + k]);
+        calculatePoids16Alt(kMax, smoothed16, a.coeffErreur, poidsLev);
+        const int poidsInt = (int)(poidsLev[0] * 255.0f);
+        if (poidsInt > 255)
+            std::fprintf(stderr, "---> poids=%f,%f poidsInt=%d!\n", poidsLev[0],
+                         kMax > 1 ? poidsLev[1] : 0.0f, poidsInt);
+    }
+    if (a.fusionPreserveHighlights)
+        darkImageReduction(a.darkMergeThreshold, cur.src[0], cur.src[1], cur.smoothed[base],
+                           cur.smoothed[base + 1], (int)i, j, poidsLev);
+    checkLevelWeights(kMax, poidsLev);
+    for (int k = 0; k < kMax; k++) cur.smoothed[base + k] += 3 * byteDepthIn;
+}
 
+// fval plus level lev's part of sample i: every image's sample (a detail
+// sharpened) times its weight. Moves the level's samples and, after a
+// pixel's third sample, its weights on.
+float addLevel(const ReconstructionArgs &a, RowCursor &cur, int lev, size_t i,
+               const float *poidsLev, float fval) {
+    const int base = (a.numLevels - lev) * a.kMax;
+    for (int k = 0; k < a.kMax; k++) {
+        const int e = base + k;
+        float imgVal = readSample(cur.images[e], a.byteDepthBpsIn);
+        cur.images[e] += a.byteDepthBpsIn;
+        const float poidsVal = poidsLev[k];
+        if (dbgTestImage) {
+            const int v = (int)(poidsVal * 256.0f);
+            *cur.poids[e] = (unsigned char)(v < 255 ? v : 255);
+        }
+        if (i % 3 == 2) cur.poids[e] += a.byteDepthPoids;
+        if (lev != a.numLevels) imgVal = sharpenedDetail(a, imgVal);
+        fval += imgVal * poidsVal;
+    }
+    return fval;
+}
+
+// Rows [rowBegin, rowEnd) of the output, with this thread's scratch.
+void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
+    const int spp = a.spp;
+    const int byteDepthIn = a.byteDepthBpsIn;
     RowCursor cur;
-    cur.images.resize(entries);
-    cur.smoothed.resize(entries);
-    cur.poids.resize(entries);
-    std::vector<float> poids(entries);
-    std::vector<float> fvals(spp > 3 ? spp : 3);
-    std::vector<unsigned short *> smoothed16(kMax);
+    float poids[MAX_ENTRIES];  // level lev's weights at poids + kMax * lev
+    float fvals[3];            // the pixel's samples
 
     for (int j = rowBegin; j < rowEnd; j++) {
         const size_t positIn = (size_t)a.iMax * j * spp * byteDepthIn;
@@ -195,64 +255,11 @@ void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
 
         for (size_t i = 0; i < a.rowIn; i++) {
             float fval = 0.0f;
-            for (int lev = numLevels; lev >= 0; lev--) {
-                const int base = (numLevels - lev) * kMax;
-                float *poidsLev = poids.data() + kMax * lev;
-
+            for (int lev = a.numLevels; lev >= 0; lev--) {
+                float *poidsLev = poids + a.kMax * lev;
                 // Weights once per pixel; the 3 is fixed, not spp.
-                if (i % 3 == 0) {
-                    if (byteDepthIn == 1) {
-                        BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
-                        for (int k = 0; k < kMax; k++)
-                            poidsLev[k] = *cur.poids[base + k] / 255.0f;
-                    } else {
-                        // 16-bit input: unreachable through hx_fusion2 and not
-                        // defined further; kept minimal: weights of the
-                        // level's smoothed pixels, with a warning past 1.
-                        for (int k = 0; k < kMax; k++)
-                            smoothed16[k] =
-                                reinterpret_cast<unsigned short *>(cur.smoothed[base + k]);
-                        calculatePoids16Alt(kMax, smoothed16.data(), a.coeffErreur, poidsLev);
-                        const int poidsInt = (int)(poidsLev[0] * 255.0f);
-                        if (poidsInt > 255)
-                            std::fprintf(stderr, "---> poids=%f,%f poidsInt=%d!\n", poidsLev[0],
-                                         kMax > 1 ? poidsLev[1] : 0.0f, poidsInt);
-                    }
-                    if (a.fusionPreserveHighlights)
-                        darkImageReduction(a, cur, base, (int)i, j, poidsLev);
-
-                    bool bad = false;
-                    for (int k = 0; k < kMax; k++)
-                        if (!(poidsLev[k] <= 1.0f)) bad = true;  // NaN counts as bad
-                    if (bad) {
-                        for (int k = 0; k < kMax; k++)
-                            std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
-                        std::abort();
-                    }
-                    for (int k = 0; k < kMax; k++)
-                        BF_ASSERT_IN(poidsLev[k] <= 1.0f, "hx_fusion2");
-
-                    for (int k = 0; k < kMax; k++) cur.smoothed[base + k] += 3 * byteDepthIn;
-                }
-
-                for (int k = 0; k < kMax; k++) {
-                    const int e = base + k;
-                    float imgVal = readSample(cur.images[e], byteDepthIn);
-                    cur.images[e] += byteDepthIn;
-                    const float poidsVal = poidsLev[k];
-                    if (dbgTestImage) {
-                        const int v = (int)(poidsVal * 256.0f);
-                        *cur.poids[e] = (unsigned char)(v < 255 ? v : 255);
-                    }
-                    if (i % 3 == 2) cur.poids[e] += a.byteDepthPoids;
-                    if (lev != numLevels) {
-                        imgVal -= a.max7;
-                        if (a.sharpnessFactor > 0.0f)
-                            imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
-                    }
-                    fval += imgVal * poidsVal;
-                }
-
+                if (i % 3 == 0) levelWeights(a, cur, lev, i, j, poidsLev);
+                fval = addLevel(a, cur, lev, i, poidsLev, fval);
                 if (dbgTestImage && byteDepthIn == 1)
                     a.results[lev * a.imageStride + positIn + i] = (unsigned char)(int)fval;
             }
@@ -263,7 +270,7 @@ void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
             }
             fvals[i % 3] = fval;
 
-            if ((int)(i % spp) == spp - 1) writePixel(a, fvals.data(), out);
+            if ((int)(i % spp) == spp - 1) writePixel(a, fvals, out);
         }
     }
 }
@@ -277,8 +284,8 @@ void reconstruct(int nbProc, const ReconstructionArgs &args) {
         staticBlock(args.jMax, omp_get_thread_num(), omp_get_num_threads(), &rowBegin, &rowEnd);
         // Short of memory for its row buffers, the fast path leaves the rows
         // to the per-pixel code, which needs none and writes the same bytes.
-        if (usePlainPath || !fastReconstructionCovers(args) ||
-            !reconstructRowsFast(args, rowBegin, rowEnd))
+        if (usePlainPath || !simd::reconstructionCovers(args) ||
+            !simd::reconstructRows(args, rowBegin, rowEnd))
             reconstructRows(args, rowBegin, rowEnd);
 
 #pragma omp barrier

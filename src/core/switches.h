@@ -6,8 +6,8 @@
 namespace lumora {
 
 // The hot loops exist twice: the plain per-pixel code, which reads like the
-// algorithm and is the reference, and a vectorised fast path that gives the
-// same bytes. The fast path runs by default; tests and benchmarks set this to
+// algorithm and is the reference, and a SIMD fast path that gives the same
+// bytes. The SIMD path runs by default; tests and benchmarks set this to
 // run the plain one. It is not a configuration: the library reads nothing but
 // its arguments.
 inline bool usePlainPath = false;
@@ -16,9 +16,11 @@ inline bool usePlainPath = false;
 // The library itself never sets it.
 inline bool keepFilledLabTable = false;
 
-// Output rows per band of colour planes in the vectorised level pass; 0
-// chooses by size (tests force tiny bands).
-extern int fastPassBandRows;
+namespace simd {
+// Output rows per band of colour planes in the SIMD level pass; 0 chooses
+// by size (tests force tiny bands).
+extern int levelPassBandRows;
+}  // namespace simd
 // Calls of getProposedLevelFactorImpl since process start.
 extern int proposedLevelFactorImplCalls;
 // Entries of the last vectorised CIELab fill that took the exact conversion.

@@ -54,6 +54,24 @@ void saveKernelImage(const KernelEntry *kernel, int numKernelEntries) {
     release(picture);
 }
 
+// The range weight of entry k, whose brightness is in its factor: by the
+// squared CIELab distance to the centre entry for three samples, by the
+// brightness difference otherwise.
+float rangeWeight(const KernelEntry &k, const KernelEntry &centre, float centreBrightness,
+                  int spp, const float *expLut) {
+    if (spp == 3) {
+        const float dL = k.L - centre.L;
+        const float dA = k.A - centre.A;
+        const float dB = k.B - centre.B;
+        float distSqd = dL * dL + dA * dA + dB * dB;
+        // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
+        if (distSqd >= (float)EXP_LUT_ENTRIES) distSqd = (float)(EXP_LUT_ENTRIES - 1);
+        return expLut[(int)distSqd];
+    }
+    // Kept: no clamp; a 16-bit difference can pass the table's end.
+    return expLut[(int)std::fabs(k.factor - centreBrightness)];
+}
+
 }  // namespace
 
 // logLut, rgbeExpLut and sigma are not read: the range sigma is baked into
@@ -99,6 +117,7 @@ void fusion2f(int iMax, int jMax, int sppx, int bps, int rowStride, ImageWithBor
                 k.B = lab.b;
             }
         } else {
+            // 16-bit levels: never passed by the fusion driver, kept for other callers.
             const unsigned short *p =
                 direct ? reinterpret_cast<unsigned short *>(img->image) + element
                        : reinterpret_cast<unsigned short *>(
@@ -113,18 +132,8 @@ void fusion2f(int iMax, int jMax, int sppx, int bps, int rowStride, ImageWithBor
     float kernelSum = 0.0f;
     for (int e = 0; e < numKernelEntries; e++) {
         KernelEntry &k = kernel[e];
-        float weight;
-        if (spp == 3) {
-            const float dL = k.L - centreEntry->L;
-            const float dA = k.A - centreEntry->A;
-            const float dB = k.B - centreEntry->B;
-            float distSqd = dL * dL + dA * dA + dB * dB;
-            if (distSqd >= 20000.0f) distSqd = 19999.0f;  // last entry of expLut
-            weight = spatialKernel[e].factor * expLut[(int)distSqd];
-        } else {
-            // Kept: no clamp; a 16-bit difference can pass the table's end.
-            weight = spatialKernel[e].factor * expLut[(int)std::fabs(k.factor - centreBrightness)];
-        }
+        const float weight = spatialKernel[e].factor *
+                             rangeWeight(k, *centreEntry, centreBrightness, spp, expLut);
         k.factor = weight;
         kernelSum = kernelSum + weight;
     }

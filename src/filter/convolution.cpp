@@ -42,6 +42,10 @@ void convolveFastSimple8(unsigned char *inImgPtr, unsigned char *outImgPtr, int 
     convolveDirect(inImgPtr, outImgPtr, spp, rowStride, numKernelEntries, bilateralKernel);
 }
 
+// The two functions below serve only 16-bit levels and images without a
+// built-in border, which the fusion driver never passes: kept for other
+// callers, off the live path.
+
 // kernelSize is not read either.
 void convolveFastSimple16(unsigned short *inImgPtr, unsigned short *outImgPtr, int spp,
                           int rowStride, float *logLut, float *unLogLut, int numKernelEntries,

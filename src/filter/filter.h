@@ -55,7 +55,6 @@ struct LevelPassArgs {
     int jMax;
     int physicalKernelSize;
     int halfKernelSize;
-    int kernelStep;
     int largestHalfKernelSize;
     int largestPhysicalKernelSize;
     int levelGaussOnly;
@@ -65,8 +64,34 @@ struct LevelPassArgs {
     int imageHasBorder;
 };
 // 0, or -4 when a thread's kernel buffer could not be allocated (then no row
-// is filtered).
+// is filtered). The pass runs the level's only thread team; the SIMD path,
+// where it covers the level, fills the rows the team hands it.
 int levelPass(int nbProc, const LevelPassArgs &args);
+
+// Whether a level consults the bright map: from level 2 on, when there is one.
+inline bool levelUsesBrightMap(const LevelPassArgs &a) {
+    return a.level != 1 && a.brightImage != nullptr;
+}
+
+// What the bright map asks of pixel (i, j) of a level that consults it.
+enum class KernelChoice : unsigned char { Copy, Normal, Fine };
+inline KernelChoice chooseKernel(int bright, int i, int j) {
+    if (bright == 0) return KernelChoice::Copy;
+    if (bright < 10) return KernelChoice::Normal;
+    if (bright > 200) return KernelChoice::Fine;
+    // Fine-kernel pixels lie on anti-diagonals whose period shrinks as the
+    // map gets brighter: 20 for 10..39 down to 2 for 140..200.
+    int d = bright / 20;
+    if (d == 0) d = 1;
+    const int period = (int)((1.0 / d) * 20.0);
+    return (i + j) % period == 0 ? KernelChoice::Fine : KernelChoice::Normal;
+}
+
+// Pixel (i, j) of an 8-bit level through the per-pixel functions: copied,
+// or fusion2f and convolveFastSimple8 with the chosen kernel. The reference
+// of both paths (the SIMD path sends it the pixels it does not vectorise).
+void filterPixel8(const LevelPassArgs &a, int i, int j, int externalBorderSpace,
+                  KernelEntry *bilateralKernel);
 
 // Level pyramid (pyramid.cpp).
 int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
@@ -77,14 +102,30 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
              unsigned char **outImageTower, unsigned char *outImage);
 
 // ---------------------------------------------------------------------------
-// Fast path (fast_filter.cpp)
+// SIMD path (level_pass_hwy.cpp)
 
-// The 8-bit level pass of an image with its border built in, vectorised
-// across neighbouring pixels of a row, with the plain pass's bytes. Returns
-// false, having written nothing, when it does not cover the case or cannot
-// get its working memory; the caller then runs the plain pass.
-bool fastLevelPass(int nbProc, const LevelPassArgs &args);
-// The instruction set the fast path runs on ("AVX3", "AVX2", ...).
-const char *fastPathTargetName();
+namespace simd {
+// One level's SIMD working state: the sample and CIELab planes of the
+// bordered copy, the kernels addressed in them and every thread's scratch.
+struct LevelPlan;
+// Built on the calling thread before the team starts, for a team of at most
+// nbProc threads. Null when the SIMD path does not cover the level (it takes
+// 8-bit one- and three-sample images with their border built in, guided by
+// themselves, and no debug dumps) or cannot get its memory: the plain pass
+// then runs.
+LevelPlan *planLevel(int nbProc, const LevelPassArgs &args);
+void releaseLevelPlan(LevelPlan *plan);
+// Output rows per band: the rows of a band read one load of the planes.
+int bandRows(const LevelPlan &plan);
+// The team loads the planes for the band from row j0 in steps: member t of
+// T does its share of each step, and the team meets at a barrier after it.
+int bandLoadSteps(const LevelPlan &plan, int j0);
+void loadBand(const LevelPlan &plan, int j0, int step, int t, int T);
+// Output row j of the band from j0, with thread t's scratch and its
+// per-pixel kernel buffer.
+void filterRow(const LevelPlan &plan, int j0, int j, int t, KernelEntry *bilateralKernel);
+// The instruction set the SIMD path runs on ("AVX3", "AVX2", ...).
+const char *targetName();
+}  // namespace simd
 
 }  // namespace lumora

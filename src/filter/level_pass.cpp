@@ -17,25 +17,11 @@
 #include "tables/tables.h"
 
 namespace lumora {
-namespace {
-
-// The bright map's choice for one pixel of a level that consults it.
-enum class KernelChoice { Copy, Normal, Fine };
-
-KernelChoice chooseKernel(int bright, int i, int j) {
-    if (bright == 0) return KernelChoice::Copy;
-    if (bright < 10) return KernelChoice::Normal;
-    if (bright > 200) return KernelChoice::Fine;
-    // Fine-kernel pixels lie on anti-diagonals whose period shrinks as the
-    // map gets brighter: 20 for 10..39 down to 2 for 140..200.
-    int d = bright / 20;
-    if (d == 0) d = 1;
-    const int period = (int)((1.0 / d) * 20.0);
-    return (i + j) % period == 0 ? KernelChoice::Fine : KernelChoice::Normal;
-}
 
 // Pixel (i, j) of an 8-bit level. The window's top-left sample and the
-// strides depend on whether the working image carries its border.
+// strides depend on whether the working image carries its border (it always
+// does when the pyramid calls; the other addressing serves the unbordered
+// mode below).
 void filterPixel8(const LevelPassArgs &a, int i, int j, int externalBorderSpace,
                   KernelEntry *bilateralKernel) {
     const bool bordered = a.imageHasBorder != 0;
@@ -54,8 +40,7 @@ void filterPixel8(const LevelPassArgs &a, int i, int j, int externalBorderSpace,
     }
 
     // The first level is never steered by the bright map.
-    const bool useMap = a.level != 1 && a.brightImage != nullptr;
-    const int bright = useMap ? a.brightImage[(size_t)j * a.iMax + i] : 1;
+    const int bright = levelUsesBrightMap(a) ? a.brightImage[(size_t)j * a.iMax + i] : 1;
     const KernelChoice choice = chooseKernel(bright, i, j);
 
     if (choice == KernelChoice::Copy) {
@@ -74,6 +59,12 @@ void filterPixel8(const LevelPassArgs &a, int i, int j, int externalBorderSpace,
              kernel, bilateralKernel);
     convolveFastSimple8(window, out, a.spp, inStride, a.logLut, a.unLogLut, n, bilateralKernel);
 }
+
+namespace {
+
+// Unreachable from the fusion driver, which passes 8-bit data with the
+// border built in: the 16-bit rows and the frame of an unbordered image
+// below are kept for callers that pass other images.
 
 // Pixel (i, j) of a 16-bit level: normal kernel only, no bright map.
 void filterPixel16(const LevelPassArgs &a, int i, int j, KernelEntry *bilateralKernel) {
@@ -111,8 +102,7 @@ void filterEdgePixel(const LevelPassArgs &a, int i, int j, KernelEntry *bilatera
                                    a.largestPhysicalKernelSize);
         return;
     }
-    const bool useMap = a.level != 1 && a.brightImage != nullptr;
-    const int bright = useMap ? a.brightImage[(size_t)j * a.iMax + i] : 0;
+    const int bright = levelUsesBrightMap(a) ? a.brightImage[(size_t)j * a.iMax + i] : 0;
     const bool fine = bright > 200;
     const int n = fine ? a.numFineKernelEntries : a.numKernelEntries;
     KernelEntry *kernel = fine ? a.spatialKernelFine : a.spatialKernel;
@@ -123,16 +113,67 @@ void filterEdgePixel(const LevelPassArgs &a, int i, int j, KernelEntry *bilatera
                                a.logLut, i, j, n, bilateralKernel, a.largestPhysicalKernelSize);
 }
 
+// The plain rows of the level, shared out by the team.
+void plainRows(const LevelPassArgs &a, KernelEntry *bilateralKernel) {
+    const int externalBorderSpace = a.imageHasBorder ? 0 : a.largestHalfKernelSize;
+    if (a.bps == 8) {
+#pragma omp for schedule(dynamic, 1) nowait
+        for (int j = externalBorderSpace; j < a.jMax - externalBorderSpace; j++)
+            for (int i = externalBorderSpace; i < a.iMax - externalBorderSpace; i++)
+                filterPixel8(a, i, j, externalBorderSpace, bilateralKernel);
+    } else {
+        // Kept: pixels closer than halfKernelSize to an edge are not written.
+#pragma omp for schedule(dynamic, 1) nowait
+        for (int j = a.halfKernelSize; j < a.jMax - a.halfKernelSize; j++)
+            for (int i = a.halfKernelSize; i < a.iMax - a.halfKernelSize; i++)
+                filterPixel16(a, i, j, bilateralKernel);
+    }
+    if (a.imageHasBorder) return;
+    const int e = externalBorderSpace;
+    // Top and bottom strips, column by column.
+#pragma omp for schedule(dynamic, 1) nowait
+    for (int i = 0; i < a.iMax; i++) {
+        for (int j = 0; j < e; j++) filterEdgePixel(a, i, j, bilateralKernel);
+        for (int j = a.jMax - e; j < a.jMax; j++) filterEdgePixel(a, i, j, bilateralKernel);
+    }
+    // Left and right strips of the remaining rows.
+#pragma omp for schedule(dynamic, 1) nowait
+    for (int j = e; j < a.jMax - e; j++) {
+        for (int i = 0; i < e; i++) filterEdgePixel(a, i, j, bilateralKernel);
+        for (int i = a.iMax - e; i < a.iMax; i++) filterEdgePixel(a, i, j, bilateralKernel);
+    }
+}
+
+// The SIMD rows of the level, band by band: the team loads a band's planes
+// together, then shares out its rows.
+void simdRows(const simd::LevelPlan &plan, int jMax, KernelEntry *bilateralKernel) {
+    const int t = omp_get_thread_num();
+    const int T = omp_get_num_threads();
+    const int band = simd::bandRows(plan);
+    for (int j0 = 0; j0 < jMax; j0 += band) {
+        const int steps = simd::bandLoadSteps(plan, j0);
+        for (int step = 0; step < steps; step++) {
+            simd::loadBand(plan, j0, step, t, T);
+#pragma omp barrier
+        }
+        // The loop's closing barrier keeps the planes until every row of
+        // the band is done.
+        const int j1 = std::min(j0 + band, jMax);
+#pragma omp for schedule(dynamic, 1)
+        for (int j = j0; j < j1; j++) simd::filterRow(plan, j0, j, t, bilateralKernel);
+    }
+}
+
 }  // namespace
 
 int levelPass(int nbProc, const LevelPassArgs &a) {
-    if (!usePlainPath && a.bps == 8 && a.imageHasBorder && fastLevelPass(nbProc, a)) return 0;
+    // Null (the plain rows) when the SIMD path does not cover the level or
+    // is short of memory: both give the same bytes.
+    simd::LevelPlan *plan = usePlainPath ? nullptr : simd::planLevel(nbProc, a);
     // Set by any thread that could not get its kernel buffer.
     std::atomic<bool> shortOfMemory{false};
 #pragma omp parallel num_threads(nbProc)
     {
-        const int externalBorderSpace = a.imageHasBorder ? 0 : a.largestHalfKernelSize;
-
         // Every thread builds its pixels' kernels in its own buffer. With rows
         // handed out dynamically a thread cannot leave its share to the others,
         // so when any thread is refused its buffer, the whole team skips the
@@ -145,35 +186,10 @@ int levelPass(int nbProc, const LevelPassArgs &a) {
         if (shortOfMemory.load()) {
             release(bilateralKernel);
         } else {
-            if (a.bps == 8) {
-#pragma omp for schedule(dynamic, 1) nowait
-                for (int j = externalBorderSpace; j < a.jMax - externalBorderSpace; j++)
-                    for (int i = externalBorderSpace; i < a.iMax - externalBorderSpace; i++)
-                        filterPixel8(a, i, j, externalBorderSpace, bilateralKernel);
-            } else {
-                // Kept: pixels closer than halfKernelSize to an edge are not written.
-#pragma omp for schedule(dynamic, 1) nowait
-                for (int j = a.halfKernelSize; j < a.jMax - a.halfKernelSize; j++)
-                    for (int i = a.halfKernelSize; i < a.iMax - a.halfKernelSize; i++)
-                        filterPixel16(a, i, j, bilateralKernel);
-            }
-
-            if (!a.imageHasBorder) {
-                const int e = externalBorderSpace;
-                // Top and bottom strips, column by column.
-#pragma omp for schedule(dynamic, 1) nowait
-                for (int i = 0; i < a.iMax; i++) {
-                    for (int j = 0; j < e; j++) filterEdgePixel(a, i, j, bilateralKernel);
-                    for (int j = a.jMax - e; j < a.jMax; j++) filterEdgePixel(a, i, j, bilateralKernel);
-                }
-                // Left and right strips of the remaining rows.
-#pragma omp for schedule(dynamic, 1) nowait
-                for (int j = e; j < a.jMax - e; j++) {
-                    for (int i = 0; i < e; i++) filterEdgePixel(a, i, j, bilateralKernel);
-                    for (int i = a.iMax - e; i < a.iMax; i++) filterEdgePixel(a, i, j, bilateralKernel);
-                }
-            }
-
+            if (plan != nullptr)
+                simdRows(*plan, a.jMax, bilateralKernel);
+            else
+                plainRows(a, bilateralKernel);
             release(bilateralKernel);
 #pragma omp barrier
             // Every member calls the smoothing, which shares its rows among them.
@@ -182,6 +198,7 @@ int levelPass(int nbProc, const LevelPassArgs &a) {
 #pragma omp barrier
         }
     }
+    simd::releaseLevelPlan(plan);
     return shortOfMemory.load() ? -4 : 0;
 }
 

@@ -1,12 +1,17 @@
-// Vectorised 8-bit level pass and 3x3 smoothing rows.
+// SIMD 8-bit level pass.
 //
 // The lanes of a vector are neighbouring pixels of one row, never the
 // entries of one pixel's kernel: every lane runs the per-pixel arithmetic of
 // fusion2f and convolveFastSimple8 operation for operation (separate
 // multiplies and adds, sums in entry order, IEEE division, truncating
 // conversions), so each pixel gets the very bytes of the per-pixel code.
-// Pixels that do not fill a vector, at the end of a row, go through the
-// per-pixel code itself.
+// The kernel choice is the per-pixel code's chooseKernel, and the pixels the
+// bright map copies and those that do not fill a vector, at the end of a
+// row, go through the per-pixel filterPixel8 itself.
+//
+// The level pass (level_pass.cpp) runs the thread team: this file plans the
+// level before the team starts, loads each band's planes in steps the team
+// shares, and fills the rows it is handed.
 //
 // So that an entry of neighbouring pixels lies in neighbouring memory, the
 // bordered working copy is split into planes: one plane of bytes per sample
@@ -22,10 +27,8 @@
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
 
-#ifndef LUMORA_FAST_FILTER_SHARED
-#define LUMORA_FAST_FILTER_SHARED
-
-#include <omp.h>
+#ifndef LUMORA_SIMD_LEVEL_PASS_SHARED
+#define LUMORA_SIMD_LEVEL_PASS_SHARED
 
 #include <algorithm>
 #include <cstddef>
@@ -39,13 +42,7 @@
 #include "tables/tables.h"
 
 namespace lumora {
-namespace fastpass {
-
-// What the bright map asks of a pixel.
-constexpr unsigned char CHOOSE_COPY = 0;
-constexpr unsigned char CHOOSE_NORMAL = 1;
-constexpr unsigned char CHOOSE_FINE = 2;
-constexpr unsigned char CHOOSE_PACKED = 3;  // fine, computed in the row's packed sweep
+namespace simd {
 
 // One sparse kernel addressed in the planes: entry e of the pixel whose
 // window origin is plane index p lies at p + offset[e].
@@ -56,7 +53,7 @@ struct KernelPlan {
     int centre;
 };
 
-// What every row of one level's fast pass reads.
+// What every row of one level's SIMD pass reads.
 struct Pass {
     const LevelPassArgs *args;
     const unsigned char *sample[3];  // one plane of bytes per sample
@@ -76,57 +73,18 @@ struct Scratch {
     float *acc;              // spp x block convolution sums
     int32_t *resultNormal;   // spp x block truncated sums, normal kernel
     int32_t *resultFine;     // likewise, fine kernel
-    unsigned char *choice;   // block kernel choices
+    KernelChoice *choice;    // block kernel choices
     unsigned char *need;     // 2 x block/lanes: vectors that need the normal / fine kernel
     int32_t *packed;         // row columns of the fine pixels computed packed
-    KernelEntry *kernel;     // the per-pixel code's kernel buffer
+    KernelEntry *kernel;     // the thread's kernel buffer for the per-pixel code
 };
-
-// The bright map's choice for pixel (i, j), as the plain pass makes it.
-inline unsigned char choiceOf(int bright, int i, int j) {
-    if (bright == 0) return CHOOSE_COPY;
-    if (bright < 10) return CHOOSE_NORMAL;
-    if (bright > 200) return CHOOSE_FINE;
-    int d = bright / 20;
-    if (d == 0) d = 1;
-    const int period = (int)((1.0 / d) * 20.0);
-    return (i + j) % period == 0 ? CHOOSE_FINE : CHOOSE_NORMAL;
-}
-
-// Pixel (i, j) through the per-pixel functions, exactly as the plain pass
-// treats an 8-bit pixel of a bordered image.
-inline void plainPixel(const Pass &p, int i, int j, KernelEntry *bilateralKernel) {
-    const LevelPassArgs &a = *p.args;
-    unsigned char *window = a.img->image + (size_t)j * a.extendedRowStride + (size_t)i * a.spp;
-    unsigned char *out = a.imgOutput + (size_t)j * a.rowStride + (size_t)i * a.spp;
-    if (a.levelGaussOnly) {
-        convolveFastSimple8(window, out, a.spp, a.extendedRowStride, a.logLut, a.unLogLut,
-                            a.numKernelEntries, a.spatialKernel);
-        return;
-    }
-    const int bright = p.useMap ? a.brightImage[(size_t)j * a.iMax + i] : 1;
-    const unsigned char choice = choiceOf(bright, i, j);
-    if (choice == CHOOSE_COPY) {
-        std::memcpy(out,
-                    window + (size_t)a.largestHalfKernelSize * a.extendedRowStride +
-                        (size_t)a.largestHalfKernelSize * a.spp,
-                    a.spp);
-        return;
-    }
-    const bool fine = choice == CHOOSE_FINE;
-    const int n = fine ? a.numFineKernelEntries : a.numKernelEntries;
-    KernelEntry *kernel = fine ? a.spatialKernelFine : a.spatialKernel;
-    fusion2f(a.iMax, a.jMax, a.filterSpp, a.filterBps, a.filterExtendedRowStride, a.filterImg,
-             a.expLut, a.logLut, a.rgbeExpLut, i, j, a.largestPhysicalKernelSize,
-             a.rangeKernelSigma, n, kernel, bilateralKernel);
-    convolveFastSimple8(window, out, a.spp, a.extendedRowStride, a.logLut, a.unLogLut, n,
-                        bilateralKernel);
-}
+constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
 
 // Rows [r0, r1) of the bordered colour copy into the planes, whose first
 // row is copy row `top`. The two zero rows of slack after the copy are
 // converted too: the per-pixel code can read them on small images, and it
-// reads bytes 0, 0, 0 there, so the planes hold 0 and labLUT[0][0][0].
+// reads bytes 0, 0, 0 there, so the planes hold 0 and labLUT[0][0][0]
+// (lab[0] null: a gauss-only level, no CIELab planes).
 inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
                         size_t width, int top, int r0, int r1) {
     const unsigned char *q = a.img->image + (size_t)r0 * width * 3;
@@ -155,10 +113,10 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
     }
 }
 
-}  // namespace fastpass
+}  // namespace simd
 }  // namespace lumora
 
-#endif  // LUMORA_FAST_FILTER_SHARED
+#endif  // LUMORA_SIMD_LEVEL_PASS_SHARED
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "filter/level_pass_hwy.cpp"
@@ -167,7 +125,7 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
 
 HWY_BEFORE_NAMESPACE();
 namespace lumora {
-namespace fastpass {
+namespace simd {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
@@ -221,15 +179,12 @@ HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, size
     return hn::GatherOffset(di, reinterpret_cast<const int32_t *>(plane + o * STRIDE), offset);
 }
 
-// Unnormalised bilateral weights (entry-major, block wide) and their sums.
-// Colour images weigh by the squared Lab distance to the centre entry,
-// clamped to the table; one-sample images by the brightness difference,
-// where brightness is the spatial weight plus the sample (the per-pixel code
-// starts its sum from the copied weight, and dividing by one sample changes
-// nothing).
-template <int SPP, bool PACKED>
-HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                             const unsigned char *need, const int32_t *idx, const Scratch &s) {
+// Unnormalised bilateral weights (entry-major, block wide) and their sums,
+// for colour images: by the squared Lab distance to the centre entry,
+// clamped to the table's last entry.
+template <bool PACKED>
+HWY_INLINE void LabWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
+                           const unsigned char *need, const int32_t *idx, const Scratch &s) {
     const DF df;
     const DI di;
     const size_t N = hn::Lanes(df);
@@ -237,75 +192,102 @@ HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, si
     const float *expLut = p.args->expLut;
     float *HWY_RESTRICT w = s.weights;
     float *HWY_RESTRICT sums = s.sums;
-    for (size_t x = 0; x < nv * N; x += N) hn::StoreU(hn::Zero(df), df, sums + x);
     const ptrdiff_t c = k.offset[k.centre];
     // Packed lanes gather their centre values once, into the free
     // convolution sums: per sample, centre[q * block + lane].
     float *HWY_RESTRICT centre = s.acc;
-    if constexpr (SPP == 3) {
-        const float *L = p.lab[0] + (base - p.origin);
-        const float *A = p.lab[1] + (base - p.origin);
-        const float *Bp = p.lab[2] + (base - p.origin);
-        if constexpr (PACKED)
-            for (size_t x = 0; x < nv * N; x += N) {
-                hn::StoreU(LoadLab<true>(L, c, x, idx), df, centre + x);
-                hn::StoreU(LoadLab<true>(A, c, x, idx), df, centre + B + x);
-                hn::StoreU(LoadLab<true>(Bp, c, x, idx), df, centre + 2 * B + x);
-            }
-        const auto limit = hn::Set(df, 20000.0f);
-        const auto lastEntry = hn::Set(df, 19999.0f);
-        for (int e = 0; e < k.n; e++) {
-            const ptrdiff_t o = k.offset[e];
-            const auto spatial = hn::Set(df, k.factor[e]);
-            for (size_t v = 0, x = 0; v < nv; v++, x += N) {
-                if (need != nullptr && !need[v]) continue;
-                hn::Vec<DF> dL, dA, dB;
-                if constexpr (PACKED) {
-                    dL = hn::Sub(LoadLab<true>(L, o, x, idx), hn::LoadU(df, centre + x));
-                    dA = hn::Sub(LoadLab<true>(A, o, x, idx), hn::LoadU(df, centre + B + x));
-                    dB = hn::Sub(LoadLab<true>(Bp, o, x, idx), hn::LoadU(df, centre + 2 * B + x));
-                } else {
-                    dL = hn::Sub(hn::LoadU(df, L + o + x), hn::LoadU(df, L + c + x));
-                    dA = hn::Sub(hn::LoadU(df, A + o + x), hn::LoadU(df, A + c + x));
-                    dB = hn::Sub(hn::LoadU(df, Bp + o + x), hn::LoadU(df, Bp + c + x));
-                }
-                // No fused multiply-add: each square is rounded, L and A first.
-                auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
-                dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
-                const auto range = hn::GatherIndex(df, expLut, hn::ConvertTo(di, dist));
-                const auto weight = hn::Mul(spatial, range);
-                hn::StoreU(weight, df, w + e * B + x);
-                hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
-            }
+    const float *L = p.lab[0] + (base - p.origin);
+    const float *A = p.lab[1] + (base - p.origin);
+    const float *Bp = p.lab[2] + (base - p.origin);
+    if constexpr (PACKED)
+        for (size_t x = 0; x < nv * N; x += N) {
+            hn::StoreU(LoadLab<true>(L, c, x, idx), df, centre + x);
+            hn::StoreU(LoadLab<true>(A, c, x, idx), df, centre + B + x);
+            hn::StoreU(LoadLab<true>(Bp, c, x, idx), df, centre + 2 * B + x);
         }
-    } else {
-        const unsigned char *S = p.sample[0] + (base - p.origin);
-        const auto centreSpatial = hn::Set(df, k.factor[k.centre]);
-        if constexpr (PACKED)
-            for (size_t x = 0; x < nv * N; x += N)
-                hn::StoreU(ByteOf<0>(GatherBytes<1>(S, c, x, idx)), df, centre + x);
-        for (int e = 0; e < k.n; e++) {
-            const ptrdiff_t o = k.offset[e];
-            const auto spatial = hn::Set(df, k.factor[e]);
-            for (size_t v = 0, x = 0; v < nv; v++, x += N) {
-                if (need != nullptr && !need[v]) continue;
-                hn::Vec<DF> centreSample, sample;
-                if constexpr (PACKED) {
-                    centreSample = hn::LoadU(df, centre + x);
-                    sample = ByteOf<0>(GatherBytes<1>(S, o, x, idx));
-                } else {
-                    centreSample = LoadSamples(S + c + x);
-                    sample = LoadSamples(S + o + x);
-                }
-                const auto centreBright = hn::Add(centreSpatial, centreSample);
-                const auto bright = hn::Add(spatial, sample);
-                const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
-                const auto weight = hn::Mul(spatial, hn::GatherIndex(df, expLut, index));
-                hn::StoreU(weight, df, w + e * B + x);
-                hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
+    // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
+    const auto limit = hn::Set(df, (float)EXP_LUT_ENTRIES);
+    const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
+    for (int e = 0; e < k.n; e++) {
+        const ptrdiff_t o = k.offset[e];
+        const auto spatial = hn::Set(df, k.factor[e]);
+        for (size_t v = 0, x = 0; v < nv; v++, x += N) {
+            if (need != nullptr && !need[v]) continue;
+            hn::Vec<DF> dL, dA, dB;
+            if constexpr (PACKED) {
+                dL = hn::Sub(LoadLab<true>(L, o, x, idx), hn::LoadU(df, centre + x));
+                dA = hn::Sub(LoadLab<true>(A, o, x, idx), hn::LoadU(df, centre + B + x));
+                dB = hn::Sub(LoadLab<true>(Bp, o, x, idx), hn::LoadU(df, centre + 2 * B + x));
+            } else {
+                dL = hn::Sub(hn::LoadU(df, L + o + x), hn::LoadU(df, L + c + x));
+                dA = hn::Sub(hn::LoadU(df, A + o + x), hn::LoadU(df, A + c + x));
+                dB = hn::Sub(hn::LoadU(df, Bp + o + x), hn::LoadU(df, Bp + c + x));
             }
+            // No fused multiply-add: each square is rounded, L and A first.
+            auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
+            dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
+            const auto range = hn::GatherIndex(df, expLut, hn::ConvertTo(di, dist));
+            const auto weight = hn::Mul(spatial, range);
+            hn::StoreU(weight, df, w + e * B + x);
+            hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
         }
     }
+}
+
+// The same for one-sample images: by the brightness difference, where
+// brightness is the spatial weight plus the sample (the per-pixel code starts
+// its sum from the copied weight, and dividing by one sample changes
+// nothing).
+template <bool PACKED>
+HWY_INLINE void GreyWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
+                            const unsigned char *need, const int32_t *idx, const Scratch &s) {
+    const DF df;
+    const DI di;
+    const size_t N = hn::Lanes(df);
+    const size_t B = (size_t)p.block;
+    const float *expLut = p.args->expLut;
+    float *HWY_RESTRICT w = s.weights;
+    float *HWY_RESTRICT sums = s.sums;
+    const ptrdiff_t c = k.offset[k.centre];
+    float *HWY_RESTRICT centre = s.acc;  // packed lanes' centre samples, as above
+    const unsigned char *S = p.sample[0] + (base - p.origin);
+    const auto centreSpatial = hn::Set(df, k.factor[k.centre]);
+    if constexpr (PACKED)
+        for (size_t x = 0; x < nv * N; x += N)
+            hn::StoreU(ByteOf<0>(GatherBytes<1>(S, c, x, idx)), df, centre + x);
+    for (int e = 0; e < k.n; e++) {
+        const ptrdiff_t o = k.offset[e];
+        const auto spatial = hn::Set(df, k.factor[e]);
+        for (size_t v = 0, x = 0; v < nv; v++, x += N) {
+            if (need != nullptr && !need[v]) continue;
+            hn::Vec<DF> centreSample, sample;
+            if constexpr (PACKED) {
+                centreSample = hn::LoadU(df, centre + x);
+                sample = ByteOf<0>(GatherBytes<1>(S, o, x, idx));
+            } else {
+                centreSample = LoadSamples(S + c + x);
+                sample = LoadSamples(S + o + x);
+            }
+            const auto centreBright = hn::Add(centreSpatial, centreSample);
+            const auto bright = hn::Add(spatial, sample);
+            const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
+            const auto weight = hn::Mul(spatial, hn::GatherIndex(df, expLut, index));
+            hn::StoreU(weight, df, w + e * B + x);
+            hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
+        }
+    }
+}
+
+template <int SPP, bool PACKED>
+HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
+                             const unsigned char *need, const int32_t *idx, const Scratch &s) {
+    const DF df;
+    for (size_t x = 0; x < nv * hn::Lanes(df); x += hn::Lanes(df))
+        hn::StoreU(hn::Zero(df), df, s.sums + x);
+    if constexpr (SPP == 3)
+        LabWeights<PACKED>(p, k, base, nv, need, idx, s);
+    else
+        GreyWeights<PACKED>(p, k, base, nv, need, idx, s);
 }
 
 // Convolution of the block's windows, per sample a single-precision sum in
@@ -378,99 +360,123 @@ HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t
 // quarters of them need it, and otherwise sends them to the packed sweep.
 inline bool fineOnAllLanes(size_t fine, size_t lanes) { return 4 * fine >= 3 * lanes; }
 
-template <int SPP>
-void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
+// The bright map's choice for the nv vectors of row j from column i0, into
+// s.choice, and which vectors need the normal and the fine kernel. The fine
+// pixels of sparse vectors join the row's packed list (packed entries so
+// far) instead of costing the wide kernel on every lane of their vector.
+HWY_INLINE void ChooseBlock(const Pass &p, int j, int i0, size_t nv, const Scratch &s,
+                            size_t &packed, bool &anyNormal, bool &anyFine) {
     const LevelPassArgs &a = *p.args;
     const size_t N = hn::Lanes(DF());
-    const int B = p.block;
-    unsigned char *outRow = a.imgOutput + (size_t)j * a.rowStride;
-    const size_t rowBase = (size_t)j * p.width;
-    const int covered = a.iMax / (int)N * (int)N;  // pixels in whole vectors
     unsigned char *needNormal = s.need;
-    unsigned char *needFine = s.need + B / N;
-    size_t packed = 0;  // the row's fine pixels left to the packed sweep
-    for (int i0 = 0; i0 < covered; i0 += B) {
-        const int count = std::min(B, covered - i0);
-        const size_t nv = (size_t)count / N;
-        const size_t base = rowBase + (size_t)i0;
-        unsigned char *out = outRow + (size_t)i0 * SPP;
-        bool anyNormal = true;
-        bool anyFine = false;
-        if (a.levelGaussOnly) {
-            Convolve<SPP, false>(p, p.normal, base, nv, nullptr, nullptr, true, s,
-                                 s.resultNormal);
-        } else {
-            if (p.useMap) {
-                const unsigned char *bright = a.brightImage + (size_t)j * a.iMax + i0;
-                anyNormal = false;
-                for (size_t v = 0; v < nv; v++) {
-                    needNormal[v] = 0;
-                    size_t fine = 0;
-                    for (size_t lane = v * N; lane < (v + 1) * N; lane++) {
-                        s.choice[lane] = choiceOf(bright[lane], i0 + (int)lane, j);
-                        needNormal[v] |= s.choice[lane] == CHOOSE_NORMAL;
-                        fine += s.choice[lane] == CHOOSE_FINE;
-                    }
-                    // Sparse fine pixels (the anti-diagonals) go to the
-                    // packed sweep instead of costing the wide kernel on
-                    // every lane of their vector.
-                    needFine[v] = fineOnAllLanes(fine, N);
-                    if (fine != 0 && !needFine[v])
-                        for (size_t lane = v * N; lane < (v + 1) * N; lane++)
-                            if (s.choice[lane] == CHOOSE_FINE) {
-                                s.choice[lane] = CHOOSE_PACKED;
-                                s.packed[packed++] = i0 + (int32_t)lane;
-                            }
-                    anyNormal |= needNormal[v] != 0;
-                    anyFine |= needFine[v] != 0;
-                }
-            }
-            if (anyNormal) {
-                const unsigned char *need = p.useMap ? needNormal : nullptr;
-                RangeWeights<SPP, false>(p, p.normal, base, nv, need, nullptr, s);
-                Convolve<SPP, false>(p, p.normal, base, nv, need, nullptr, false, s,
-                                     s.resultNormal);
-            }
-            if (anyFine) {
-                RangeWeights<SPP, false>(p, p.fine, base, nv, needFine, nullptr, s);
-                Convolve<SPP, false>(p, p.fine, base, nv, needFine, nullptr, false, s,
-                                     s.resultFine);
-            }
+    unsigned char *needFine = s.need + p.block / N;
+    const unsigned char *bright = a.brightImage + (size_t)j * a.iMax + i0;
+    anyNormal = anyFine = false;
+    for (size_t v = 0; v < nv; v++) {
+        size_t fine = 0;
+        needNormal[v] = 0;
+        for (size_t lane = v * N; lane < (v + 1) * N; lane++) {
+            s.choice[lane] = chooseKernel(bright[lane], i0 + (int)lane, j);
+            needNormal[v] |= s.choice[lane] == KernelChoice::Normal;
+            fine += s.choice[lane] == KernelChoice::Fine;
         }
-        for (int px = 0; px < count; px++) {
-            const unsigned char choice = p.useMap ? s.choice[px] : CHOOSE_NORMAL;
-            unsigned char *o = out + (size_t)px * SPP;
-            if (choice == CHOOSE_PACKED) continue;
-            if (choice == CHOOSE_COPY) {
-                // The per-pixel code's copy: window origin moved by the
-                // larger half kernel in both directions.
-                const unsigned char *self =
-                    a.img->image + (size_t)(j + a.largestHalfKernelSize) * a.extendedRowStride +
-                    (size_t)(i0 + px + a.largestHalfKernelSize) * SPP;
-                std::memcpy(o, self, SPP);
-                continue;
-            }
-            // Low 8 bits of the truncated sum, no clamping, as the per-pixel
-            // store does (a white area whose weights sum above 1 wraps).
-            const int32_t *result = choice == CHOOSE_FINE ? s.resultFine : s.resultNormal;
-            for (int q = 0; q < SPP; q++) o[q] = (unsigned char)result[q * B + px];
-        }
+        needFine[v] = fineOnAllLanes(fine, N);
+        if (fine != 0 && !needFine[v])
+            for (size_t lane = v * N; lane < (v + 1) * N; lane++)
+                if (s.choice[lane] == KernelChoice::Fine) s.packed[packed++] = i0 + (int32_t)lane;
+        anyNormal |= needNormal[v] != 0;
+        anyFine |= needFine[v] != 0;
     }
-    // The packed sweep, a block at a time; the last vector repeats its last
-    // pixel. Lane x stands for column packed[x] of the row.
+}
+
+// The convolution sums of the nv vectors of a block from plane index base:
+// gauss-only levels with the normal kernel as it is; filtered levels with
+// the bilateral weights of the kernels their vectors need (all vectors the
+// normal one when the level does not consult the map).
+template <int SPP>
+HWY_INLINE void FilterBlock(const Pass &p, size_t base, size_t nv, const Scratch &s,
+                            bool anyNormal, bool anyFine) {
+    const size_t N = hn::Lanes(DF());
+    if (p.args->levelGaussOnly) {
+        Convolve<SPP, false>(p, p.normal, base, nv, nullptr, nullptr, true, s, s.resultNormal);
+        return;
+    }
+    if (anyNormal) {
+        const unsigned char *need = p.useMap ? s.need : nullptr;
+        RangeWeights<SPP, false>(p, p.normal, base, nv, need, nullptr, s);
+        Convolve<SPP, false>(p, p.normal, base, nv, need, nullptr, false, s, s.resultNormal);
+    }
+    if (anyFine) {
+        const unsigned char *need = s.need + p.block / N;
+        RangeWeights<SPP, false>(p, p.fine, base, nv, need, nullptr, s);
+        Convolve<SPP, false>(p, p.fine, base, nv, need, nullptr, false, s, s.resultFine);
+    }
+}
+
+// The block's count output pixels of row j from column i0: copied pixels
+// through the per-pixel code, packed ones left to the sweep, the others the
+// low 8 bits of their truncated sums, no clamping, as the per-pixel store
+// does (a white area whose weights sum above 1 wraps).
+template <int SPP>
+HWY_INLINE void StoreBlock(const Pass &p, int j, int i0, int count, const Scratch &s) {
+    const LevelPassArgs &a = *p.args;
+    const size_t N = hn::Lanes(DF());
+    const unsigned char *needFine = s.need + p.block / N;
+    unsigned char *out = a.imgOutput + (size_t)j * a.rowStride + (size_t)i0 * SPP;
+    for (int px = 0; px < count; px++) {
+        const KernelChoice choice = p.useMap ? s.choice[px] : KernelChoice::Normal;
+        if (choice == KernelChoice::Copy) {
+            filterPixel8(a, i0 + px, j, 0, s.kernel);
+            continue;
+        }
+        const bool fine = choice == KernelChoice::Fine;
+        if (fine && !needFine[px / N]) continue;  // in the packed sweep
+        const int32_t *result = fine ? s.resultFine : s.resultNormal;
+        for (int q = 0; q < SPP; q++) out[(size_t)px * SPP + q] = (unsigned char)result[q * p.block + px];
+    }
+}
+
+// The row's packed fine pixels, a block at a time; the last vector repeats
+// its last pixel. Lane x stands for column packed[x] of the row.
+template <int SPP>
+HWY_INLINE void PackedSweep(const Pass &p, int j, size_t packed, const Scratch &s) {
+    const LevelPassArgs &a = *p.args;
+    const size_t N = hn::Lanes(DF());
+    const size_t B = (size_t)p.block;
+    unsigned char *outRow = a.imgOutput + (size_t)j * a.rowStride;
     if (packed != 0)
         for (size_t x = packed; x % N != 0; x++) s.packed[x] = s.packed[packed - 1];
-    for (size_t first = 0; first < packed; first += (size_t)B) {
-        const size_t count = std::min((size_t)B, packed - first);
+    for (size_t first = 0; first < packed; first += B) {
+        const size_t count = std::min(B, packed - first);
         const size_t np = (count + N - 1) / N;
         const int32_t *idx = s.packed + first;
+        const size_t rowBase = (size_t)j * p.width;
         RangeWeights<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, s);
         Convolve<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, false, s, s.resultFine);
         for (size_t x = 0; x < count; x++)
             for (int q = 0; q < SPP; q++)
                 outRow[(size_t)idx[x] * SPP + q] = (unsigned char)s.resultFine[q * B + x];
     }
-    for (int i = covered; i < a.iMax; i++) plainPixel(p, i, j, s.kernel);
+}
+
+// Row j: blocks of whole vectors, then the packed sweep, then the pixels
+// that do not fill a vector through the per-pixel code.
+template <int SPP>
+void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
+    const LevelPassArgs &a = *p.args;
+    const int N = (int)hn::Lanes(DF());
+    const int covered = a.iMax / N * N;  // pixels in whole vectors
+    size_t packed = 0;
+    for (int i0 = 0; i0 < covered; i0 += p.block) {
+        const int count = std::min(p.block, covered - i0);
+        const size_t nv = (size_t)(count / N);
+        bool anyNormal = true, anyFine = false;
+        if (p.useMap) ChooseBlock(p, j, i0, nv, s, packed, anyNormal, anyFine);
+        FilterBlock<SPP>(p, (size_t)j * p.width + (size_t)i0, nv, s, anyNormal, anyFine);
+        StoreBlock<SPP>(p, j, i0, count, s);
+    }
+    PackedSweep<SPP>(p, j, packed, s);
+    for (int i = covered; i < a.iMax; i++) filterPixel8(a, i, j, 0, s.kernel);
 }
 
 void FilterRow(const Pass &p, int j, const Scratch &s) {
@@ -481,13 +487,13 @@ void FilterRow(const Pass &p, int j, const Scratch &s) {
 }
 
 }  // namespace HWY_NAMESPACE
-}  // namespace fastpass
+}  // namespace simd
 }  // namespace lumora
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace lumora {
-namespace fastpass {
+namespace simd {
 
 HWY_EXPORT(FloatLanes);
 HWY_EXPORT(TargetName);
@@ -500,19 +506,46 @@ constexpr size_t BLOCK_WEIGHT_BYTES = 128 * 1024;
 // Bytes of colour planes one band aims at, its shared rows included.
 constexpr size_t BAND_PLANE_BYTES = 96u << 20;
 
+int levelPassBandRows = 0;
 
-}  // namespace fastpass
+const char *targetName() { return HWY_DYNAMIC_DISPATCH(TargetName)(); }
 
-int fastPassBandRows = 0;
+// Sizes of one level's SIMD pass.
+struct Layout {
+    size_t lanes;        // floats per vector of the chosen instruction set
+    size_t width;        // pixels per row of the bordered copy
+    int rows;            // rows of the copy and the two rows of slack after it
+    int nNormal, nFine;  // entries of the kernels in use (nFine 0 without the map)
+    size_t vectors;      // vectors per block
+    size_t pieces[SCRATCH_PIECES];  // bytes of each piece of a thread's scratch
+    size_t threadBytes;  // bytes of a thread's scratch
+    int reachUp, reachDown;  // copy rows above and below a band's output rows its kernels read
+    int bandRows;        // output rows per band
+    size_t planeSize;    // pixels per plane
+    bool lab;            // CIELab planes: a filtered colour level
+    bool useMap;         // the bright map steers the kernels
+};
 
-const char *fastPathTargetName() { return HWY_DYNAMIC_DISPATCH(fastpass::TargetName)(); }
+struct LevelPlan {
+    const LevelPassArgs *args;
+    Layout layout;
+    Pass pass;                 // planes' origin at copy row 0
+    unsigned char *sample[3];  // the planes, writable
+    float *lab[3];
+    unsigned char *samples;    // the blocks behind them
+    float *labPlanes;
+    ptrdiff_t *offsets;
+    float *factors;
+    unsigned char *scratch;    // every thread's Scratch pieces
+    void (*filterRow)(const Pass &, int, const Scratch &);
+};
 
+namespace {
 
-bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
-    using namespace fastpass;
-    // Covered: 8-bit one- and three-sample images with their border built
-    // in, guided by themselves. The debug dump of fusion2f stays with the
-    // per-pixel code.
+// Covered: 8-bit one- and three-sample images with their border built in,
+// guided by themselves. The debug dump of fusion2f stays with the per-pixel
+// code.
+bool covers(const LevelPassArgs &a) {
     if (a.bps != 8 || !a.imageHasBorder || !a.img->mainImageHasBorders || dbgTestImage)
         return false;
     if (a.spp != 1 && a.spp != 3) return false;
@@ -520,183 +553,220 @@ bool fastLevelPass(int nbProc, const LevelPassArgs &a) {
         a.filterExtendedRowStride != a.extendedRowStride)
         return false;
     if (a.iMax <= 0 || a.jMax <= 0 || a.extendedRowStride % a.spp != 0) return false;
-    const bool lab = !a.levelGaussOnly && a.spp == 3;
-    if (lab && labLUT == nullptr) return false;
-    const bool useMap = !a.levelGaussOnly && a.level != 1 && a.brightImage != nullptr;
-    if (a.numKernelEntries < 1 || (useMap && a.numFineKernelEntries < 1)) return false;
+    if (!a.levelGaussOnly && a.spp == 3 && labLUT == nullptr) return false;
+    const bool useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
+    return a.numKernelEntries >= 1 && (!useMap || a.numFineKernelEntries >= 1);
+}
 
-    // Choose the instruction set first: the lane count and the row function
-    // must come from the same one.
-    const size_t N = HWY_DYNAMIC_DISPATCH(FloatLanes)();
-    const auto filterRow = HWY_DYNAMIC_DISPATCH(FilterRow);
+// Copy rows a band of output rows [j0, j1) reads through the planes:
+// [j0 - reachUp, j1 + reachDown), from the kernels' extreme entries (the
+// last vector of a row may run one row on).
+void reachOf(const LevelPassArgs &a, Layout &l) {
+    ptrdiff_t lowest = 0, highest = 0;
+    const ptrdiff_t width = (ptrdiff_t)l.width;
+    for (int e = 0; e < l.nNormal + l.nFine; e++) {
+        const KernelEntry &k = e < l.nNormal ? a.spatialKernel[e] : a.spatialKernelFine[e - l.nNormal];
+        const ptrdiff_t o = (ptrdiff_t)k.ypos * width + k.xpos;
+        lowest = std::min(lowest, o);
+        highest = std::max(highest, o);
+    }
+    l.reachUp = (int)((-lowest + width - 1) / width);
+    l.reachDown = (int)(highest / width) + 1;
+}
 
-    const size_t width = (size_t)(a.extendedRowStride / a.spp);
-    // The copy's rows plus the two rows of slack createOutsideImageBorders
-    // leaves after them.
-    const int rows = a.jMax + 2 * a.img->borderWidth + 2;
-    const int nNormal = a.numKernelEntries;
-    const int nFine = useMap ? a.numFineKernelEntries : 0;
-    const int nMax = std::max(std::max(nNormal, nFine), 1);
-    const int team = std::max(nbProc, 1);
-    const size_t kernelCapacity =
-        (size_t)std::max(std::max(a.numKernelEntries, a.numFineKernelEntries), 1);
+// One-sample copies are their own plane: a single band. Colour bands keep
+// their planes near BAND_PLANE_BYTES, but at least 64 output rows, so the
+// shared rows are not moved too often and the team has rows enough to share.
+int bandRowsOf(const LevelPassArgs &a, const Layout &l, int team) {
+    if (a.spp != 3) return a.jMax;
+    const size_t pixelBytes = l.lab ? 3 + 3 * sizeof(float) : 3;
+    const long fit = (long)(BAND_PLANE_BYTES / (l.width * pixelBytes)) - l.reachUp - l.reachDown;
+    const int rows = levelPassBandRows > 0 ? levelPassBandRows
+                                           : (int)std::max<long>(fit, std::max(64, 4 * team));
+    return std::min(rows, a.jMax);
+}
+
+Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
+    Layout l{};
+    l.lanes = lanes;
+    l.width = (size_t)(a.extendedRowStride / a.spp);
+    l.rows = a.jMax + 2 * a.img->borderWidth + 2;
+    l.lab = !a.levelGaussOnly && a.spp == 3;
+    l.useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
+    l.nNormal = a.numKernelEntries;
+    l.nFine = l.useMap ? a.numFineKernelEntries : 0;
+    const int nMax = std::max(std::max(l.nNormal, l.nFine), 1);
     // Pixels per block: as many whole vectors as keep one block's weights
     // within BLOCK_WEIGHT_BYTES, at most 64 vectors.
-    const size_t vectors =
-        std::clamp<size_t>(BLOCK_WEIGHT_BYTES / (nMax * N * sizeof(float)), 1, 64);
-    const size_t block = vectors * N;
+    l.vectors = std::clamp<size_t>(BLOCK_WEIGHT_BYTES / (nMax * lanes * sizeof(float)), 1, 64);
+    const size_t block = l.vectors * lanes;
     // Per thread, each piece rounded up to 64 bytes: weights, sums,
     // convolution sums, two result blocks, choices, the two need lists and
     // a row of packed columns (padded to whole vectors).
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
-    const size_t pieces[8] = {round64(nMax * block * sizeof(float)),
-                              round64(block * sizeof(float)),
-                              round64(a.spp * block * sizeof(float)),
-                              round64(a.spp * block * sizeof(int32_t)),
-                              round64(a.spp * block * sizeof(int32_t)),
-                              round64(block),
-                              round64(2 * vectors),
-                              round64(((size_t)a.iMax + N) * sizeof(int32_t))};
-    size_t threadBytes = 0;
-    for (size_t piece : pieces) threadBytes += piece;
-
-    // Copy rows a band of output rows [j0, j1) reads through the planes:
-    // [j0 - reachUp, j1 + reachDown), from the kernels' extreme entries (the
-    // last vector of a row may run one row on).
-    ptrdiff_t lowest = 0, highest = 0;
-    for (int e = 0; e < nNormal + nFine; e++) {
-        const KernelEntry &k = e < nNormal ? a.spatialKernel[e] : a.spatialKernelFine[e - nNormal];
-        const ptrdiff_t o = (ptrdiff_t)k.ypos * (ptrdiff_t)width + k.xpos;
-        lowest = std::min(lowest, o);
-        highest = std::max(highest, o);
-    }
-    const int reachUp = (int)((-lowest + (ptrdiff_t)width - 1) / (ptrdiff_t)width);
-    const int reachDown = (int)(highest / (ptrdiff_t)width) + 1;
-    // One-sample copies are their own plane: a single band. Colour bands
-    // keep their planes near BAND_PLANE_BYTES, but at least 64 output rows,
-    // so the shared rows are not moved too often and the team has rows
-    // enough to share.
-    int bandRows = a.jMax;
-    if (a.spp == 3) {
-        const size_t pixelBytes = lab ? 3 + 3 * sizeof(float) : 3;
-        const long fit = (long)(BAND_PLANE_BYTES / (width * pixelBytes)) - reachUp - reachDown;
-        bandRows = fastPassBandRows > 0 ? fastPassBandRows
-                                        : (int)std::max<long>(fit, std::max(64, 4 * team));
-        bandRows = std::min(bandRows, a.jMax);
-    }
-    const int planeRows = std::min(rows, bandRows + reachUp + reachDown);
-    const size_t planeSize = width * (size_t)planeRows;
-
-    bool done = false;
-    // A one-sample copy is its own sample plane; a colour copy is split
-    // into three, plus L, A and B when its level is filtered.
-    unsigned char *samples = nullptr;
-    float *labPlanes = nullptr;
-    if (a.spp == 3) samples = static_cast<unsigned char *>(allocate(planeSize * 3));
-    if (lab) labPlanes = static_cast<float *>(allocate(planeSize * 3 * sizeof(float)));
-    ptrdiff_t *offsets =
-        static_cast<ptrdiff_t *>(allocate((size_t)(nNormal + nFine + 1) * sizeof(ptrdiff_t)));
-    float *factors =
-        static_cast<float *>(allocate((size_t)(nNormal + nFine + 1) * sizeof(float)));
-    unsigned char *scratch = static_cast<unsigned char *>(allocate(threadBytes * team));
-    KernelEntry *kernels =
-        static_cast<KernelEntry *>(allocate(kernelCapacity * team * sizeof(KernelEntry)));
-    if ((a.spp == 3 && samples == nullptr) || (lab && labPlanes == nullptr) || offsets == nullptr ||
-        factors == nullptr || scratch == nullptr || kernels == nullptr)
-        goto cleanup;
-
-    {
-        Pass p;
-        p.args = &a;
-        unsigned char *sample[3] = {a.img->image, nullptr, nullptr};
-        float *labPlane[3] = {};
-        for (int q = 0; q < 3 && a.spp == 3; q++) sample[q] = samples + planeSize * q;
-        for (int q = 0; q < 3 && lab; q++) labPlane[q] = labPlanes + planeSize * q;
-        for (int q = 0; q < 3; q++) {
-            p.sample[q] = sample[q];
-            p.lab[q] = labPlane[q];
-        }
-        p.width = width;
-        p.origin = 0;
-        p.useMap = useMap;
-        p.block = (int)block;
-        const auto plan = [&](KernelPlan &k, const KernelEntry *kernel, int n, int first) {
-            for (int e = 0; e < n; e++) {
-                offsets[first + e] = (ptrdiff_t)kernel[e].ypos * (ptrdiff_t)width + kernel[e].xpos;
-                factors[first + e] = kernel[e].factor;
-            }
-            k = {offsets + first, factors + first, n, n / 2};
-        };
-        plan(p.normal, a.spatialKernel, nNormal, 0);
-        plan(p.fine, a.spatialKernelFine, nFine, nNormal);
-
-#pragma omp parallel num_threads(nbProc)
-        {
-            const int t = omp_get_thread_num();
-            const int T = omp_get_num_threads();
-            unsigned char *mine = scratch + threadBytes * t;
-            unsigned char *piece[8];
-            for (int q = 0; q < 8; q++) {
-                piece[q] = mine;
-                mine += pieces[q];
-            }
-            Scratch s;
-            s.weights = reinterpret_cast<float *>(piece[0]);
-            s.sums = reinterpret_cast<float *>(piece[1]);
-            s.acc = reinterpret_cast<float *>(piece[2]);
-            s.resultNormal = reinterpret_cast<int32_t *>(piece[3]);
-            s.resultFine = reinterpret_cast<int32_t *>(piece[4]);
-            s.choice = piece[5];
-            s.need = piece[6];
-            s.packed = reinterpret_cast<int32_t *>(piece[7]);
-            s.kernel = kernels + kernelCapacity * t;
-            Pass band = p;
-            int top = 0, bottom = 0;  // copy rows the planes hold
-            for (int j0 = 0; j0 < a.jMax; j0 += bandRows) {
-                const int j1 = std::min(j0 + bandRows, a.jMax);
-                if (a.spp == 3) {
-                    const int lo = std::max(0, j0 - reachUp);
-                    const int hi = std::min(rows, j1 + reachDown);
-                    // Rows [lo, bottom) are held already, `shift` rows
-                    // down; they move up in pieces no longer than the
-                    // shift, so no piece overwrites rows still to move.
-                    const int kept = std::max(0, bottom - lo);
-                    const int shift = lo - top;
-                    for (int c0 = 0; shift > 0 && c0 < kept; c0 += shift) {
-                        int r0, r1;
-                        staticBlock(std::min(shift, kept - c0), t, T, &r0, &r1);
-                        moveRows(sample, labPlane, width, shift, c0 + r0, c0 + r1);
-#pragma omp barrier
-                    }
-                    int r0, r1;
-                    staticBlock(hi - lo - kept, t, T, &r0, &r1);
-                    convertRows(a, sample, labPlane, width, lo, lo + kept + r0, lo + kept + r1);
-                    top = lo;
-                    bottom = hi;
-                    band.origin = (size_t)lo * width;
-#pragma omp barrier
-                }
-                // The loop's closing barrier keeps the planes until every
-                // row of the band is done.
-#pragma omp for schedule(dynamic, 1)
-                for (int j = j0; j < j1; j++) filterRow(band, j, s);
-            }
-            // Every member calls the smoothing, which shares its rows among them.
-            if (a.level > 0) smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
-#pragma omp barrier
-        }
-    }
-    done = true;
-
-cleanup:
-    release(samples);
-    release(labPlanes);
-    release(offsets);
-    release(factors);
-    release(scratch);
-    release(kernels);
-    return done;
+    const size_t sizes[SCRATCH_PIECES] = {nMax * block * sizeof(float),
+                                          block * sizeof(float),
+                                          a.spp * block * sizeof(float),
+                                          a.spp * block * sizeof(int32_t),
+                                          a.spp * block * sizeof(int32_t),
+                                          block * sizeof(KernelChoice),
+                                          2 * l.vectors,
+                                          ((size_t)a.iMax + lanes) * sizeof(int32_t)};
+    for (int q = 0; q < SCRATCH_PIECES; q++) l.threadBytes += l.pieces[q] = round64(sizes[q]);
+    reachOf(a, l);
+    l.bandRows = bandRowsOf(a, l, std::max(nbProc, 1));
+    l.planeSize = l.width * (size_t)std::min(l.rows, l.bandRows + l.reachUp + l.reachDown);
+    return l;
 }
 
+// The plan's blocks: a one-sample copy is its own sample plane; a colour
+// copy is split into three, plus L, A and B when its level is filtered.
+bool allocatePlanes(LevelPlan &p, int team) {
+    const Layout &l = p.layout;
+    const int spp = p.args->spp;
+    if (spp == 3) p.samples = static_cast<unsigned char *>(allocate(l.planeSize * 3));
+    if (l.lab) p.labPlanes = static_cast<float *>(allocate(l.planeSize * 3 * sizeof(float)));
+    const size_t entries = (size_t)(l.nNormal + l.nFine + 1);
+    p.offsets = static_cast<ptrdiff_t *>(allocate(entries * sizeof(ptrdiff_t)));
+    p.factors = static_cast<float *>(allocate(entries * sizeof(float)));
+    p.scratch = static_cast<unsigned char *>(allocate(l.threadBytes * team));
+    if ((spp == 3 && p.samples == nullptr) || (l.lab && p.labPlanes == nullptr) ||
+        p.offsets == nullptr || p.factors == nullptr || p.scratch == nullptr)
+        return false;
+    p.sample[0] = p.args->img->image;
+    for (int q = 0; q < 3 && spp == 3; q++) p.sample[q] = p.samples + l.planeSize * q;
+    for (int q = 0; q < 3 && l.lab; q++) p.lab[q] = p.labPlanes + l.planeSize * q;
+    return true;
+}
+
+// The kernels addressed in the planes, and what every row reads.
+void planPass(LevelPlan &p) {
+    const LevelPassArgs &a = *p.args;
+    const Layout &l = p.layout;
+    const auto plan = [&](KernelPlan &k, const KernelEntry *kernel, int n, int first) {
+        for (int e = 0; e < n; e++) {
+            p.offsets[first + e] = (ptrdiff_t)kernel[e].ypos * (ptrdiff_t)l.width + kernel[e].xpos;
+            p.factors[first + e] = kernel[e].factor;
+        }
+        k = {p.offsets + first, p.factors + first, n, n / 2};
+    };
+    Pass &pass = p.pass;
+    pass.args = &a;
+    for (int q = 0; q < 3; q++) {
+        pass.sample[q] = p.sample[q];
+        pass.lab[q] = p.lab[q];
+    }
+    pass.width = l.width;
+    pass.origin = 0;
+    pass.useMap = l.useMap;
+    pass.block = (int)(l.vectors * l.lanes);
+    plan(pass.normal, a.spatialKernel, l.nNormal, 0);
+    plan(pass.fine, a.spatialKernelFine, l.nFine, l.nNormal);
+}
+
+// Loading the planes for the band from j0: the copy rows [lo, hi) it
+// reads, of which the first `kept` are held already, `shift` rows further
+// down, from the band before. They move up in `moves` pieces no longer than
+// the shift, so no piece overwrites rows still to move; then the rest is
+// converted.
+struct BandLoad {
+    int lo, hi, kept, shift, moves;
+};
+
+void bandSpan(const LevelPlan &p, int j0, int *lo, int *hi) {
+    const Layout &l = p.layout;
+    const int j1 = std::min(j0 + l.bandRows, p.args->jMax);
+    *lo = std::max(0, j0 - l.reachUp);
+    *hi = std::min(l.rows, j1 + l.reachDown);
+}
+
+BandLoad bandLoad(const LevelPlan &p, int j0) {
+    BandLoad b;
+    bandSpan(p, j0, &b.lo, &b.hi);
+    int top = 0, bottom = 0;  // copy rows the planes hold from the band before
+    if (j0 > 0) bandSpan(p, j0 - p.layout.bandRows, &top, &bottom);
+    b.kept = std::max(0, bottom - b.lo);
+    b.shift = b.lo - top;
+    b.moves = b.shift > 0 ? (b.kept + b.shift - 1) / b.shift : 0;
+    return b;
+}
+
+// Thread t's scratch, with its kernel buffer.
+Scratch scratchOf(const LevelPlan &p, int t, KernelEntry *kernel) {
+    unsigned char *piece[SCRATCH_PIECES];
+    unsigned char *mine = p.scratch + p.layout.threadBytes * t;
+    for (int q = 0; q < SCRATCH_PIECES; q++) {
+        piece[q] = mine;
+        mine += p.layout.pieces[q];
+    }
+    Scratch s;
+    s.weights = reinterpret_cast<float *>(piece[0]);
+    s.sums = reinterpret_cast<float *>(piece[1]);
+    s.acc = reinterpret_cast<float *>(piece[2]);
+    s.resultNormal = reinterpret_cast<int32_t *>(piece[3]);
+    s.resultFine = reinterpret_cast<int32_t *>(piece[4]);
+    s.choice = reinterpret_cast<KernelChoice *>(piece[5]);
+    s.need = piece[6];
+    s.packed = reinterpret_cast<int32_t *>(piece[7]);
+    s.kernel = kernel;
+    return s;
+}
+
+}  // namespace
+
+LevelPlan *planLevel(int nbProc, const LevelPassArgs &a) {
+    if (!covers(a)) return nullptr;
+    LevelPlan *p = static_cast<LevelPlan *>(allocateZeroed(1, sizeof(LevelPlan)));
+    if (p == nullptr) return nullptr;
+    p->args = &a;
+    // Choose the instruction set first: the lane count and the row function
+    // must come from the same one.
+    p->layout = layoutOf(a, nbProc, HWY_DYNAMIC_DISPATCH(FloatLanes)());
+    p->filterRow = HWY_DYNAMIC_DISPATCH(FilterRow);
+    if (!allocatePlanes(*p, std::max(nbProc, 1))) {
+        releaseLevelPlan(p);
+        return nullptr;
+    }
+    planPass(*p);
+    return p;
+}
+
+void releaseLevelPlan(LevelPlan *p) {
+    if (p == nullptr) return;
+    release(p->samples);
+    release(p->labPlanes);
+    release(p->offsets);
+    release(p->factors);
+    release(p->scratch);
+    release(p);
+}
+
+int bandRows(const LevelPlan &p) { return p.layout.bandRows; }
+
+int bandLoadSteps(const LevelPlan &p, int j0) {
+    return p.args->spp == 3 ? bandLoad(p, j0).moves + 1 : 0;
+}
+
+void loadBand(const LevelPlan &p, int j0, int step, int t, int T) {
+    const BandLoad b = bandLoad(p, j0);
+    int r0, r1;
+    if (step < b.moves) {
+        const int c0 = step * b.shift;
+        staticBlock(std::min(b.shift, b.kept - c0), t, T, &r0, &r1);
+        moveRows(p.sample, p.lab, p.layout.width, b.shift, c0 + r0, c0 + r1);
+    } else {
+        staticBlock(b.hi - b.lo - b.kept, t, T, &r0, &r1);
+        convertRows(*p.args, p.sample, p.lab, p.layout.width, b.lo, b.lo + b.kept + r0,
+                    b.lo + b.kept + r1);
+    }
+}
+
+void filterRow(const LevelPlan &p, int j0, int j, int t, KernelEntry *bilateralKernel) {
+    Pass band = p.pass;
+    if (p.args->spp == 3) band.origin = (size_t)bandLoad(p, j0).lo * p.layout.width;
+    p.filterRow(band, j, scratchOf(p, t, bilateralKernel));
+}
+
+}  // namespace simd
 }  // namespace lumora
 #endif  // HWY_ONCE

@@ -301,7 +301,6 @@ LevelPassArgs levelPassArgs(const PyramidConstants &s, PyramidWorkspace &ws,
     args.jMax = s.jMax;
     args.physicalKernelSize = k.physicalKernelSize;
     args.halfKernelSize = k.halfKernelSize;
-    args.kernelStep = 1;  // the sparse kernels are never sub-sampled further
     args.largestHalfKernelSize = k.largestHalfKernelSize;
     args.largestPhysicalKernelSize = k.largestPhysicalKernelSize;
     args.levelGaussOnly = levelGaussOnly;

@@ -15,7 +15,9 @@ unsigned char *imageData(int iMax, int jMax, int spp, int bps, int rowStride,
 
 // One interior row j of the 8-bit 3x3 smoothing (rows j-1, j, j+1 in, row j
 // out), vectorised, with the plain row's bytes (smoothing_hwy.cpp).
-void smoothRow8Fast(const unsigned char *prev, const unsigned char *cur,
-                    const unsigned char *next, unsigned char *out, int rowStride, int spp);
+namespace simd {
+void smoothRow8(const unsigned char *prev, const unsigned char *cur, const unsigned char *next,
+                unsigned char *out, int rowStride, int spp);
+}  // namespace simd
 
 }  // namespace lumora

@@ -59,12 +59,12 @@ extern "C" LUMORA_API void smoothImage3x3(unsigned char *inImage, int iMax, int 
         // Orphaned work-sharing loop: binds to the caller's team, or runs
         // serially when the caller is not in a parallel region. Its closing
         // barrier makes every row complete before any member returns.
-        // The fast rows give the same bytes; the switch picks the reference.
-        const bool fast = !usePlainPath;
+        // The SIMD rows give the same bytes; the switch picks the reference.
+        const bool simdRows = !usePlainPath;
 #pragma omp for schedule(dynamic, 1)
         for (int j = 1; j < jMax - 1; j++) {
-            if (fast)
-                smoothRow8Fast(inImage + (size_t)(j - 1) * rowStride,
+            if (simdRows)
+                simd::smoothRow8(inImage + (size_t)(j - 1) * rowStride,
                                inImage + (size_t)j * rowStride,
                                inImage + (size_t)(j + 1) * rowStride,
                                outImage + (size_t)j * rowStride, rowStride, spp);

@@ -70,12 +70,12 @@ constexpr bool reciprocalIsExact() {
 }
 static_assert(reciprocalIsExact(), "the 16-bit reciprocal of 9 must divide exactly");
 
-}  // namespace simd
-
-void smoothRow8Fast(const unsigned char *prev, const unsigned char *cur,
-                    const unsigned char *next, unsigned char *out, int rowStride, int spp) {
-    HWY_DYNAMIC_DISPATCH(simd::SmoothRow8)(prev, cur, next, out, rowStride, spp);
+void smoothRow8(const unsigned char *prev, const unsigned char *cur, const unsigned char *next,
+                unsigned char *out, int rowStride, int spp) {
+    HWY_DYNAMIC_DISPATCH(SmoothRow8)(prev, cur, next, out, rowStride, spp);
 }
+
+}  // namespace simd
 
 }  // namespace lumora
 #endif  // HWY_ONCE

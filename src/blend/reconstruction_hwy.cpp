@@ -1,52 +1,39 @@
-// Vectorised exposure weights and reconstruction rows.
+// SIMD reconstruction rows.
 //
-// As in the fast level pass, the lanes of a vector are neighbouring pixels,
+// As in the SIMD level pass, the lanes of a vector are neighbouring pixels,
 // and every lane runs its pixel's arithmetic of the per-pixel code operation
 // for operation (the same table look-ups, separate multiplies and adds in
 // the same order, IEEE division, truncating conversions), so each pixel gets
 // the per-pixel code's bytes. Where a lane would reach one of the per-pixel
 // code's aborts, the pixels of that vector run through the per-pixel
 // arithmetic in order instead, which aborts at the same pixel with the same
-// words. Pixels that do not fill a vector, at the end of a row or image, take
-// the per-pixel arithmetic too.
+// words. Pixels that do not fill a vector, at the end of a row, take the
+// per-pixel arithmetic too.
 //
-// Raw weights: the driver's loop of calculatePoids8Alt, the highlight shift
-// and the byte store.
-//
-// Reconstruction: a row at a time, first the weights of every level for the
-// whole row (with the dark-image reduction in highlight-preserving mode),
-// then the level blend of the three samples of every pixel, then the host's
-// HSL round trip, one pixel at a time as the host interface demands, then
-// the clamped stores. 256-entry tables take the place of per-sample and
-// per-pixel work that depends on one byte-sized value alone: a detail byte's
-// sharpened difference, and the dark-image reduction's two factors by
-// luminance (the first a double exponential that the per-pixel code
-// evaluates at every pixel and level).
+// A row at a time: first the weights of every level for the whole row (with
+// the dark-image reduction in highlight-preserving mode), then the level
+// blend of the three samples of every pixel, then the host's HSL round trip,
+// one pixel at a time as the host interface demands, then the clamped
+// stores. 256-entry tables take the place of per-sample and per-pixel work
+// that depends on one byte-sized value alone: a detail byte's sharpened
+// difference, and the dark-image reduction's two factors by luminance (the
+// first a double exponential that the per-pixel code evaluates at every
+// pixel and level).
 //
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
 
-#ifndef LUMORA_FAST_WEIGHTS_SHARED
-#define LUMORA_FAST_WEIGHTS_SHARED
+#ifndef LUMORA_SIMD_RECONSTRUCTION_SHARED
+#define LUMORA_SIMD_RECONSTRUCTION_SHARED
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <vector>
 
-#include "core/switches.h"
-#include "diag/diag.h"
 #include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
-#include "tables/tables.h"
+#include "diag/diag.h"
 
 namespace lumora {
-namespace fastweights {
+namespace simd {
 
 // Tables of one reconstruction call.
 struct ReconTables {
@@ -56,30 +43,14 @@ struct ReconTables {
     float mergeF;        // the blend of smoothed and fused luminance (threshold 140..169)
 };
 
+// The tables from the per-pixel code's own steps, entry by entry.
 inline void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
     for (int b = 0; b < 256; b++) {
-        float imgVal = (float)b;
-        imgVal -= a.max7;
-        if (a.sharpnessFactor > 0.0f) imgVal += imgVal * a.sharpLUT[std::abs((int)imgVal)];
-        t->detail[b] = imgVal;
-
-        const int threshold = a.darkMergeThreshold;
-        float factor1 = 1.0f;
-        if (b <= 254 && threshold > 0) {
-            const int lower = threshold;
-            const float f = b < lower ? 0.0f : (b - lower) / (255.0f - lower);
-            const float f4 = f * f * f * f;
-            factor1 = (float)(1.0 - std::exp((double)(-10.0f * f4)));
-        }
-        t->factor1[b] = factor1;
-        float factor2 = 1.0f;
-        if (b <= 99) {
-            const float u = 1.0f - b / 100.0f;
-            factor2 = 1.0f - u * u;
-        }
-        t->factor2[b] = factor2;
+        t->detail[b] = sharpenedDetail(a, (float)b);
+        t->factor1[b] = darkMergeFactor(a.darkMergeThreshold, b);
+        t->factor2[b] = darkCutFactor(b);
     }
-    t->mergeF = (a.darkMergeThreshold - 140) / 30.0f;
+    t->mergeF = darkMergeBlend(a.darkMergeThreshold);
 }
 
 // Row j's pointers: entry e = (numLevels - lev) * kMax + k as in the
@@ -101,53 +72,19 @@ inline void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
     }
 }
 
-inline int lum3(const unsigned char *p) { return (p[0] + p[1] + p[2]) / 3; }
-
-// Weights of pixel x at every level into w[e * iMax + x], with the
-// per-pixel code's arithmetic and aborts.
-inline void pixelWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView &row,
-                         int x, int j, float *w) {
+// Weights of pixel x at every level into w[e * iMax + x], through the
+// per-pixel code's steps, with its aborts.
+inline void pixelWeights(const ReconstructionArgs &a, const RowView &row, int x, int j, float *w) {
     const int kMax = a.kMax;
-    const int numLevels = a.numLevels;
     float poidsLev[3];
-    for (int lev = numLevels; lev >= 0; lev--) {
-        const int base = (numLevels - lev) * kMax;
+    for (int lev = a.numLevels; lev >= 0; lev--) {
+        const int base = (a.numLevels - lev) * kMax;
         for (int k = 0; k < kMax; k++) poidsLev[k] = row.poids[base + k][x] / 255.0f;
-        if (a.fusionPreserveHighlights) {
-            const int luminance0 = lum3(row.fused + 3 * x);
-            const int luminance1 = lum3(row.dark + 3 * x);
-            const int smoothLum0 = lum3(row.smoothed[base] + 3 * x);
-            const int darkCutLum = lum3(row.smoothed[base + 1] + 3 * x);
-            const int threshold = a.darkMergeThreshold;
-            int darkMergeLum;
-            if (threshold <= 139)
-                darkMergeLum = smoothLum0;
-            else if (threshold < 170)
-                darkMergeLum = (int)(smoothLum0 * (1 - t.mergeF) + luminance0 * t.mergeF);
-            else
-                darkMergeLum = luminance0;
-            const float factor1 = t.factor1[darkMergeLum];
-            const float factor2 = t.factor2[darkCutLum];
-            if (poidsLev[0] == 0.0f && poidsLev[1] == 0.0f) {
-                // Kept: the labels name the two luminances one off.
-                std::fprintf(stderr,
-                             "i=%d j=%d factor1=%f factor2=%f luminance1=%d luminance2=%d\n", 3 * x,
-                             j, factor1, factor2, luminance0, luminance1);
-                std::abort();
-            }
-            poidsLev[1] *= factor1 < factor2 ? factor1 : factor2;
-            // Deliberate: sequential renormalisation.
-            poidsLev[0] = poidsLev[0] / (poidsLev[0] + poidsLev[1]);
-            poidsLev[1] = poidsLev[1] / (poidsLev[1] + poidsLev[0]);
-        }
-        bool bad = false;
-        for (int k = 0; k < kMax; k++)
-            if (!(poidsLev[k] <= 1.0f)) bad = true;
-        if (bad) {
-            for (int k = 0; k < kMax; k++)
-                std::fprintf(stderr, "poidsLev[%d]=%f\n", k, poidsLev[k]);
-            std::abort();
-        }
+        if (a.fusionPreserveHighlights)
+            darkImageReduction(a.darkMergeThreshold, row.fused + 3 * x, row.dark + 3 * x,
+                               row.smoothed[base] + 3 * x, row.smoothed[base + 1] + 3 * x, 3 * x,
+                               j, poidsLev);
+        checkLevelWeights(kMax, poidsLev);
         for (int k = 0; k < kMax; k++) w[(size_t)(base + k) * a.iMax + x] = poidsLev[k];
     }
 }
@@ -167,129 +104,24 @@ inline void pixelBlend(const ReconstructionArgs &a, const ReconTables &t, const 
     }
 }
 
-}  // namespace fastweights
+}  // namespace simd
 }  // namespace lumora
 
-#endif  // LUMORA_FAST_WEIGHTS_SHARED
+#endif  // LUMORA_SIMD_RECONSTRUCTION_SHARED
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "blend/blend_hwy.cpp"
+#define HWY_TARGET_INCLUDE "blend/reconstruction_hwy.cpp"
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
+#include "blend/blend-inl.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace lumora {
-namespace fastweights {
+namespace simd {
 namespace HWY_NAMESPACE {
-namespace hn = hwy::HWY_NAMESPACE;
-
-using DF = hn::ScalableTag<float>;
-using DI = hn::RebindToSigned<DF>;
-using D8 = hn::Rebind<uint8_t, DF>;
-using VF = hn::Vec<DF>;
-using VI = hn::Vec<DI>;
-
 // N bytes as int lanes.
 HWY_INLINE VI LoadBytes(const unsigned char *p) { return hn::PromoteTo(DI(), hn::LoadU(D8(), p)); }
-
-// The three samples of N pixels as int lanes.
-HWY_INLINE void LoadPixels(const unsigned char *p, VI &r, VI &g, VI &b) {
-    hn::Vec<D8> r8, g8, b8;
-    hn::LoadInterleaved3(D8(), p, r8, g8, b8);
-    r = hn::PromoteTo(DI(), r8);
-    g = hn::PromoteTo(DI(), g8);
-    b = hn::PromoteTo(DI(), b8);
-}
-
-// (r + g + b) / 3 of N pixels: the float quotient of a sum up to 765 never
-// rounds across an integer, so truncating it is the integer division.
-HWY_INLINE VI Luminance(const unsigned char *p) {
-    VI r, g, b;
-    LoadPixels(p, r, g, b);
-    const VF sum = hn::ConvertTo(DF(), hn::Add(hn::Add(r, g), b));
-    return hn::ConvertTo(DI(), hn::Div(sum, hn::Set(DF(), 3.0f)));
-}
-
-// Weights of at most 255 * 1.0 and never negative: the saturating demotion
-// stores the truncated value's low 8 bits.
-HWY_INLINE void StoreWeightBytes(VF poids, unsigned char *out) {
-    const VI v = hn::ConvertTo(DI(), hn::Mul(poids, hn::Set(DF(), 255.0f)));
-    hn::StoreU(hn::DemoteTo(D8(), v), D8(), out);
-}
-
-// Sum over the three samples of image k's pixels of table[sample] times the
-// sample's luminance coefficient, from 0 in red, green, blue order; doubled
-// for a last image with a table of its own.
-HWY_INLINE VF RawWeight(const RawWeightsArgs &p, int k, size_t px) {
-    const DF df;
-    const bool last = k == p.kMax - 1;
-    const float *erreur = last ? p.coeffErreurLastImg : p.coeffErreur;
-    VI r, g, b;
-    LoadPixels(p.in[k] + 3 * px, r, g, b);
-    VF fval = hn::Zero(df);
-    fval = hn::Add(fval, hn::Mul(hn::GatherIndex(df, erreur, r), hn::Set(df, 0.2f)));
-    fval = hn::Add(fval, hn::Mul(hn::GatherIndex(df, erreur, g), hn::Set(df, 0.7f)));
-    fval = hn::Add(fval, hn::Mul(hn::GatherIndex(df, erreur, b), hn::Set(df, 0.1f)));
-    if (last && p.coeffErreur != p.coeffErreurLastImg) fval = hn::Mul(fval, hn::Set(df, 2.0f));
-    return fval;
-}
-
-// Raw weights of the N pixels from px; false, having stored nothing, when a
-// lane fails the weight check.
-template <int K>
-HWY_INLINE bool RawVector(const RawWeightsArgs &p, size_t px) {
-    const DF df;
-    const VF one = hn::Set(df, 1.0f);
-    const VF raw0 = RawWeight(p, 0, px);
-    const VF raw1 = K >= 2 ? RawWeight(p, 1, px) : hn::Zero(df);
-    const VF raw2 = K >= 3 ? RawWeight(p, 2, px) : hn::Zero(df);
-    // The sum afresh, from 0, in image order.
-    VF sum = hn::Add(hn::Zero(df), raw0);
-    if (K >= 2) sum = hn::Add(sum, raw1);
-    if (K >= 3) sum = hn::Add(sum, raw2);
-    VF w0 = hn::Div(raw0, sum);
-    VF w1 = hn::Div(raw1, sum);
-    const VF w2 = hn::Div(raw2, sum);
-    // Not-a-number fails the check, as it fails the assertion.
-    auto ok = hn::Le(w0, one);
-    if (K >= 2) ok = hn::And(ok, hn::Le(w1, one));
-    if (K >= 3) ok = hn::And(ok, hn::Le(w2, one));
-    if (!hn::AllTrue(df, ok)) return false;
-    if (K == 2 && p.highlight) {
-        const VI luminance0 = Luminance(p.in[0] + 3 * px);
-        const auto bright = hn::RebindMask(df, hn::Gt(luminance0, hn::Set(DI(), 240)));
-        const VF factor =
-            hn::Div(hn::ConvertTo(df, hn::Sub(luminance0, hn::Set(DI(), 240))), hn::Set(df, 15.0f));
-        VF s1 = hn::Add(w1, factor);
-        const VF s0 = hn::Div(w0, hn::Add(w0, s1));
-        s1 = hn::Div(s1, hn::Add(s0, s1));
-        w0 = hn::IfThenElse(bright, s0, w0);
-        w1 = hn::IfThenElse(bright, s1, w1);
-    }
-    StoreWeightBytes(w0, p.out[0] + px);
-    if (K >= 2) StoreWeightBytes(w1, p.out[1] + px);
-    if (K >= 3) StoreWeightBytes(w2, p.out[2] + px);
-    return true;
-}
-
-template <int K>
-void RawWeightsK(const RawWeightsArgs &p) {
-    const size_t N = hn::Lanes(DF());
-    const size_t count = (size_t)p.iMax * p.jMax;
-    size_t px = 0;
-    for (; px + N <= count; px += N)
-        if (!RawVector<K>(p, px)) rawWeightPixels(p, px, N);  // aborts there
-    rawWeightPixels(p, px, count - px);
-}
-
-void RawWeights(const RawWeightsArgs &p) {
-    if (p.kMax == 1)
-        RawWeightsK<1>(p);
-    else if (p.kMax == 2)
-        RawWeightsK<2>(p);
-    else
-        RawWeightsK<3>(p);
-}
 
 // Highlight-preserving weights of the N pixels from x at every level (kMax
 // 2); false, having stored nothing of some levels, when a lane reaches one
@@ -341,7 +173,7 @@ void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView
     if (a.fusionPreserveHighlights) {
         for (; x + N <= iMax; x += N)
             if (!HighlightVector(a, t, row, x, w))
-                for (size_t q = x; q < x + N; q++) pixelWeights(a, t, row, (int)q, j, w);
+                for (size_t q = x; q < x + N; q++) pixelWeights(a, row, (int)q, j, w);
     } else {
         // A byte over 255.0f never exceeds 1: nothing here can abort.
         const int entries = (a.numLevels + 1) * a.kMax;
@@ -351,7 +183,7 @@ void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView
                 hn::StoreU(hn::Div(hn::ConvertTo(df, LoadBytes(row.poids[e] + x)), inv), df,
                            w + e * iMax + x);
     }
-    for (; x < iMax; x++) pixelWeights(a, t, row, (int)x, j, w);
+    for (; x < iMax; x++) pixelWeights(a, row, (int)x, j, w);
 }
 
 // Level blend of row j into acc[s * iMax + x]: per sample, from 0, entry by
@@ -422,46 +254,27 @@ void StoreRow(const float *f, unsigned char *out, size_t n, int byteDepthOut) {
 }
 
 }  // namespace HWY_NAMESPACE
-}  // namespace fastweights
+}  // namespace simd
 }  // namespace lumora
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace lumora {
-namespace fastweights {
+namespace simd {
 
-HWY_EXPORT(RawWeights);
 HWY_EXPORT(RowWeights);
 HWY_EXPORT(BlendRow);
 HWY_EXPORT(StoreRow);
 
-constexpr bool floatThirdIsExact() {
-    for (int sum = 0; sum <= 3 * 255; sum++)
-        if ((int)((float)sum / 3.0f) != sum / 3) return false;
-    return true;
-}
-static_assert(floatThirdIsExact(), "the float quotient must truncate to the integer one");
 
-}  // namespace fastweights
-
-void rawWeightsFast(const RawWeightsArgs &p) {
-    // The highlight shift pairs exactly two images.
-    if (p.kMax < 1 || p.kMax > 3 || (p.highlight && p.kMax != 2)) {
-        rawWeightPixels(p, 0, (size_t)p.iMax * p.jMax);
-        return;
-    }
-    HWY_DYNAMIC_DISPATCH(fastweights::RawWeights)(p);
-}
-
-bool fastReconstructionCovers(const ReconstructionArgs &a) {
+bool reconstructionCovers(const ReconstructionArgs &a) {
     return a.byteDepthBpsIn == 1 && a.bitDepthPoids == 8 && a.byteDepthPoids == 1 && a.spp == 3 &&
            a.max7 == 128 && a.kMax >= 1 && a.kMax <= 3 &&
            (!a.fusionPreserveHighlights || a.kMax == 2) &&
            (a.byteDepthBpsOut == 1 || a.byteDepthBpsOut == 2) && !dbgTestImage;
 }
 
-bool reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
-    using namespace fastweights;
+bool reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
     if (rowBegin >= rowEnd) return true;
     const int entries = (a.numLevels + 1) * a.kMax;
     const size_t iMax = (size_t)a.iMax;
@@ -489,15 +302,7 @@ bool reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) 
         HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, w, acc);
         for (size_t x = 0; x < iMax; x++) {
             float fvals[3] = {acc[x], acc[iMax + x], acc[2 * iMax + x]};
-            if (a.satCoeff != 0.0f) {
-                // The host's conversions, one pixel at a time; the round
-                // trip runs for the neutral coefficient too.
-                float hsl[3];
-                frgb2hsl(fvals, hsl);
-                hsl[1] *= a.satCoeff;
-                if (hsl[1] > 1.0f) hsl[1] = 1.0f;
-                fhsl2rgb(hsl, fvals);
-            }
+            adjustSaturation(a.satCoeff, fvals);  // the host's, one pixel at a time
             for (int s = 0; s < 3; s++) samples[3 * x + s] = a.rgb2bgr ? fvals[2 - s] : fvals[s];
         }
         unsigned char *out = a.resImage + (size_t)a.rowOut * j * a.byteDepthBpsOut;
@@ -507,5 +312,6 @@ bool reconstructRowsFast(const ReconstructionArgs &a, int rowBegin, int rowEnd) 
     return true;
 }
 
+}  // namespace simd
 }  // namespace lumora
 #endif  // HWY_ONCE
