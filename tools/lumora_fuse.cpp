@@ -1,6 +1,7 @@
-// lumora_fuse.cpp: the lumora-fuse command. Reads two or three exposures,
-// sorts them darkest first, fuses them through the library's public entry
-// points, and writes the result whole or not at all.
+// lumora_fuse.cpp: the lumora-fuse command. Reads two or three exposures
+// (picked out of more, see frames.h), sorts them darkest first, fuses them
+// through the library's public entry points, and writes the result whole or
+// not at all.
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -18,6 +19,7 @@
 
 #include "BilateralFilter.h"
 #include "cancel.h"
+#include "frames.h"
 #include "fusion_call.h"
 #include "fusion_child.h"
 #include "image_io.h"
@@ -357,7 +359,7 @@ int run(const Options &options) {
     for (int i : order)
         exposures.push_back(&images[i]);
     // Metadata come from the middle exposure, or the brighter of two.
-    const std::string &reference = options.images[order[1]];
+    const std::string &reference = options.metadataFrom.empty() ? options.images[order[1]] : options.metadataFrom;
     ProgressBar bar(gStderr);
     ProgressBar *shown = !options.quiet && !options.verbose && isatty(gStderr) ? &bar : nullptr;
     SharedBuffer result;
@@ -388,5 +390,22 @@ int main(int argc, char **argv) {
         return usageError(message);
     installSignalHandlers();
     muteMetadataWarnings(!options.verbose);
+    if (!options.metadataFrom.empty() && access(options.metadataFrom.c_str(), R_OK) != 0) {
+        say(options.metadataFrom + ": cannot read the metadata: " + strerror(errno));
+        return 1;
+    }
+    FrameChoice choice;
+    const int chosen = chooseFrames(options.images, options.frames, choice, message);
+    if (chosen == 2)
+        return usageError(message);
+    if (chosen == 130)
+        return cancelled();
+    if (chosen != kContinue) {
+        say(message);
+        return chosen;
+    }
+    if (!options.quiet && !choice.line.empty())
+        say(choice.line);
+    options.images = choice.paths;
     return run(options);
 }

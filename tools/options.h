@@ -62,6 +62,8 @@ struct Options {
     int depth = 8;
     bool quiet = false;
     bool verbose = false;
+    std::vector<std::string> frames;  // --frames: the ones to fuse, as given
+    std::string metadataFrom;         // --metadata-from: the file whose metadata the output gets
 };
 
 // Result of parseOptions when the tool should go on and fuse.
