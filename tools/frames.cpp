@@ -92,6 +92,8 @@ bool readFrameInfo(const std::string &path, FrameInfo &info, std::string &error)
     return true;
 }
 
+void initMetadataForThreads() { Exiv2::XmpParser::initialize(); }
+
 bool recordedLight(const std::vector<FrameInfo> &frames, std::vector<double> &light) {
     auto all = [&](auto has) { return std::all_of(frames.begin(), frames.end(), has); };
     light.clear();

@@ -25,6 +25,10 @@ struct FrameInfo {
 // message (without the file name) when the file is not a readable image.
 bool readFrameInfo(const std::string &path, FrameInfo &info, std::string &error);
 
+// Readies Exiv2 for readFrameInfo in more than one thread at a time; called
+// before any thread starts.
+void initMetadataForThreads();
+
 // The light each frame took in, in EV (higher is brighter), when every frame
 // records it: log2 of the exposure time, less 2 log2 of the f-number and plus
 // log2(ISO / 100) where every frame records those too; otherwise the

@@ -188,7 +188,28 @@ bool checkTogether(const Options &options, const std::string &strengthText, std:
 }
 
 // The number of images, and an output whose format is known and holds the depth.
-bool checkFiles(Options &options, std::string &message) {
+bool checkFiles(Options &options, const std::string &format, std::string &message) {
+    if (options.batch) {
+        if (options.images.empty()) {
+            message = "--batch: no files or folders given (Usage: lumora-fuse --batch [OPTION]... FILE|FOLDER... "
+                      "-o FOLDER)";
+            return false;
+        }
+        if (options.output.empty()) {
+            message = "no output folder: give one with -o FOLDER";
+            return false;
+        }
+        options.outputFormat = formatFromExtension("." + (format.empty() ? std::string("jpg") : format));
+        if (options.outputFormat == FileFormat::Unknown || format.find('.') != std::string::npos) {
+            message = "--format: '" + format + "' is not valid (jpg, png or tif)";
+            return false;
+        }
+        if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
+            message = "--depth 16: JPEG holds 8-bit samples only; use --format png or tif";
+            return false;
+        }
+        return true;
+    }
     if (options.images.size() < 2) {
         message = "expected 2 or more images, got " + std::to_string(options.images.size()) +
                   " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT)";
@@ -236,6 +257,7 @@ std::string helpText() {
     defaults(d);
     std::string s =
         "Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n"
+        "  or:  lumora-fuse --batch [OPTION]... FILE|FOLDER... -o FOLDER\n"
         "Fuse exposures of one scene into one natural-looking picture.\n"
         "\n"
         "The exposures may be given in any order: they are sorted by mean brightness,\n"
@@ -266,6 +288,19 @@ std::string helpText() {
          "  three were taken and why.\n";
     s += wrapped("      --frames=A,B[,C]", "fuse these two or three of the frames instead, named as on the command "
                                            "line (or the same files by another path)");
+    s += "\nBatch (-o names a folder, made if missing; a bracket that fails is reported\nand the others go on):\n";
+    s += wrapped("      --batch", "fuse every bracket among the files and folders given (a folder's JPEG, PNG and "
+                                  "TIFF files, not its subfolders nor *_fused.* files); the frames are grouped by "
+                                  "their EXIF capture time (a new bracket after a gap of more than 5 seconds "
+                                  "between one frame's end and the next one's start, or when an exposure repeats)");
+    s += wrapped("      --group=N", "group the frames by N in name order instead (2 to 1000; needed when the "
+                                    "files record no capture time)");
+    s += wrapped("      --format=jpg|png|tif", "format of the outputs, each named after its bracket's middle frame "
+                                              "(in capture or name order): STEM_fused.jpg (default jpg)");
+    s += wrapped("      --overwrite", "replace existing outputs (by default they are skipped, so that an "
+                                      "interrupted batch resumes)");
+    s += wrapped("      --report=FILE", "write a JSON summary: per bracket its inputs, output, frames fused, "
+                                        "alignment, seconds and status (fused, skipped or failed)");
     s += "\nFusion (ranges are what the fusion handles safely):\n";
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &p = kParamSpecs[i];
@@ -300,10 +335,11 @@ std::string helpText() {
          "  lumora-fuse --loupe 800,600,400,300 a.jpg b.jpg c.jpg -o preview.jpg\n"
          "  lumora-fuse IMG_*.jpg -o fused.jpg\n"
          "  lumora-fuse --frames IMG_2.jpg,IMG_5.jpg,IMG_8.jpg IMG_*.jpg -o fused.jpg\n"
+         "  lumora-fuse --batch --format tif --report report.json photos/ -o fused/\n"
          "\n"
          "Exit status: 0 done, 1 failure (unreadable input, unwritable output, fusion\n"
-         "failure), 2 usage error, 130 cancelled (Ctrl-C); a cancelled or failed run\n"
-         "writes nothing.\n";
+         "failure; with --batch, any bracket failed), 2 usage error, 130 cancelled\n"
+         "(Ctrl-C); a cancelled or failed run writes nothing.\n";
     return s;
 }
 
@@ -314,7 +350,7 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
     app.set_help_flag();
     bool help = false, version = false, preserve = int(options.params[kPreserveHighlights]) != 0;
-    std::string paramText[kFusionParamCount], threads, quality, depth, loupe, frames;
+    std::string paramText[kFusionParamCount], threads, quality, depth, loupe, frames, group, format;
     app.add_option("images", options.images);
     app.add_option("-o,--output", options.output);
     app.add_flag("-h,--help", help);
@@ -328,6 +364,11 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     app.add_option("--loupe", loupe);
     app.add_option("--frames", frames);
     app.add_option("--metadata-from", options.metadataFrom);
+    app.add_flag("--batch", options.batch);
+    app.add_option("--group", group);
+    app.add_option("--format", format);
+    app.add_flag("--overwrite", options.overwrite);
+    app.add_option("--report", options.report);
     for (int i = 0; i < kParamSpecCount; ++i)
         app.add_option(std::string("--") + kParamSpecs[i].option, paramText[kParamSpecs[i].index]);
 
@@ -379,7 +420,19 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
 
     if (app.count("--frames") && !parseFrames(frames, options.frames, message))
         return 2;
-    return checkFiles(options, message) ? kContinue : 2;
+    if (app.count("--group") && !checkWhole("--group", group, 2, 1000, options.group, message))
+        return 2;
+    for (const char *name : {"--group", "--format", "--overwrite", "--report"})
+        if (!options.batch && app.count(name)) {
+            message = std::string(name) + ": only with --batch";
+            return 2;
+        }
+    if (options.batch && (app.count("--frames") || app.count("--loupe"))) {
+        message = std::string(app.count("--frames") ? "--frames" : "--loupe") +
+                  ": not with --batch (each bracket is fused whole, from frames of its own)";
+        return 2;
+    }
+    return checkFiles(options, format, message) ? kContinue : 2;
 }
 
 }  // namespace lumora_fuse

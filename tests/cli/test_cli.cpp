@@ -412,6 +412,8 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"--frames @a.png @a.png @b.png -o @f.jpg", 2, "--frames: '@a.png' is not two or three file names"},
         {"%@missing.args -o @f.jpg", 2, "@missing.args: cannot read the arguments: No such file or directory"},
         {"--metadata-from @missing.jpg @a.png @b.png -o @f.jpg", 1, "@missing.jpg: cannot read the metadata"},
+        {"--group 3 @a.png @b.png -o @f.jpg", 2, "--group: only with --batch"},
+        {"--batch --format gif @a.png -o @out", 2, "--format: 'gif' is not valid (jpg, png or tif)"},
         {"@a.png @b.png", 2, "no output file"},
         {"@a.png @b.png -o @nofolder/f.jpg", 1, "@nofolder/f.jpg: cannot write the output: No such file or directory"},
         {"@a.png @b.png -o @b.png", 2, "@b.png: is one of the input images"},
@@ -554,6 +556,57 @@ TEST_F(Cli, OfManyFramesFusesTheDarkestTheBrightestAndTheNormalOneOrThoseNamed) 
     EXPECT_EQ(r.err, "lumora-fuse: 9 frames; fusing c.png, f.png as named by --frames\n") << "by name or another path";
     ASSERT_EQ(run("-q @f.png @c.png -o @two.png").status, 0);
     EXPECT_TRUE(slurp(at("named.png")) == slurp(at("two.png")));
+}
+
+TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
+    // Three brackets of 64x48 frames, one second apart: the second starts where an exposure bias
+    // repeats, the third after a minute. Plus a file that is no picture.
+    fs::create_directory(at("in"));
+    for (int b = 0; b < 3; ++b)
+        for (int i = 0; i < 3; ++i) {
+            const std::string name = "in/s" + std::to_string(b) + std::to_string(i) + ".jpg";
+            save(at(name), crop(bracket_[(i + 1) % 3], 16 * b, 8 * b, 64, 48));
+            const int second = b * 3 + i + (b == 2 ? 60 : 0);
+            tag(at(name), {{"Exif.Photo.DateTimeOriginal", "2026:05:01 10:0" + std::to_string(second / 60) + ":" +
+                                                               std::to_string(10 + second % 60)},
+                           {"Exif.Photo.ExposureBiasValue", std::to_string((i + 1) % 3 * 2 - 2) + "/1"}});
+        }
+    spill(at("in/broken.jpg"), "not a picture");
+    const std::vector<std::string> outputs = {"s01_fused.png", "s11_fused.png", "s21_fused.png"};
+
+    ToolRun r = run("--batch --format png --report @report.json @in -o @out");
+    EXPECT_EQ(r.status, 1) << "a file failed";
+    EXPECT_NE(r.err.find(expand("lumora-fuse: @in/broken.jpg: not a JPEG, PNG or TIFF image; skipped\n")),
+              std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(expand("bracket 3 of 3: 3 frames -> @out/s21_fused.png; about ")), std::string::npos);
+    std::set<std::string> made;
+    for (const auto &entry : fs::directory_iterator(at("out"))) made.insert(entry.path().filename().string());
+    EXPECT_EQ(made, std::set<std::string>(outputs.begin(), outputs.end()));
+    ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
+    EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
+    const std::string report = slurp(at("report.json"));
+    for (const std::string key : {"\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
+                                  "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
+        EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
+
+    const auto written = fs::last_write_time(at("out/s01_fused.png"));
+    r = run("--batch --format png --report @report.json @in -o @out");
+    EXPECT_EQ(r.status, 1);
+    for (const std::string &name : outputs)
+        EXPECT_NE(r.err.find(expand("@out/" + name + ": exists; skipped")), std::string::npos) << r.err;
+    EXPECT_EQ(fs::last_write_time(at("out/s01_fused.png")), written);
+    EXPECT_NE(slurp(at("report.json")).find("\"fused\": 0, \"skipped\": 3, \"failed\": 1"), std::string::npos);
+
+    // Without capture times the frames go by --group in name order.
+    fs::create_directory(at("plain"));
+    for (int i = 0; i < 4; ++i) save(at("plain/p" + std::to_string(i) + ".png"), crop(bracket_[i % 2 * 2], 0, 0, 64, 48));
+    r = run("--batch @plain -o @plain");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("records no capture time; give --group N"), std::string::npos) << r.err;
+    r = run("-q --batch --group 2 @plain -o @plain");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::exists(at("plain/p1_fused.jpg")) && fs::exists(at("plain/p3_fused.jpg")));
+    EXPECT_EQ(run("-q --batch --group 2 @plain -o @plain").status, 0) << "its own outputs are not taken as frames";
 }
 
 TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
