@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
+#include <set>
 
 #include "cancel.h"
 #include "frames.h"
@@ -234,6 +235,7 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
         return hooks.usageError(why);
 
     std::vector<size_t> todo;
+    std::set<std::string> names;  // the outputs so far: two brackets never write one file
     for (size_t i = 0; i < brackets.size(); ++i) {
         Bracket &b = brackets[i];
         const fs::path middle(b.frames[b.frames.size() / 2].path);
@@ -242,6 +244,9 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
         if (b.frames.size() < 2) {
             b.error = "a bracket of one frame; nothing to fuse it with";
             hooks.say(b.frames[0].path + ": " + b.error);
+        } else if (!names.insert(b.output).second) {
+            b.error = "another bracket's output has the same name";
+            hooks.say(b.output + ": " + b.error + "; not fused");
         } else if (!options.overwrite && fs::exists(b.output, error)) {
             b.status = "skipped";
             if (!options.quiet)
@@ -303,9 +308,10 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
     if (next.valid())
         next.wait();
 
-    if (!unreadable.empty() && status == 0)
-        status = 1;
     brackets.insert(brackets.begin(), unreadable.begin(), unreadable.end());
+    if (status == 0 && std::any_of(brackets.begin(), brackets.end(),
+                                   [](const Bracket &b) { return b.status == "failed"; }))
+        status = 1;
     if (!options.report.empty()) {
         const std::string text = reportText(brackets);
         std::string reason;

@@ -607,6 +607,11 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(at("plain/p1_fused.jpg")) && fs::exists(at("plain/p3_fused.jpg")));
     EXPECT_EQ(run("-q --batch --group 2 @plain -o @plain").status, 0) << "its own outputs are not taken as frames";
+    fs::create_directory(at("again"));
+    for (const char *name : {"p0.png", "p1.png"}) fs::copy_file(at("plain/") + name, at("again/") + name);
+    r = run("-q --batch --group 2 @plain @again -o @out2");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, expand("lumora-fuse: @out2/p1_fused.jpg: another bracket's output has the same name; not fused\n"));
 }
 
 TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
