@@ -288,11 +288,12 @@ std::string helpText() {
          "  three were taken and why.\n";
     s += wrapped("      --frames=A,B[,C]", "fuse these two or three of the frames instead, named as on the command "
                                            "line (or the same files by another path)");
-    s += "\nBatch (-o names a folder, made if missing; a bracket that fails is reported\nand the others go on):\n";
+    s += "\nBatch (-o names a folder, made if missing):\n";
     s += wrapped("      --batch", "fuse every bracket among the files and folders given (a folder's JPEG, PNG and "
                                   "TIFF files, not its subfolders nor *_fused.* files); the frames are grouped by "
                                   "their EXIF capture time (a new bracket after a gap of more than 5 seconds "
-                                  "between one frame's end and the next one's start, or when an exposure repeats)");
+                                  "between one frame's end and the next one's start, or when an exposure repeats); a "
+                                  "bracket that fails is reported and the others go on");
     s += wrapped("      --group=N", "group the frames by N in name order instead (2 to 1000; needed when the "
                                     "files record no capture time)");
     s += wrapped("      --format=jpg|png|tif", "format of the outputs, each named after its bracket's middle frame "
