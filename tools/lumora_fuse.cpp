@@ -365,7 +365,8 @@ int run(const Options &options, std::vector<Image> *decoded = nullptr) {
     std::vector<const Image *> exposures;
     for (int i : order)
         exposures.push_back(&images[i]);
-    // Metadata come from the middle exposure, or the brighter of two.
+    // Metadata come from the middle exposure, or the brighter of two, unless
+    // --metadata-from names their source.
     const std::string &reference = options.metadataFrom.empty() ? options.images[order[1]] : options.metadataFrom;
     ProgressBar bar(gStderr);
     ProgressBar *shown = !options.quiet && !options.verbose && isatty(gStderr) ? &bar : nullptr;

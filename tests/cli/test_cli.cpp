@@ -560,7 +560,8 @@ TEST_F(Cli, OfManyFramesFusesTheDarkestTheBrightestAndTheNormalOneOrThoseNamed) 
 
 TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     // Three brackets of 64x48 frames, one second apart: the second starts where an exposure bias
-    // repeats, the third after a minute. Plus a file that is no picture.
+    // repeats, the third (biases one stop up, none repeated) after a minute. Plus a file that is
+    // no picture.
     fs::create_directory(at("in"));
     for (int b = 0; b < 3; ++b)
         for (int i = 0; i < 3; ++i) {
@@ -569,7 +570,7 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
             const int second = b * 3 + i + (b == 2 ? 60 : 0);
             tag(at(name), {{"Exif.Photo.DateTimeOriginal", "2026:05:01 10:0" + std::to_string(second / 60) + ":" +
                                                                std::to_string(10 + second % 60)},
-                           {"Exif.Photo.ExposureBiasValue", std::to_string((i + 1) % 3 * 2 - 2) + "/1"}});
+                           {"Exif.Photo.ExposureBiasValue", std::to_string((i + 1) % 3 * 2 - 2 + b / 2) + "/1"}});
         }
     spill(at("in/broken.jpg"), "not a picture");
     const std::vector<std::string> outputs = {"s01_fused.png", "s11_fused.png", "s21_fused.png"};
