@@ -1,7 +1,7 @@
 #!/bin/sh
 # help-to-man.sh TOOL OUTPUT: writes the manual page of lumora-fuse (roff,
 # man macros) from the tool's own --help and --version, so that the two
-# never disagree. The help's layout is what it reads: the usage line, a
+# never disagree. The help's layout is what it reads: the usage lines, a
 # one-line summary, paragraphs, "Heading:" lines over options whose texts
 # start in column 30, an "Examples:" block and an "Exit status:" paragraph.
 set -eu
@@ -39,13 +39,20 @@ NR == 1 {
     synopsis = esc($0)
     next
 }
-NR == 2 && name_pending {
+name_pending && /^  or:  lumora-fuse / {
+    sub(/^  or:  lumora-fuse /, "")
+    synopsis_more = synopsis_more "\n.br\n.B lumora-fuse\n" esc($0)
+    next
+}
+name_pending {
+    name_pending = 0
     summary = $0
     sub(/\.$/, "", summary)
     print "lumora-fuse \\- " esc(tolower(substr(summary, 1, 1)) substr(summary, 2))
     print ".SH SYNOPSIS"
     print ".B lumora-fuse"
     line(synopsis)
+    if (synopsis_more != "") print substr(synopsis_more, 2)
     print ".SH DESCRIPTION"
     line(esc($0))
     mode = "text"

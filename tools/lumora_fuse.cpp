@@ -1,6 +1,7 @@
-// lumora_fuse.cpp: the lumora-fuse command. Reads two or three exposures,
-// sorts them darkest first, fuses them through the library's public entry
-// points, and writes the result whole or not at all.
+// lumora_fuse.cpp: the lumora-fuse command. Reads two or three exposures
+// (picked out of more, see frames.h), sorts them darkest first, fuses them
+// through the library's public entry points, and writes the result whole or
+// not at all; with --batch, so for every bracket found (batch.h).
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -17,7 +18,9 @@
 #include <vector>
 
 #include "BilateralFilter.h"
+#include "batch.h"
 #include "cancel.h"
+#include "frames.h"
 #include "fusion_call.h"
 #include "fusion_child.h"
 #include "image_io.h"
@@ -31,8 +34,10 @@ using namespace lumora_fuse;
 namespace {
 
 int gStderr = STDERR_FILENO;  // the terminal's error stream (fd 2 may be redirected)
+std::string gLastLine;        // the last line said, for the batch report
 
 void say(const std::string &line) {
+    gLastLine = line;
     const std::string text = "lumora-fuse: " + line + "\n";
     writeAll(gStderr, text.data(), text.size());
 }
@@ -217,7 +222,11 @@ int cannotWrite(const Options &options, const std::string &error) {
 
 // Every header is checked before its pixels are decoded: the first against
 // the memory the whole fusion needs, the others against the first one's size.
-int readExposures(const Options &options, std::vector<Image> &images) {
+int readExposures(const Options &options, std::vector<Image> &images, std::vector<Image> *decoded) {
+    if (decoded && !decoded->empty()) {  // by the batch, checked as they were read
+        images = std::move(*decoded);
+        return kContinue;
+    }
     images.assign(options.images.size(), Image());
     for (size_t i = 0; i < images.size(); ++i) {
         std::string error;
@@ -340,11 +349,11 @@ int deliver(const Options &options, const OutputPicture &picture, const std::str
     return 0;
 }
 
-int run(const Options &options) {
+int run(const Options &options, std::vector<Image> *decoded = nullptr) {
     std::vector<Image> images;
     Loupe region;
     OutputFile output(options.output);
-    int status = readExposures(options, images);
+    int status = readExposures(options, images, decoded);
     if (status == kContinue)
         status = fusedRegion(options, images[0], region);
     if (status == kContinue)
@@ -356,8 +365,9 @@ int run(const Options &options) {
     std::vector<const Image *> exposures;
     for (int i : order)
         exposures.push_back(&images[i]);
-    // Metadata come from the middle exposure, or the brighter of two.
-    const std::string &reference = options.images[order[1]];
+    // Metadata come from the middle exposure, or the brighter of two, unless
+    // --metadata-from names their source.
+    const std::string &reference = options.metadataFrom.empty() ? options.images[order[1]] : options.metadataFrom;
     ProgressBar bar(gStderr);
     ProgressBar *shown = !options.quiet && !options.verbose && isatty(gStderr) ? &bar : nullptr;
     SharedBuffer result;
@@ -368,6 +378,21 @@ int run(const Options &options) {
     const OutputPicture picture{options.outputFormat, region.width,  region.height,
                                 options.depth,        result.data,   options.quality};
     return deliver(options, picture, reference, shown, output);
+}
+
+BatchHooks batchHooks() {
+    BatchHooks hooks;
+    hooks.say = say;
+    hooks.usageError = usageError;
+    hooks.fuse = [](const Options &options, std::vector<Image> &decoded) { return run(options, &decoded); };
+    hooks.lastLine = [] { return gLastLine; };
+    hooks.roomFor = [](const Options &current, int width, int height, double moreBytes) {
+        const double need = fusionBytes(double(width) * height, double(width) * height,
+                                        int(current.images.size())) + moreBytes;
+        const MemoryBudget budget = memoryBudget();
+        return budget.bytes > 0 && need <= budget.bytes;
+    };
+    return hooks;
 }
 
 }  // namespace
@@ -388,5 +413,24 @@ int main(int argc, char **argv) {
         return usageError(message);
     installSignalHandlers();
     muteMetadataWarnings(!options.verbose);
+    if (!options.metadataFrom.empty() && access(options.metadataFrom.c_str(), R_OK) != 0) {
+        say(options.metadataFrom + ": cannot read the metadata: " + strerror(errno));
+        return 1;
+    }
+    if (options.batch)
+        return runBatch(options, batchHooks());
+    FrameChoice choice;
+    const int chosen = chooseFrames(options.images, options.frames, choice, message);
+    if (chosen == 2)
+        return usageError(message);
+    if (chosen == 130)
+        return cancelled();
+    if (chosen != kContinue) {
+        say(message);
+        return chosen;
+    }
+    if (!options.quiet && !choice.line.empty())
+        say(choice.line);
+    options.images = choice.paths;
     return run(options);
 }

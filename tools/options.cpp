@@ -2,6 +2,7 @@
 // value the library receives inside the range it handles.
 #include "options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include "BilateralFilter.h"
+#include "argfile.h"
 
 #ifndef LUMORA_FUSE_VERSION
 #define LUMORA_FUSE_VERSION "0.0.0"
@@ -186,10 +188,31 @@ bool checkTogether(const Options &options, const std::string &strengthText, std:
 }
 
 // The number of images, and an output whose format is known and holds the depth.
-bool checkFiles(Options &options, std::string &message) {
-    if (options.images.size() < 2 || options.images.size() > 3) {
-        message = "expected 2 or 3 images, got " + std::to_string(options.images.size()) +
-                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT)";
+bool checkFiles(Options &options, const std::string &format, std::string &message) {
+    if (options.batch) {
+        if (options.images.empty()) {
+            message = "--batch: no files or folders given (Usage: lumora-fuse --batch [OPTION]... FILE|FOLDER... "
+                      "-o FOLDER)";
+            return false;
+        }
+        if (options.output.empty()) {
+            message = "no output folder: give one with -o FOLDER";
+            return false;
+        }
+        options.outputFormat = formatFromExtension("." + (format.empty() ? std::string("jpg") : format));
+        if (options.outputFormat == FileFormat::Unknown || format.find('.') != std::string::npos) {
+            message = "--format: '" + format + "' is not valid (jpg, png or tif)";
+            return false;
+        }
+        if (options.outputFormat == FileFormat::Jpeg && options.depth == 16) {
+            message = "--depth 16: JPEG holds 8-bit samples only; use --format png or tif";
+            return false;
+        }
+        return true;
+    }
+    if (options.images.size() < 2) {
+        message = "expected 2 or more images, got " + std::to_string(options.images.size()) +
+                  " (Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT)";
         return false;
     }
     if (options.output.empty()) {
@@ -208,6 +231,20 @@ bool checkFiles(Options &options, std::string &message) {
     return true;
 }
 
+// --frames A,B[,C]: two or three names.
+bool parseFrames(const std::string &text, std::vector<std::string> &frames, std::string &message) {
+    size_t start = 0;
+    for (size_t comma; (comma = text.find(',', start)) != std::string::npos; start = comma + 1)
+        frames.push_back(text.substr(start, comma - start));
+    frames.push_back(text.substr(start));
+    if (frames.size() < 2 || frames.size() > 3 ||
+        std::any_of(frames.begin(), frames.end(), [](const std::string &f) { return f.empty(); })) {
+        message = "--frames: '" + text + "' is not two or three file names separated by commas";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string versionText() {
@@ -219,15 +256,18 @@ std::string helpText() {
     float d[kFusionParamCount];
     defaults(d);
     std::string s =
-        "Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT\n"
-        "Fuse two or three exposures of one scene into one natural-looking picture.\n"
+        "Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n"
+        "  or:  lumora-fuse --batch [OPTION]... FILE|FOLDER... -o FOLDER\n"
+        "Fuse exposures of one scene into one natural-looking picture.\n"
         "\n"
         "The exposures may be given in any order: they are sorted by mean brightness,\n"
-        "darkest first. Inputs are JPEG, PNG or TIFF; 16-bit, greyscale and palette\n"
-        "images are converted to 8-bit RGB and alpha is dropped (each conversion is\n"
-        "reported). The output format follows OUTPUT's extension: .jpg/.jpeg, .png,\n"
-        ".tif/.tiff. EXIF, XMP and the ICC profile of the middle exposure (the\n"
-        "brighter of two) are copied into the output.\n"
+        "darkest first; of more than three, three are fused (see Frames). Inputs are\n"
+        "JPEG, PNG or TIFF; 16-bit, greyscale and palette images are converted to\n"
+        "8-bit RGB and alpha is dropped (each conversion is reported). The output\n"
+        "format follows OUTPUT's extension: .jpg/.jpeg, .png, .tif/.tiff. EXIF, XMP\n"
+        "and the ICC profile of the middle exposure (the brighter of two) are copied\n"
+        "into the output. An argument @FILE stands for the lines of FILE, one\n"
+        "argument a line (blank lines ignored).\n"
         "\n"
         "Output:\n";
     s += wrapped("  -o, --output=FILE",
@@ -237,6 +277,31 @@ std::string helpText() {
     s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
     s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
                                           "the radii of the whole picture (a fast preview)");
+    s += wrapped("      --metadata-from=FILE", "copy the metadata of FILE (any image file, an input or not) "
+                                               "instead of the middle exposure's");
+    s += "\nFrames (more than three of one scene):\n";
+    s += "  The darkest, the brightest and the one nearest a normal exposure are fused.\n"
+         "  Where every frame records its exposure (EXIF exposure time, f-number and\n"
+         "  ISO: EV = log2(N^2/t) - log2(ISO/100); or else the exposure bias), normal is\n"
+         "  nearest the median of the frames; otherwise every frame is decoded and normal\n"
+         "  is the mean brightness nearest mid-grey (118 of 255). One line says which\n"
+         "  three were taken and why.\n";
+    s += wrapped("      --frames=A,B[,C]", "fuse these two or three of the frames instead, named as on the command "
+                                           "line (or the same files by another path)");
+    s += "\nBatch (-o names a folder, made if missing):\n";
+    s += wrapped("      --batch", "fuse every bracket among the files and folders given (a folder's JPEG, PNG and "
+                                  "TIFF files, not its subfolders nor *_fused.* files); the frames are grouped by "
+                                  "their EXIF capture time (a new bracket after a gap of more than 5 seconds "
+                                  "between one frame's end and the next one's start, or when an exposure repeats); a "
+                                  "bracket that fails is reported and the others go on");
+    s += wrapped("      --group=N", "group the frames by N in name order instead (2 to 1000; needed when the "
+                                    "files record no capture time)");
+    s += wrapped("      --format=jpg|png|tif", "format of the outputs, each named after its bracket's middle frame "
+                                              "(in capture or name order): STEM_fused.jpg (default jpg)");
+    s += wrapped("      --overwrite", "replace existing outputs (by default they are skipped, so that an "
+                                      "interrupted batch resumes)");
+    s += wrapped("      --report=FILE", "write a JSON summary: per bracket its inputs, output, frames fused, "
+                                        "alignment, seconds and status (fused, skipped or failed)");
     s += "\nFusion (ranges are what the fusion handles safely):\n";
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &p = kParamSpecs[i];
@@ -269,10 +334,13 @@ std::string helpText() {
          "  lumora-fuse --strength 25 --saturation 2 a.png b.png -o fused.png\n"
          "  lumora-fuse --depth 16 --no-preserve-highlights a.tif b.tif -o fused.tif\n"
          "  lumora-fuse --loupe 800,600,400,300 a.jpg b.jpg c.jpg -o preview.jpg\n"
+         "  lumora-fuse IMG_*.jpg -o fused.jpg\n"
+         "  lumora-fuse --frames IMG_2.jpg,IMG_5.jpg,IMG_8.jpg IMG_*.jpg -o fused.jpg\n"
+         "  lumora-fuse --batch --format tif --report report.json photos/ -o fused/\n"
          "\n"
          "Exit status: 0 done, 1 failure (unreadable input, unwritable output, fusion\n"
-         "failure), 2 usage error, 130 cancelled (Ctrl-C); a cancelled or failed run\n"
-         "writes nothing.\n";
+         "failure; with --batch, any bracket failed), 2 usage error, 130 cancelled\n"
+         "(Ctrl-C); a cancelled or failed run writes nothing.\n";
     return s;
 }
 
@@ -283,7 +351,7 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
     app.set_help_flag();
     bool help = false, version = false, preserve = int(options.params[kPreserveHighlights]) != 0;
-    std::string paramText[kFusionParamCount], threads, quality, depth, loupe;
+    std::string paramText[kFusionParamCount], threads, quality, depth, loupe, frames, group, format;
     app.add_option("images", options.images);
     app.add_option("-o,--output", options.output);
     app.add_flag("-h,--help", help);
@@ -295,13 +363,23 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     app.add_option("--quality", quality);
     app.add_option("--depth", depth);
     app.add_option("--loupe", loupe);
+    app.add_option("--frames", frames);
+    app.add_option("--metadata-from", options.metadataFrom);
+    app.add_flag("--batch", options.batch);
+    app.add_option("--group", group);
+    app.add_option("--format", format);
+    app.add_flag("--overwrite", options.overwrite);
+    app.add_option("--report", options.report);
     for (int i = 0; i < kParamSpecCount; ++i)
         app.add_option(std::string("--") + kParamSpecs[i].option, paramText[kParamSpecs[i].index]);
 
     try {
         std::vector<std::string> args;
-        for (int i = argc - 1; i >= 1; --i)
+        for (int i = 1; i < argc; ++i)
             args.emplace_back(argv[i]);
+        if (!expandArgumentFiles(args, message))
+            return 2;
+        std::reverse(args.begin(), args.end());
         app.parse(args);
     } catch (const CLI::ParseError &e) {
         message = e.what();
@@ -341,7 +419,21 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     if (app.count("--loupe") && !parseLoupe(loupe, options.loupe, message))
         return 2;
 
-    return checkFiles(options, message) ? kContinue : 2;
+    if (app.count("--frames") && !parseFrames(frames, options.frames, message))
+        return 2;
+    if (app.count("--group") && !checkWhole("--group", group, 2, 1000, options.group, message))
+        return 2;
+    for (const char *name : {"--group", "--format", "--overwrite", "--report"})
+        if (!options.batch && app.count(name)) {
+            message = std::string(name) + ": only with --batch";
+            return 2;
+        }
+    if (options.batch && (app.count("--frames") || app.count("--loupe"))) {
+        message = std::string(app.count("--frames") ? "--frames" : "--loupe") +
+                  ": not with --batch (each bracket is fused whole, from frames of its own)";
+        return 2;
+    }
+    return checkFiles(options, format, message) ? kContinue : 2;
 }
 
 }  // namespace lumora_fuse

@@ -62,6 +62,13 @@ struct Options {
     int depth = 8;
     bool quiet = false;
     bool verbose = false;
+    std::vector<std::string> frames;  // --frames: the ones to fuse, as given
+    std::string metadataFrom;         // --metadata-from: the file whose metadata the output gets
+    // --batch: images are files and folders, output is the output folder.
+    bool batch = false;
+    int group = 0;  // --group: frames per bracket in name order; 0 by their metadata
+    bool overwrite = false;
+    std::string report;  // --report: the JSON summary's file
 };
 
 // Result of parseOptions when the tool should go on and fuse.

@@ -156,9 +156,10 @@ protected:
     void TearDown() override { for (const std::string &path : {dir_, errPath_, outPath_}) fs::remove_all(path); }
 
     std::string at(const std::string &name) const { return dir_ + "/" + name; }
-    // Every "@" stands for the test folder.
+    // Every "@" stands for the test folder; "%" then for a plain "@" (an argument file).
     std::string expand(std::string text) const {
         for (size_t p; (p = text.find('@')) != std::string::npos;) text.replace(p, 1, dir_ + "/");
+        std::replace(text.begin(), text.end(), '%', '@');
         return text;
     }
 
@@ -365,6 +366,10 @@ TEST_F(Cli, CopiesExifXmpAndIccOfTheMiddleExposure) {
         EXPECT_EQ(std::string((const char *)out->iccProfile()->pData_, out->iccProfile()->size_), kIcc);
         EXPECT_EQ(load(at(name)).width, 128) << "the pixels are not rotated";
     }
+    ASSERT_EQ(run("--metadata-from @d.jpg @b.jpg @m.jpg -o @other.jpg").status, 0);
+    auto other = Exiv2::ImageFactory::open(at("other.jpg"));
+    other->readMetadata();
+    EXPECT_EQ(other->exifData()["Exif.Image.Make"].toString(), "Other") << "--metadata-from chooses the source";
 }
 
 TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
@@ -401,8 +406,14 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"@a.png @cut.tif -o @f.jpg", 1, "@cut.tif: truncated TIFF file"},
         {"@a.png @header.tif -o @f.jpg", 1, "@header.tif: corrupt TIFF file"},
         {"@a.png @other.png -o @f.jpg", 1, "@other.png: size 64x48 differs from @a.png (128x96)"},
-        {"@a.png -o @f.jpg", 2, "expected 2 or 3 images, got 1"},
-        {"@a.png @b.png @c.png @a.png -o @f.jpg", 2, "expected 2 or 3 images, got 4"},
+        {"@a.png -o @f.jpg", 2, "expected 2 or more images, got 1"},
+        {"@a.png @b.png @c.png @other.png -o @f.jpg", 1, "@other.png: size 64x48 differs from @a.png (128x96)"},
+        {"--frames @a.png,@c.png @a.png @b.png -o @f.jpg", 2, "--frames: @c.png is not one of the frames given"},
+        {"--frames @a.png @a.png @b.png -o @f.jpg", 2, "--frames: '@a.png' is not two or three file names"},
+        {"%@missing.args -o @f.jpg", 2, "@missing.args: cannot read the arguments: No such file or directory"},
+        {"--metadata-from @missing.jpg @a.png @b.png -o @f.jpg", 1, "@missing.jpg: cannot read the metadata"},
+        {"--group 3 @a.png @b.png -o @f.jpg", 2, "--group: only with --batch"},
+        {"--batch --format gif @a.png -o @out", 2, "--format: 'gif' is not valid (jpg, png or tif)"},
         {"@a.png @b.png", 2, "no output file"},
         {"@a.png @b.png -o @nofolder/f.jpg", 1, "@nofolder/f.jpg: cannot write the output: No such file or directory"},
         {"@a.png @b.png -o @b.png", 2, "@b.png: is one of the input images"},
@@ -481,11 +492,134 @@ TEST_F(Cli, PicturesAndLoupesNarrowerThanTheFilterFuseAtTheirOwnSize) {
     }
 }
 
+Image brightened(const Image &in, double factor) {
+    Image out = in;
+    for (unsigned char &v : out.rgb) v = (unsigned char)std::min(255.0, std::round(v * factor));
+    return out;
+}
+
+double meanOf(const Image &image) {
+    return std::accumulate(image.rgb.begin(), image.rgb.end(), 0.0) / double(image.rgb.size());
+}
+
+// Brightened (with clipping) to the given mean sample value.
+Image atLevel(const Image &in, double level) {
+    double lo = 0, hi = 10;
+    for (int i = 0; i < 30; ++i) (meanOf(brightened(in, (lo + hi) / 2)) < level ? lo : hi) = (lo + hi) / 2;
+    return brightened(in, lo);
+}
+
+// EXIF written into an image file: {key, value} with rationals as "n/d".
+void tag(const std::string &path, const std::vector<std::pair<std::string, std::string>> &tags) {
+    auto image = Exiv2::ImageFactory::open(path);
+    image->readMetadata();
+    for (const auto &[key, value] : tags) image->exifData()[key] = value;
+    image->writeMetadata();
+}
+
+TEST_F(Cli, OfManyFramesFusesTheDarkestTheBrightestAndTheNormalOneOrThoseNamed) {
+    // Nine 64x48 frames, named out of brightness order: a and i from the dark and bright samples,
+    // the others the middle one brightened to mean levels around mid-grey (e: 118).
+    const Image dark = crop(bracket_[0], 32, 24, 64, 48), mid = crop(bracket_[1], 32, 24, 64, 48);
+    const std::vector<std::pair<std::string, double>> levels = {
+        {"b", 60}, {"c", 85}, {"d", 100}, {"e", 118}, {"f", 136}, {"g", 150}, {"h", 165}};
+    save(at("a.png"), brightened(dark, 0.5));
+    save(at("i.png"), brightened(crop(bracket_[2], 32, 24, 64, 48), 1.3));
+    for (const auto &[name, level] : levels) save(at(name + ".png"), atLevel(mid, level));
+    const std::string all = "@e.png @b.png @i.png @c.png @a.png @g.png @d.png @h.png @f.png";
+    const std::string byArgs = expand(all);
+    std::string lines;  // one a line, with blank lines between
+    for (size_t start = 0, end; start < byArgs.size(); start = end + 1)
+        lines += byArgs.substr(start, (end = std::min(byArgs.find(' ', start), byArgs.size())) - start) + "\n\n";
+    spill(at("args"), lines);
+
+    ToolRun r = run(all + " -o @by-brightness.png");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "lumora-fuse: 9 frames; fusing a.png (darkest), e.png (normal), i.png (brightest) by mean "
+                     "brightness\n");
+    ASSERT_EQ(run("-q @i.png @a.png @e.png -o @three.png").status, 0);
+    EXPECT_TRUE(slurp(at("by-brightness.png")) == slurp(at("three.png"))) << "those three fused, nothing else";
+
+    // Recorded exposures that disagree with the pixels win: light 2^k at k below (c at ISO 400).
+    const std::vector<std::pair<std::string, int>> ks = {{"a", 3}, {"b", 0}, {"c", 2}, {"d", 5}, {"e", 1},
+                                                         {"f", 6}, {"g", 2}, {"h", 8}, {"i", 7}};
+    for (const auto &[name, k] : ks)
+        tag(at(name + ".png"), {{"Exif.Photo.ExposureTime", std::to_string(1 << k) + "/1000"},
+                                {"Exif.Photo.FNumber", "8/1"}, {"Exif.Photo.ISOSpeedRatings", name == "c" ? "400" : "100"}});
+    r = run("%@args -o @by-exif.png");
+    EXPECT_EQ(r.status, 0) << "the same frames, read from an argument file";
+    EXPECT_EQ(r.err, "lumora-fuse: 9 frames; fusing b.png (darkest), c.png (normal), h.png (brightest) by recorded "
+                     "exposure\n") << "ISO 400 counts two stops: c is the median";
+
+    r = run("--frames @c.png,@./f.png " + all + " -o @named.png");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "lumora-fuse: 9 frames; fusing c.png, f.png as named by --frames\n") << "by name or another path";
+    ASSERT_EQ(run("-q @f.png @c.png -o @two.png").status, 0);
+    EXPECT_TRUE(slurp(at("named.png")) == slurp(at("two.png")));
+}
+
+TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
+    // Three brackets of 64x48 frames, one second apart: the second starts where an exposure bias
+    // repeats, the third (biases one stop up, none repeated) after a minute. Plus a file that is
+    // no picture.
+    fs::create_directory(at("in"));
+    for (int b = 0; b < 3; ++b)
+        for (int i = 0; i < 3; ++i) {
+            const std::string name = "in/s" + std::to_string(b) + std::to_string(i) + ".jpg";
+            save(at(name), crop(bracket_[(i + 1) % 3], 16 * b, 8 * b, 64, 48));
+            const int second = b * 3 + i + (b == 2 ? 60 : 0);
+            tag(at(name), {{"Exif.Photo.DateTimeOriginal", "2026:05:01 10:0" + std::to_string(second / 60) + ":" +
+                                                               std::to_string(10 + second % 60)},
+                           {"Exif.Photo.ExposureBiasValue", std::to_string((i + 1) % 3 * 2 - 2 + b / 2) + "/1"}});
+        }
+    spill(at("in/broken.jpg"), "not a picture");
+    const std::vector<std::string> outputs = {"s01_fused.png", "s11_fused.png", "s21_fused.png"};
+
+    ToolRun r = run("--batch --format png --report @report.json @in -o @out");
+    EXPECT_EQ(r.status, 1) << "a file failed";
+    EXPECT_NE(r.err.find(expand("lumora-fuse: @in/broken.jpg: not a JPEG, PNG or TIFF image; skipped\n")),
+              std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(expand("bracket 3 of 3: 3 frames -> @out/s21_fused.png; about ")), std::string::npos);
+    std::set<std::string> made;
+    for (const auto &entry : fs::directory_iterator(at("out"))) made.insert(entry.path().filename().string());
+    EXPECT_EQ(made, std::set<std::string>(outputs.begin(), outputs.end()));
+    ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
+    EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
+    const std::string report = slurp(at("report.json"));
+    for (const std::string key : {"\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
+                                  "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
+        EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
+
+    const auto written = fs::last_write_time(at("out/s01_fused.png"));
+    r = run("--batch --format png --report @report.json @in -o @out");
+    EXPECT_EQ(r.status, 1);
+    for (const std::string &name : outputs)
+        EXPECT_NE(r.err.find(expand("@out/" + name + ": exists; skipped")), std::string::npos) << r.err;
+    EXPECT_EQ(fs::last_write_time(at("out/s01_fused.png")), written);
+    EXPECT_NE(slurp(at("report.json")).find("\"fused\": 0, \"skipped\": 3, \"failed\": 1"), std::string::npos);
+
+    // Without capture times the frames go by --group in name order.
+    fs::create_directory(at("plain"));
+    for (int i = 0; i < 4; ++i) save(at("plain/p" + std::to_string(i) + ".png"), crop(bracket_[i % 2 * 2], 0, 0, 64, 48));
+    r = run("--batch @plain -o @plain");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("records no capture time; give --group N"), std::string::npos) << r.err;
+    r = run("-q --batch --group 2 @plain -o @plain");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::exists(at("plain/p1_fused.jpg")) && fs::exists(at("plain/p3_fused.jpg")));
+    EXPECT_EQ(run("-q --batch --group 2 @plain -o @plain").status, 0) << "its own outputs are not taken as frames";
+    fs::create_directory(at("again"));
+    for (const char *name : {"p0.png", "p1.png"}) fs::copy_file(at("plain/") + name, at("again/") + name);
+    r = run("-q --batch --group 2 @plain @again -o @out2");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, expand("lumora-fuse: @out2/p1_fused.jpg: another bracket's output has the same name; not fused\n"));
+}
+
 TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
     const ToolRun help = run("--help");
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.err, "");
-    EXPECT_EQ(help.out.rfind("Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE] -o OUTPUT\n", 0), 0u);
+    EXPECT_EQ(help.out.rfind("Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n", 0), 0u);
     std::string flat;  // the help text with its line breaks and indents folded
     for (char c : help.out)
         if (!(c == ' ' || c == '\n') || (!flat.empty() && flat.back() != ' ')) flat += c == '\n' ? ' ' : c;

@@ -1,0 +1,326 @@
+// batch.cpp: brackets found among many files and fused one after the other,
+// the next one's frames decoded in the background while one fuses.
+#include "batch.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <set>
+
+#include "cancel.h"
+#include "frames.h"
+#include "fusion_call.h"
+
+namespace lumora_fuse {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A frame's exposure time beyond which the next one's capture time counts as
+// a new bracket.
+constexpr double kBracketGapSeconds = 5;
+
+struct Bracket {
+    std::vector<FrameInfo> frames;
+    std::string output;
+    std::vector<std::string> chosen;  // the frames fused
+    std::string status = "failed", error;
+    double seconds = 0;
+};
+
+// The frames of one bracket, picked and (in the background) decoded.
+struct Prepared {
+    int status = kContinue;
+    std::string error;
+    FrameChoice choice;
+    std::vector<Image> images;  // empty unless decoded
+    std::vector<std::string> notes;
+};
+
+Prepared prepare(const Bracket &bracket, bool decode) {
+    Prepared p;
+    std::vector<std::string> paths;
+    for (const FrameInfo &f : bracket.frames)
+        paths.push_back(f.path);
+    p.status = chooseFrames(paths, {}, p.choice, p.error);
+    if (p.status != kContinue || !decode)
+        return p;
+    p.images.resize(p.choice.paths.size());
+    for (size_t i = 0; i < p.images.size() && p.status == kContinue; ++i) {
+        const std::string &path = p.choice.paths[i];
+        const SizeCheck check = [&](int w, int h, std::string &message) {
+            if (i == 0)
+                return fusionSizeAllowed(w, h, message);
+            if (w == p.images[0].width && h == p.images[0].height)
+                return true;
+            message = "size " + std::to_string(w) + "x" + std::to_string(h) + " differs from " +
+                      p.choice.paths[0] + "; the exposures must be of one size";
+            return false;
+        };
+        std::vector<std::string> notes;
+        if (!readImage(path, p.images[i], p.error, &notes, check)) {
+            p.status = 1;
+            p.error = path + ": " + p.error;
+            p.images.clear();
+        }
+        for (const std::string &note : notes)
+            p.notes.push_back(path + ": " + note);
+    }
+    return p;
+}
+
+// In a thread of its own, which leaves the cancel signals to the main thread.
+std::future<Prepared> prepareInBackground(const Bracket &bracket) {
+    return std::async(std::launch::async, [&bracket] {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        sigaddset(&set, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        return prepare(bracket, true);
+    });
+}
+
+bool isFusedOutput(const fs::path &path) {
+    const std::string stem = path.stem().string();
+    return stem.size() >= 6 && stem.compare(stem.size() - 6, 6, "_fused") == 0;
+}
+
+std::vector<std::string> gather(const std::vector<std::string> &args) {
+    std::vector<std::string> files;
+    for (const std::string &arg : args) {
+        std::error_code error;
+        if (!fs::is_directory(arg, error)) {
+            files.push_back(arg);
+            continue;
+        }
+        std::vector<std::string> inFolder;
+        for (const auto &entry : fs::directory_iterator(arg, error))
+            if (entry.is_regular_file(error) && formatFromExtension(entry.path().string()) != FileFormat::Unknown &&
+                !isFusedOutput(entry.path()))
+                inFolder.push_back(entry.path().string());
+        std::sort(inFolder.begin(), inFolder.end());
+        files.insert(files.end(), inFolder.begin(), inFolder.end());
+    }
+    return files;
+}
+
+// Brackets by capture time (and repeated exposures), or by count in name order.
+int group(const Options &options, std::vector<FrameInfo> frames, std::vector<Bracket> &brackets,
+          std::string &error) {
+    if (options.group > 0) {
+        std::sort(frames.begin(), frames.end(), [](const FrameInfo &a, const FrameInfo &b) { return a.path < b.path; });
+        for (size_t i = 0; i < frames.size(); i += size_t(options.group)) {
+            brackets.emplace_back();
+            brackets.back().frames.assign(frames.begin() + long(i),
+                                          frames.begin() + long(std::min(frames.size(), i + options.group)));
+        }
+        return kContinue;
+    }
+    for (const FrameInfo &f : frames)
+        if (!f.hasCaptureTime) {
+            error = f.path + ": records no capture time; give --group N to group the frames by N in name order";
+            return 2;
+        }
+    std::stable_sort(frames.begin(), frames.end(), [](const FrameInfo &a, const FrameInfo &b) {
+        return a.captureTime != b.captureTime ? a.captureTime < b.captureTime : a.path < b.path;
+    });
+    std::vector<double> light;
+    const bool recorded = recordedLight(frames, light);
+    size_t first = 0;  // the current bracket's first frame
+    for (size_t i = 0; i < frames.size(); ++i) {
+        bool starts = i == 0 || frames[i].captureTime - frames[i - 1].captureTime - frames[i - 1].exposureTime >
+                                    kBracketGapSeconds;
+        for (size_t j = first; j < i && recorded && !starts; ++j)
+            starts = std::abs(light[j] - light[i]) < 0.01;
+        if (starts) {
+            brackets.emplace_back();
+            first = i;
+        }
+        brackets.back().frames.push_back(frames[i]);
+    }
+    return kContinue;
+}
+
+std::string quoted(const std::string &text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if ((unsigned char)c < 0x20) {
+            char escape[8];
+            snprintf(escape, sizeof escape, "\\u%04x", c);
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string quotedList(const std::vector<std::string> &items) {
+    std::string out = "[";
+    for (size_t i = 0; i < items.size(); ++i)
+        out += (i ? ", " : "") + quoted(items[i]);
+    return out + "]";
+}
+
+std::string reportText(const std::vector<Bracket> &brackets) {
+    std::string out = "{\n  \"brackets\": [";
+    int counts[3] = {};
+    for (size_t i = 0; i < brackets.size(); ++i) {
+        const Bracket &b = brackets[i];
+        std::vector<std::string> inputs;
+        for (const FrameInfo &f : b.frames)
+            inputs.push_back(f.path);
+        char seconds[32];
+        snprintf(seconds, sizeof seconds, "%.3f", b.seconds);
+        out += std::string(i ? "," : "") + "\n    {\"inputs\": " + quotedList(inputs) +
+               ", \"output\": " + quoted(b.output) + ", \"frames\": " + quotedList(b.chosen) +
+               ", \"alignment\": \"none\", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
+               ", \"error\": " + quoted(b.error) + "}";
+        counts[b.status == "fused" ? 0 : b.status == "skipped" ? 1 : 2] += 1;
+    }
+    return out + "\n  ],\n  \"fused\": " + std::to_string(counts[0]) + ", \"skipped\": " +
+           std::to_string(counts[1]) + ", \"failed\": " + std::to_string(counts[2]) + "\n}\n";
+}
+
+std::string timeLeft(double seconds) {
+    if (seconds < 90)
+        return "about " + std::to_string(int(std::ceil(seconds))) + " s left";
+    if (seconds < 5400)
+        return "about " + std::to_string(int(std::lround(seconds / 60))) + " min left";
+    return "about " + std::to_string(int(std::lround(seconds / 3600))) + " h left";
+}
+
+const char *extensionOf(FileFormat format) {
+    return format == FileFormat::Png ? ".png" : format == FileFormat::Tiff ? ".tif" : ".jpg";
+}
+
+}  // namespace
+
+int runBatch(const Options &options, const BatchHooks &hooks) {
+    initMetadataForThreads();
+    std::error_code error;
+    if (!fs::is_directory(options.output, error) && !fs::create_directory(options.output, error)) {
+        hooks.say(options.output + ": cannot make the output folder: " + error.message());
+        return 1;
+    }
+
+    std::vector<Bracket> unreadable, brackets;
+    std::vector<FrameInfo> frames;
+    for (const std::string &path : gather(options.images)) {
+        FrameInfo info;
+        std::string why;
+        if (readFrameInfo(path, info, why)) {
+            frames.push_back(info);
+            continue;
+        }
+        hooks.say(path + ": " + why + "; skipped");
+        unreadable.emplace_back();
+        unreadable.back().frames.push_back(info);
+        unreadable.back().frames.back().path = path;
+        unreadable.back().error = why;
+    }
+    std::string why;
+    if (group(options, frames, brackets, why) != kContinue)
+        return hooks.usageError(why);
+
+    std::vector<size_t> todo;
+    std::set<std::string> names;  // the outputs so far: two brackets never write one file
+    for (size_t i = 0; i < brackets.size(); ++i) {
+        Bracket &b = brackets[i];
+        const fs::path middle(b.frames[b.frames.size() / 2].path);
+        b.output = (fs::path(options.output) / (middle.stem().string() + "_fused" +
+                                                 extensionOf(options.outputFormat))).string();
+        if (b.frames.size() < 2) {
+            b.error = "a bracket of one frame; nothing to fuse it with";
+            hooks.say(b.frames[0].path + ": " + b.error);
+        } else if (!names.insert(b.output).second) {
+            b.error = "another bracket's output has the same name";
+            hooks.say(b.output + ": " + b.error + "; not fused");
+        } else if (!options.overwrite && fs::exists(b.output, error)) {
+            b.status = "skipped";
+            if (!options.quiet)
+                hooks.say(b.output + ": exists; skipped (--overwrite replaces it)");
+        } else {
+            todo.push_back(i);
+        }
+    }
+
+    int status = 0;
+    double fusedSeconds = 0;
+    int fusedCount = 0;
+    std::future<Prepared> next;
+    for (size_t k = 0; k < todo.size() && status != 130; ++k) {
+        Bracket &b = brackets[todo[k]];
+        const auto start = std::chrono::steady_clock::now();
+        Prepared p = next.valid() ? next.get() : prepare(b, false);
+        if (!options.quiet) {
+            std::string line = "bracket " + std::to_string(k + 1) + " of " + std::to_string(todo.size()) + ": " +
+                               std::to_string(b.frames.size()) + " frames -> " + b.output;
+            if (fusedCount > 0)
+                line += "; " + timeLeft(fusedSeconds / fusedCount * double(todo.size() - k));
+            hooks.say(line);
+            if (!p.choice.line.empty())
+                hooks.say(p.choice.line);
+            for (const std::string &note : p.notes)
+                hooks.say(note);
+        }
+        int result = p.status;
+        if (result != kContinue) {
+            hooks.say(p.error);
+            b.error = p.error;
+        } else {
+            b.chosen = p.choice.paths;
+            Options one = options;
+            one.images = p.choice.paths;
+            one.output = b.output;
+            if (k + 1 < todo.size()) {
+                const Bracket &after = brackets[todo[k + 1]];
+                const double pixels = double(after.frames[0].width) * after.frames[0].height;
+                if (hooks.roomFor(one, b.frames[0].width, b.frames[0].height, pixels * 3 * 4))
+                    next = prepareInBackground(after);
+            }
+            result = hooks.fuse(one, p.images);
+            if (result != 0)
+                b.error = hooks.lastLine();
+        }
+        b.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (result == 0) {
+            b.status = "fused";
+            fusedSeconds += b.seconds;
+            fusedCount += 1;
+        } else {
+            status = result == 130 ? 130 : 1;
+            if (result == 130)
+                b.status = "cancelled";
+        }
+    }
+    if (next.valid())
+        next.wait();
+
+    brackets.insert(brackets.begin(), unreadable.begin(), unreadable.end());
+    if (status == 0 && std::any_of(brackets.begin(), brackets.end(),
+                                   [](const Bracket &b) { return b.status == "failed"; }))
+        status = 1;
+    if (!options.report.empty()) {
+        const std::string text = reportText(brackets);
+        std::string reason;
+        if (!writeFileBytes(options.report, text.data(), text.size(), reason)) {
+            hooks.say(options.report + ": cannot write the report: " + reason);
+            return status == 130 ? 130 : 1;
+        }
+    }
+    return status;
+}
+
+}  // namespace lumora_fuse
