@@ -25,6 +25,9 @@ struct Image {
     int width = 0;
     int height = 0;
     std::vector<unsigned char> rgb;  // width * height * 3
+    // width * height opacities (255: opaque) of a file whose alpha channel
+    // varies; empty when it has none or the same alpha everywhere.
+    std::vector<unsigned char> alpha = {};
 };
 
 // The output format chosen by a file name's extension (case-insensitive):
