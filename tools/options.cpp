@@ -224,19 +224,26 @@ std::string helpText() {
         "\n"
         "The exposures may be given in any order: they are sorted by mean brightness,\n"
         "darkest first. Inputs are JPEG, PNG or TIFF; 16-bit, greyscale and palette\n"
-        "images are converted to 8-bit RGB and alpha is dropped (each conversion is\n"
-        "reported). The output format follows OUTPUT's extension: .jpg/.jpeg, .png,\n"
-        ".tif/.tiff. EXIF, XMP and the ICC profile of the middle exposure (the\n"
-        "brighter of two) are copied into the output.\n"
+        "images are converted to 8-bit RGB (each conversion is reported). Inputs with\n"
+        "transparent edges (PNG or TIFF alpha) are cut down to the largest rectangle\n"
+        "opaque in all of them; alpha that is the same everywhere is dropped. The\n"
+        "output format follows OUTPUT's extension: .jpg/.jpeg, .png, .tif/.tiff. EXIF,\n"
+        "XMP and the ICC profile of the middle exposure (the brighter of two) are\n"
+        "copied into the output.\n"
         "\n"
-        "Output:\n";
+        "Input:\n";
+    s += wrapped("      --align", "register every exposure to the middle one (shift and rotation, whatever the exposure "
+                                  "difference) before fusing, and cut the result down to the largest rectangle all of "
+                                  "them cover; without it, exposures found a pixel or more out of line are reported");
+    s += "\nOutput:\n";
     s += wrapped("  -o, --output=FILE",
                  "write the result to FILE (required); it is written whole or not at all, and never over an input "
                  "or a write-protected file");
     s += wrapped("      --depth=8|16", "bits per sample of a PNG or TIFF output (default 8; JPEG is 8-bit only)");
     s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
     s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
-                                          "the radii of the whole picture (a fast preview)");
+                                          "the radii of the whole picture (a fast preview); in the picture as cropped by "
+                                          "--align or transparent edges");
     s += "\nFusion (ranges are what the fusion handles safely):\n";
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &p = kParamSpecs[i];
@@ -254,7 +261,7 @@ std::string helpText() {
          "      --threads=N            worker threads, 1 to " + std::to_string(kMaxThreads) +
          " (default: one per\n"
          "                             available core)\n"
-         "  -q, --quiet                no progress bar and no conversion notes\n"
+         "  -q, --quiet                no progress bar, no conversion or cropping notes\n"
          "  -v, --verbose              also show the fusion library's commentary\n"
          "  -h, --help                 display this help and exit\n"
          "  -V, --version              output version information and exit\n"
@@ -269,10 +276,11 @@ std::string helpText() {
          "  lumora-fuse --strength 25 --saturation 2 a.png b.png -o fused.png\n"
          "  lumora-fuse --depth 16 --no-preserve-highlights a.tif b.tif -o fused.tif\n"
          "  lumora-fuse --loupe 800,600,400,300 a.jpg b.jpg c.jpg -o preview.jpg\n"
+         "  lumora-fuse --align handheld-1.jpg handheld-2.jpg handheld-3.jpg -o fused.jpg\n"
          "\n"
-         "Exit status: 0 done, 1 failure (unreadable input, unwritable output, fusion\n"
-         "failure), 2 usage error, 130 cancelled (Ctrl-C); a cancelled or failed run\n"
-         "writes nothing.\n";
+         "Exit status: 0 done, 1 failure (unreadable input, exposures that cannot be\n"
+         "aligned or share no opaque area, unwritable output, fusion failure), 2 usage\n"
+         "error, 130 cancelled (Ctrl-C); a cancelled or failed run writes nothing.\n";
     return s;
 }
 
@@ -289,6 +297,7 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     app.add_flag("-h,--help", help);
     app.add_flag("-V,--version", version);
     app.add_flag("-q,--quiet", options.quiet);
+    app.add_flag("--align", options.align);
     app.add_flag("-v,--verbose", options.verbose);
     app.add_flag("--preserve-highlights,!--no-preserve-highlights", preserve);
     app.add_option("--threads", threads);

@@ -62,6 +62,49 @@ protected:
     void TearDown() override { fs::remove_all(dir_); }
     std::string at(const std::string &name) const { return dir_ + "/" + name; }
 
+    struct Run {
+        int status;
+        std::string err;  // standard error
+    };
+    // The tool on a command line in which every "@" stands for the test folder.
+    Run tool(std::string args) const {
+        for (size_t p; (p = args.find('@')) != std::string::npos;) args.replace(p, 1, dir_ + "/");
+        const int status = std::system((std::string(LUMORA_FUSE_BINARY) + " " + args + " 2>" + at("err")).c_str());
+        std::ifstream in(at("err"));
+        fs::remove(at("err"));
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(std::istreambuf_iterator<char>(in), {})};
+    }
+    void save(const std::string &name, const Image &image) const {
+        std::string error;
+        ASSERT_TRUE(writeImage(at(name), formatFromExtension(name), image.width, image.height, 8, image.rgb.data(),
+                               95, error)) << error;
+    }
+    // image with the given opacities, as an RGBA PNG or TIFF
+    void saveWithAlpha(const std::string &name, const Image &image, const std::vector<unsigned char> &alpha) const {
+        std::vector<unsigned char> rgba;
+        for (size_t i = 0; i < alpha.size(); ++i)
+            rgba.insert(rgba.end(), {image.rgb[i * 3], image.rgb[i * 3 + 1], image.rgb[i * 3 + 2], alpha[i]});
+        if (formatFromExtension(name) == FileFormat::Png) {
+            png_image png{};
+            png.version = PNG_IMAGE_VERSION, png.width = image.width, png.height = image.height;
+            png.format = PNG_FORMAT_RGBA;
+            ASSERT_TRUE(png_image_write_to_file(&png, at(name).c_str(), 0, rgba.data(), 0, nullptr)) << png.message;
+            return;
+        }
+        TIFF *tif = TIFFOpen(at(name).c_str(), "w");
+        const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
+        TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(image.width));
+        TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(image.height));
+        TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(4));
+        TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(8));
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
+        TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+        TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        for (int y = 0; y < image.height; ++y)
+            ASSERT_EQ(TIFFWriteScanline(tif, &rgba[size_t(y) * image.width * 4], uint32_t(y), 0), 1);
+        TIFFClose(tif);
+    }
+
     static void SetUpTestSuite() {
         const char *names[] = {"0_dark.png", "1_mid.png", "2_bright.png"};
         for (int i = 0; i < 3; ++i) {
@@ -152,6 +195,90 @@ TEST_F(Align, TheCommonAreaIsTheLargestRectangleInsideEveryMovedFrame) {
                     << "case " << i << ": corner " << x << "," << y;
             }
     }
+}
+
+TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
+    const std::vector<Image> frames = bracket(kPoses[1]);
+    save("d.png", frames[0]), save("m.png", frames[1]), save("b.png", frames[2]);
+    std::vector<Image> expected = frames;
+    AlignSummary summary;
+    std::string error;
+    ASSERT_TRUE(alignFrames(expected, 1, summary, error)) << error;
+    for (const Image &frame : expected)
+        ASSERT_EQ(std::make_pair(frame.width, frame.height), std::make_pair(summary.crop.width, summary.crop.height));
+    // Each aligned frame shows the mid frame's part of the sample: compared with
+    // that part rendered directly from the frame's own exposure.
+    for (int i : {0, 2}) {
+        const Rect &c = summary.crop;
+        const cv::Matx23d toSample = frameToSample(kPoses[1][1]);
+        const cv::Matx23d shifted(toSample(0, 0), toSample(0, 1), toSample(0, 2) + toSample(0, 0) * c.x + toSample(0, 1) * c.y,
+                                  toSample(1, 0), toSample(1, 1), toSample(1, 2) + toSample(1, 0) * c.x + toSample(1, 1) * c.y);
+        const Image direct = render(sample_[i], shifted, c.width, c.height);
+        double sum = 0;
+        for (size_t k = 0; k < direct.rgb.size(); ++k) sum += std::abs(direct.rgb[k] - expected[i].rgb[k]);
+        EXPECT_LT(sum / double(direct.rgb.size()), 4.0) << "frame " << i;
+    }
+
+    const Run aligned = tool("--align @b.png @d.png @m.png -o @aligned.png");
+    ASSERT_EQ(aligned.status, 0) << aligned.err;
+    EXPECT_EQ(aligned.err.rfind("lumora-fuse: aligned 3 frames to " + at("m.png") + " (moved up to ", 0), 0u) << aligned.err;
+    EXPECT_NE(aligned.err.find("cropped to " + std::to_string(summary.crop.width) + "x"), std::string::npos) << aligned.err;
+    EXPECT_EQ(std::count(aligned.err.begin(), aligned.err.end(), '\n'), 1) << aligned.err;
+    Image out;
+    ASSERT_TRUE(readImage(at("aligned.png"), out, error)) << error;
+    EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(summary.crop.width, summary.crop.height));
+
+    const Run unaligned = tool("@b.png @d.png @m.png -o @plain.png");
+    ASSERT_EQ(unaligned.status, 0) << unaligned.err;
+    EXPECT_EQ(unaligned.err.rfind("lumora-fuse: the exposures are up to ", 0), 0u) << unaligned.err;
+    EXPECT_NE(unaligned.err.find("--align would register them\n"), std::string::npos) << unaligned.err;
+    EXPECT_EQ(std::count(unaligned.err.begin(), unaligned.err.end(), '\n'), 1) << unaligned.err;
+    EXPECT_EQ(tool("-q @b.png @d.png @m.png -o @quiet.png").err, "") << "no suggestion under -q";
+}
+
+TEST_F(Align, TransparentEdgesAreCutAwayAndNoCommonOpaquePixelIsRefused) {
+    const std::vector<Image> frames = bracket({{0, 0, 0}, {0, 0, 0}, {0, 0, 0}});
+    // Clear for 10 columns on the left in one frame; for 6 rows at the bottom
+    // and from a half-transparent column at x = 420 on in another.
+    std::vector<unsigned char> left(kWidth * kHeight, 255), bottom(kWidth * kHeight, 255);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            if (x < 10) left[y * kWidth + x] = 0;
+            if (y >= kHeight - 6 || x >= 420) bottom[y * kWidth + x] = x == 420 ? 128 : 0;
+        }
+    saveWithAlpha("d.png", frames[0], left);
+    saveWithAlpha("m.tif", frames[1], bottom);
+    save("b.png", frames[2]);
+    const Run r = tool("@d.png @m.tif @b.png -o @f.png");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "lumora-fuse: transparent edges: cropped to 410x298 at 10,0 (7.0% of the area cut away), "
+                     "the part opaque in every frame\n");
+    Image out;
+    std::string error;
+    ASSERT_TRUE(readImage(at("f.png"), out, error)) << error;
+    EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(410, 298));
+
+    std::vector<unsigned char> right(kWidth * kHeight, 255);
+    for (int i = 0; i < kWidth * kHeight; ++i) left[i] = i % kWidth < kWidth / 2 ? 0 : 255, right[i] = 255 - left[i];
+    saveWithAlpha("d.png", frames[0], left);
+    saveWithAlpha("b.png", frames[2], right);
+    const Run none = tool("@d.png @m.tif @b.png -o @none.png");
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.err, "lumora-fuse: no pixel is opaque in every frame: their transparent parts leave nothing to fuse\n");
+    EXPECT_FALSE(fs::exists(at("none.png")));
+}
+
+TEST_F(Align, FramesWithNothingInCommonAreRefusedInOneLine) {
+    // Three corners of the sample: no frame shows what another shows.
+    std::vector<Image> frames;
+    for (const auto &[x, y] : {std::pair{0, 0}, {352, 264}, {0, 264}})
+        frames.push_back(render(sample_[1], cv::Matx23d(1, 0, x, 0, 1, y), 160, 120));
+    save("a.png", frames[0]), save("b.png", frames[1]), save("c.png", frames[2]);
+    const Run r = tool("--align @a.png @b.png @c.png -o @f.png");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(": cannot align to "), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_FALSE(fs::exists(at("f.png")));
 }
 
 }  // namespace
