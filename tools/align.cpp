@@ -14,8 +14,14 @@ namespace lumora_fuse {
 namespace {
 
 // The coarse shift and the first fit work on pictures of at most this many
-// pixels a side; finer levels double it up to the resolution asked for.
+// pixels a side (or the resolution asked for, when lower); finer levels
+// double it up to the resolution asked for.
 constexpr int kCoarseSide = 1024;
+// alignFrames registers at this resolution at most. On a 12 MP bracket moved
+// by known turns and shifts (one exposure, so the truth is exact) the
+// corners came out 0.005 pixel off at the full resolution, 0.007 at 2048 and
+// 0.018 at 1024 pixels a side, for 4.2, 1.1 and 0.36 processor seconds.
+constexpr int kFinestSide = 2048;
 // Below this correlation, after the fit, a frame shares too little with the
 // reference to be registered.
 constexpr double kMinCorrelation = 0.5;
@@ -68,36 +74,49 @@ cv::Matx23d regrid(const cv::Matx23d &w, const cv::Matx33d &fromFull, const cv::
     return top(toFull * fromFull.inv() * full33(w) * fromFull * toFull.inv());
 }
 
-// Where frame lies against reference, as a map from the reference's pixels
-// to the frame's, on the full grid.
-bool registerFrame(const cv::Mat &reference, const cv::Mat &frame, int maxSide, cv::Matx23d &result) {
-    const std::vector<cv::Mat> refLevels = halvings(reference, kCoarseSide);
-    const std::vector<cv::Mat> frameLevels = halvings(frame, kCoarseSide);
-    const int coarsest = int(refLevels.size()) - 1;
+// A grey picture's levels, from the full resolution down to at most
+// coarseSide pixels a side; those of at most maxSide pixels a side (0: all),
+// from finest on, also prepared for the fit.
+struct Levels {
+    std::vector<cv::Mat> grey, fit;
     int finest = 0;
-    while (maxSide > 0 && finest < coarsest && std::max(refLevels[finest].cols, refLevels[finest].rows) > maxSide)
-        ++finest;
+    Levels(const cv::Mat &full, int coarseSide, int maxSide) : grey(halvings(full, coarseSide)) {
+        while (maxSide > 0 && finest + 1 < int(grey.size()) && std::max(grey[finest].cols, grey[finest].rows) > maxSide)
+            ++finest;
+        fit.resize(grey.size());
+        for (size_t l = finest; l < grey.size(); ++l)
+            fit[l] = prepared(grey[l]);
+    }
+};
+
+// Where frame lies against the reference, as a map from the reference's
+// pixels to the frame's, on the full grid.
+bool registerFrame(const Levels &reference, const Levels &frame, cv::Matx23d &result) {
+    const int coarsest = int(reference.grey.size()) - 1, finest = reference.finest;
     auto levelGrid = [&](int l) {
-        return gridMap(double(refLevels[l].cols) / reference.cols, double(refLevels[l].rows) / reference.rows);
+        return gridMap(double(reference.grey[l].cols) / reference.grey[0].cols,
+                       double(reference.grey[l].rows) / reference.grey[0].rows);
     };
 
     // The coarse shift: median-threshold bitmaps do not care about exposure.
-    const cv::Mat &refCoarse = refLevels[coarsest], &frameCoarse = frameLevels[coarsest];
+    const cv::Mat &refCoarse = reference.grey[coarsest], &frameCoarse = frame.grey[coarsest];
     const int side = std::min(refCoarse.cols, refCoarse.rows);
     const int bits = std::clamp(int(std::floor(std::log2(side / 8.0))), 1, 6);
     const cv::Point shift = cv::createAlignMTB(bits)->calculateShift(refCoarse, frameCoarse);
     cv::Matx23f w(1, 0, float(-shift.x), 0, 1, float(-shift.y));
 
-    // Rotation and shift refined level by level.
-    const cv::TermCriteria criteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 100, 1e-6);
+    // Rotation and shift refined level by level; past the coarsest level the
+    // start is close and a hundredth of a pixel is close enough.
     for (int l = coarsest; l >= finest; --l) {
         if (l != coarsest)
             w = regrid(w, levelGrid(l + 1), levelGrid(l));
+        const cv::TermCriteria criteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, l == coarsest ? 100 : 30,
+                                        l == coarsest ? 1e-6 : 1e-2);
         cv::Mat warp(w, false);
         double rho = 0;
         try {
-            rho = cv::findTransformECC(prepared(refLevels[l]), prepared(frameLevels[l]), warp, cv::MOTION_EUCLIDEAN,
-                                       criteria, cv::noArray(), 5);
+            rho = cv::findTransformECC(reference.fit[l], frame.fit[l], warp, cv::MOTION_EUCLIDEAN, criteria,
+                                       cv::noArray(), 5);
         } catch (const cv::Exception &) {
             rho = 0;
         }
@@ -126,12 +145,13 @@ bool estimateTransforms(const std::vector<Image> &frames, int reference, int max
                         int &failed) {
     transforms.assign(frames.size(), Affine{1, 0, 0, 0, 1, 0});
     failed = -1;
-    const cv::Mat refGrey = greyOf(frames[reference]);
+    const int coarseSide = maxSide > 0 ? std::min(maxSide, kCoarseSide) : kCoarseSide;
+    const Levels referenceLevels(greyOf(frames[reference]), coarseSide, maxSide);
     for (size_t i = 0; i < frames.size(); ++i) {
         if (int(i) == reference)
             continue;
         cv::Matx23d m;
-        if (!registerFrame(refGrey, greyOf(frames[i]), maxSide, m)) {
+        if (!registerFrame(referenceLevels, Levels(greyOf(frames[i]), coarseSide, maxSide), m)) {
             failed = int(i);
             return false;
         }
@@ -174,7 +194,7 @@ bool alignFrames(std::vector<Image> &frames, int reference, AlignSummary &summar
     const int width = frames[reference].width, height = frames[reference].height;
     summary = AlignSummary();
     summary.reference = reference;
-    if (!estimateTransforms(frames, reference, 0, summary.transforms, summary.failed)) {
+    if (!estimateTransforms(frames, reference, kFinestSide, summary.transforms, summary.failed)) {
         error = "too little in common with it";
         return false;
     }

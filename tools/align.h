@@ -45,8 +45,9 @@ bool estimateTransforms(const std::vector<Image> &frames, int reference, int max
 // none does.
 Rect commonArea(int width, int height, const std::vector<Affine> &transforms);
 
-// Registers every frame to frames[reference], resamples the others onto its
-// grid and cuts all of them down to their common area. The frames must share
+// Registers every frame to frames[reference] (at up to 2048 pixels a side,
+// scaled back), resamples the others onto its grid and cuts all of them down
+// to their common area. The frames must share
 // one size. False, with a one-line message, when a frame cannot be registered
 // (summary.failed tells which) or the frames have no area in common once
 // aligned; the frames are then left as they were.
