@@ -17,6 +17,8 @@ namespace {
 // pixels a side (or the resolution asked for, when lower); finer levels
 // double it up to the resolution asked for.
 constexpr int kCoarseSide = 1024;
+// Smaller pictures are not registered.
+constexpr int kMinSide = 16;
 // alignFrames registers at this resolution at most. On a 12 MP bracket moved
 // by known turns and shifts (one exposure, so the truth is exact) the
 // corners came out 0.005 pixel off at the full resolution, 0.007 at 2048 and
@@ -102,7 +104,12 @@ bool registerFrame(const Levels &reference, const Levels &frame, cv::Matx23d &re
     const cv::Mat &refCoarse = reference.grey[coarsest], &frameCoarse = frame.grey[coarsest];
     const int side = std::min(refCoarse.cols, refCoarse.rows);
     const int bits = std::clamp(int(std::floor(std::log2(side / 8.0))), 1, 6);
-    const cv::Point shift = cv::createAlignMTB(bits)->calculateShift(refCoarse, frameCoarse);
+    cv::Point shift;
+    try {
+        shift = cv::createAlignMTB(bits)->calculateShift(refCoarse, frameCoarse);
+    } catch (const cv::Exception &) {
+        return false;
+    }
     cv::Matx23f w(1, 0, float(-shift.x), 0, 1, float(-shift.y));
 
     // Rotation and shift refined level by level; past the coarsest level the
@@ -145,6 +152,10 @@ bool estimateTransforms(const std::vector<Image> &frames, int reference, int max
                         int &failed) {
     transforms.assign(frames.size(), Affine{1, 0, 0, 0, 1, 0});
     failed = -1;
+    if (std::min(frames[reference].width, frames[reference].height) < kMinSide) {
+        failed = reference == 0 ? 1 : 0;
+        return false;
+    }
     const int coarseSide = maxSide > 0 ? std::min(maxSide, kCoarseSide) : kCoarseSide;
     const Levels referenceLevels(greyOf(frames[reference]), coarseSide, maxSide);
     for (size_t i = 0; i < frames.size(); ++i) {
@@ -162,7 +173,10 @@ bool estimateTransforms(const std::vector<Image> &frames, int reference, int max
 
 Rect commonArea(int width, int height, const std::vector<Affine> &transforms) {
     std::vector<unsigned char> mask(size_t(width) * height, 0);
-    const double eps = 1e-6;
+    // A point up to a tenth of a pixel outside a frame still counts as inside
+    // (the resampling repeats the edge pixels there): a registration found a
+    // few thousandths of a pixel off costs no row or column.
+    const double eps = 0.1;
     for (int y = 0; y < height; ++y) {
         double lo = 0, hi = width - 1;
         for (const Affine &m : transforms) {
@@ -176,14 +190,14 @@ Rect commonArea(int width, int height, const std::vector<Affine> &transforms) {
                         hi = -1;
                     continue;
                 }
-                double x0 = (0 - b) / a, x1 = (limit - b) / a;
+                double x0 = (-eps - b) / a, x1 = (limit + eps - b) / a;
                 if (x0 > x1)
                     std::swap(x0, x1);
                 lo = std::max(lo, x0);
                 hi = std::min(hi, x1);
             }
         }
-        const int first = int(std::ceil(lo - eps)), last = int(std::floor(hi + eps));
+        const int first = int(std::ceil(lo - 1e-9)), last = int(std::floor(hi + 1e-9));
         for (int x = std::max(first, 0); x <= std::min(last, width - 1); ++x)
             mask[size_t(y) * width + x] = 1;
     }
@@ -194,8 +208,12 @@ bool alignFrames(std::vector<Image> &frames, int reference, AlignSummary &summar
     const int width = frames[reference].width, height = frames[reference].height;
     summary = AlignSummary();
     summary.reference = reference;
+    if (std::min(width, height) < kMinSide) {
+        error = "pictures of fewer than " + std::to_string(kMinSide) + " pixels a side cannot be aligned";
+        return false;
+    }
     if (!estimateTransforms(frames, reference, kFinestSide, summary.transforms, summary.failed)) {
-        error = "too little in common with it";
+        error = "found no common detail to register it by";
         return false;
     }
     summary.crop = commonArea(width, height, summary.transforms);

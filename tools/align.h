@@ -36,13 +36,14 @@ struct AlignSummary {
 // it (the reference's own transform is the identity). Works on pictures of at
 // most maxSide pixels a side (0: the full resolution), scaled back to the
 // frames' size. False, with the index of the first frame that cannot be
-// registered (too little in common with the reference) in failed.
+// registered (too little in common with the reference, or too little detail,
+// or fewer than 16 pixels a side) in failed.
 bool estimateTransforms(const std::vector<Image> &frames, int reference, int maxSide, std::vector<Affine> &transforms,
                         int &failed);
 
 // The largest axis-aligned rectangle of the reference grid (width x height)
-// whose every pixel maps inside every frame under its transform; empty when
-// none does.
+// whose every pixel maps inside every frame under its transform (or less than
+// a tenth of a pixel outside); empty when none does.
 Rect commonArea(int width, int height, const std::vector<Affine> &transforms);
 
 // Registers every frame to frames[reference] (at up to 2048 pixels a side,
