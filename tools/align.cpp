@@ -119,7 +119,7 @@ bool registerFrame(const Levels &reference, const Levels &frame, cv::Matx23d &re
             w = regrid(w, levelGrid(l + 1), levelGrid(l));
         const cv::TermCriteria criteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, l == coarsest ? 100 : 30,
                                         l == coarsest ? 1e-6 : 1e-2);
-        cv::Mat warp(w, false);
+        cv::Mat warp(w, true);  // a fit that fails leaves w as it was
         double rho = 0;
         try {
             rho = cv::findTransformECC(reference.fit[l], frame.fit[l], warp, cv::MOTION_EUCLIDEAN, criteria,
