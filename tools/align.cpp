@@ -247,6 +247,8 @@ bool alignFrames(std::vector<Image> &frames, int reference, AlignSummary &summar
     return true;
 }
 
+void setAlignmentThreads(int threads) { cv::setNumThreads(threads); }
+
 double misalignment(const std::vector<Image> &frames, int reference) {
     const Image &ref = frames[reference];
     if (std::min(ref.width, ref.height) < 64)

@@ -54,6 +54,10 @@ Rect commonArea(int width, int height, const std::vector<Affine> &transforms);
 // aligned; the frames are then left as they were.
 bool alignFrames(std::vector<Image> &frames, int reference, AlignSummary &summary, std::string &error);
 
+// The threads the registration and resampling may use (by default one per
+// core).
+void setAlignmentThreads(int threads);
+
 // A quick look at whether the frames are misaligned: the largest
 // displacement, in pixels at a corner of the picture, of any frame against
 // frames[reference], estimated at low resolution; 0 when it cannot tell.

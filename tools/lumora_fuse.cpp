@@ -266,6 +266,8 @@ int cropTransparentEdges(const Options &options, std::vector<Image> &images) {
 // when the frames are a pixel or more out of line.
 int alignExposures(const Options &options, std::vector<Image> &images, int reference) {
     const std::string &name = options.images[reference];
+    if (options.threads > 0)
+        setAlignmentThreads(options.threads);
     if (!options.align) {
         const double off = options.quiet ? 0 : misalignment(images, reference);
         char text[160];
