@@ -9,6 +9,8 @@ packages=(
   libjpeg62-turbo-dev libpng-dev libtiff-dev  # image files
   libexiv2-dev                              # metadata (EXIF, XMP, ICC) for the CLI
   libcli11-dev                              # command-line parsing
+  libopencv-core-dev libopencv-imgproc-dev  # the CLI's frame alignment
+  libopencv-photo-dev libopencv-video-dev
   libhwy-dev                                # SIMD dispatch
   libgtest-dev libgmock-dev libbenchmark-dev  # tests and benchmarks
   clang libclang-rt-dev libomp-dev          # thread sanitizer and fuzzing builds

@@ -72,6 +72,17 @@ bool sizeAllowed(long long width, long long height, const SizeCheck &check, std:
     return !check || check(int(width), int(height), error);
 }
 
+// Alpha that is the same everywhere marks no edge: it is dropped, unless it
+// makes the whole picture transparent, which the caller refuses.
+void keepVaryingAlpha(Image &image, std::vector<std::string> &notes) {
+    const std::vector<unsigned char> &a = image.alpha;
+    if (a.empty() || a[0] == 0 || std::find_if(a.begin(), a.end(), [&](unsigned char v) { return v != a[0]; }) != a.end())
+        return;
+    notes.push_back("alpha channel dropped");
+    image.alpha.clear();
+    image.alpha.shrink_to_fit();
+}
+
 // ---------------------------------------------------------------------------
 // JPEG
 
@@ -293,8 +304,9 @@ bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string
         return false;
     }
     png_infop info = png_create_info_struct(png);
-    // Only the heap block changes after setjmp, so it is still valid after a long jump.
+    // Only the heap blocks change after setjmp, so they are still valid after a long jump.
     const auto rows = std::make_unique<std::vector<png_bytep>>();
+    const auto rgba = std::make_unique<std::vector<unsigned char>>();
     if (!info || setjmp(png_jmpbuf(png))) {
         png_destroy_read_struct(&png, info ? &info : nullptr, nullptr);
         error = ctx.message == "Read Error" ? "truncated PNG file" : "corrupt PNG data: " + ctx.message;
@@ -323,26 +335,37 @@ bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string
             png_set_expand_gray_1_2_4_to_8(png);
         png_set_gray_to_rgb(png);
     }
-    if ((colorType & PNG_COLOR_MASK_ALPHA) || png_get_valid(png, info, PNG_INFO_tRNS)) {
-        notes.push_back("alpha channel dropped");
-        png_set_strip_alpha(png);
-    }
+    const bool alpha = (colorType & PNG_COLOR_MASK_ALPHA) || png_get_valid(png, info, PNG_INFO_tRNS);
+    if (alpha)
+        png_set_tRNS_to_alpha(png);
+    const int channels = alpha ? 4 : 3;
     png_set_interlace_handling(png);
     png_read_update_info(png, info);
-    if (png_get_rowbytes(png, info) != size_t(w) * 3) {
+    if (png_get_rowbytes(png, info) != size_t(w) * channels) {
         png_destroy_read_struct(&png, &info, nullptr);
         error = "unsupported PNG layout";
         return false;
     }
     image.width = int(w);
     image.height = int(h);
-    image.rgb.assign(size_t(w) * h * 3, 0);
+    std::vector<unsigned char> &pixels = alpha ? *rgba : image.rgb;
+    pixels.assign(size_t(w) * h * channels, 0);
     rows->resize(h);
     for (png_uint_32 y = 0; y < h; ++y)
-        (*rows)[y] = image.rgb.data() + size_t(y) * w * 3;
+        (*rows)[y] = pixels.data() + size_t(y) * w * channels;
     png_read_image(png, rows->data());
     png_read_end(png, nullptr);
     png_destroy_read_struct(&png, &info, nullptr);
+    if (alpha) {
+        const size_t n = size_t(w) * h;
+        image.rgb.resize(n * 3);
+        image.alpha.resize(n);
+        for (size_t i = 0; i < n; ++i) {
+            memcpy(&image.rgb[i * 3], &(*rgba)[i * 4], 3);
+            image.alpha[i] = (*rgba)[i * 4 + 3];
+        }
+        keepVaryingAlpha(image, notes);
+    }
     return true;
 }
 
@@ -534,16 +557,19 @@ bool readTiff(FILE *fp, Image &image, std::string &error, std::vector<std::strin
         notes.push_back("palette expanded to RGB");
     else if (photometric == PHOTOMETRIC_SEPARATED)
         notes.push_back("CMYK converted to RGB");
-    if (extraCount > 0)
-        notes.push_back("alpha channel dropped");
     image.width = int(w);
     image.height = int(h);
     image.rgb.resize(size_t(w) * h * 3);
+    if (extraCount > 0)
+        image.alpha.resize(raster.size());
     for (size_t i = 0; i < raster.size(); ++i) {
         image.rgb[i * 3] = (unsigned char)TIFFGetR(raster[i]);
         image.rgb[i * 3 + 1] = (unsigned char)TIFFGetG(raster[i]);
         image.rgb[i * 3 + 2] = (unsigned char)TIFFGetB(raster[i]);
+        if (extraCount > 0)
+            image.alpha[i] = (unsigned char)TIFFGetA(raster[i]);
     }
+    keepVaryingAlpha(image, notes);
     return true;
 }
 

@@ -25,6 +25,9 @@ struct Image {
     int width = 0;
     int height = 0;
     std::vector<unsigned char> rgb;  // width * height * 3
+    // width * height opacities (255: opaque) of a file whose alpha channel
+    // varies; empty when it has none or the same alpha everywhere.
+    std::vector<unsigned char> alpha = {};
 };
 
 // The output format chosen by a file name's extension (case-insensitive):
@@ -40,9 +43,10 @@ using SizeCheck = std::function<bool(int width, int height, std::string &error)>
 
 // Reads a JPEG, PNG or TIFF image (recognised by its content) as 8-bit RGB.
 // 16-bit samples are reduced to 8 bits, greyscale and palette images are
-// expanded to RGB and alpha is dropped; each such conversion adds one line to
-// notes (when given). On failure returns false with a message that does not
-// repeat the file name.
+// expanded to RGB; each such conversion adds one line to notes (when given).
+// Alpha that varies from pixel to pixel is kept in Image::alpha (at 8 bits);
+// alpha that is the same everywhere (but not 0) is dropped with a note. On
+// failure returns false with a message that does not repeat the file name.
 bool readImage(const std::string &path, Image &image, std::string &error,
                std::vector<std::string> *notes = nullptr, const SizeCheck &check = nullptr);
 bool readImageMemory(const unsigned char *data, size_t size, Image &image, std::string &error,

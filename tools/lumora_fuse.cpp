@@ -18,8 +18,10 @@
 #include <vector>
 
 #include "BilateralFilter.h"
+#include "align.h"
 #include "batch.h"
 #include "cancel.h"
+#include "crop.h"
 #include "frames.h"
 #include "fusion_call.h"
 #include "fusion_child.h"
@@ -253,6 +255,55 @@ int readExposures(const Options &options, std::vector<Image> &images, std::vecto
     return kContinue;
 }
 
+// Frames with transparent edges (aligned by another tool, say) are cut down
+// to the part opaque in all of them.
+int cropTransparentEdges(const Options &options, std::vector<Image> &images) {
+    const int width = images[0].width, height = images[0].height;
+    Rect kept;
+    std::string error;
+    if (!cropToOpaque(images, kept, error)) {
+        say(error);
+        return 1;
+    }
+    if (!options.quiet && (kept.width != width || kept.height != height))
+        say("transparent edges: " + cropText(kept, width, height) + ", the part opaque in every frame");
+    return kContinue;
+}
+
+// With --align, every frame registered to the middle one (by brightness) and
+// all cut down to the area they share; without, a quick look that suggests it
+// when the frames are a pixel or more out of line.
+int alignExposures(const Options &options, std::vector<Image> &images, int reference) {
+    const std::string &name = options.images[reference];
+    if (options.threads > 0)
+        setAlignmentThreads(options.threads);
+    if (!options.align) {
+        const double off = options.quiet ? 0 : misalignment(images, reference);
+        char text[160];
+        snprintf(text, sizeof text, "the exposures are up to %.1f px out of line with %s; --align would register them",
+                 off, name.c_str());
+        if (off >= 1.0)
+            say(text);
+        return kContinue;
+    }
+    const int width = images[0].width, height = images[0].height;
+    AlignSummary summary;
+    std::string error;
+    if (!alignFrames(images, reference, summary, error)) {
+        say((summary.failed >= 0 ? options.images[summary.failed] + ": cannot align to " : "cannot align to ") + name +
+            ": " + error);
+        return 1;
+    }
+    if (!options.quiet) {
+        char text[160];
+        snprintf(text, sizeof text, " (moved up to %.1f px, turned up to %.2f degrees); ", summary.largestShift,
+                 summary.largestAngle);
+        say("aligned " + std::to_string(images.size()) + " frames to " + name + text +
+            cropText(summary.crop, width, height));
+    }
+    return cancelRequested() ? cancelled() : kContinue;
+}
+
 // The part of the picture to fuse: the loupe, checked against the picture's
 // size (judged at the first header), or the whole picture.
 int fusedRegion(const Options &options, const Image &picture, Loupe &region) {
@@ -353,7 +404,12 @@ int run(const Options &options, std::vector<Image> *decoded = nullptr) {
     std::vector<Image> images;
     Loupe region;
     OutputFile output(options.output);
+    std::vector<int> order;
     int status = readExposures(options, images, decoded);
+    if (status == kContinue)
+        status = cropTransparentEdges(options, images);
+    if (status == kContinue)
+        order = brightnessOrder(images), status = alignExposures(options, images, order[images.size() / 2]);
     if (status == kContinue)
         status = fusedRegion(options, images[0], region);
     if (status == kContinue)
@@ -361,7 +417,6 @@ int run(const Options &options, std::vector<Image> *decoded = nullptr) {
     if (status != kContinue)
         return status;
 
-    const std::vector<int> order = brightnessOrder(images);
     std::vector<const Image *> exposures;
     for (int i : order)
         exposures.push_back(&images[i]);

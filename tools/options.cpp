@@ -263,20 +263,27 @@ std::string helpText() {
         "The exposures may be given in any order: they are sorted by mean brightness,\n"
         "darkest first; of more than three, three are fused (see Frames). Inputs are\n"
         "JPEG, PNG or TIFF; 16-bit, greyscale and palette images are converted to\n"
-        "8-bit RGB and alpha is dropped (each conversion is reported). The output\n"
-        "format follows OUTPUT's extension: .jpg/.jpeg, .png, .tif/.tiff. EXIF, XMP\n"
-        "and the ICC profile of the middle exposure (the brighter of two) are copied\n"
-        "into the output. An argument @FILE stands for the lines of FILE, one\n"
-        "argument a line (blank lines ignored).\n"
+        "8-bit RGB (each conversion is reported). Inputs with transparent edges (PNG\n"
+        "or TIFF alpha) are cut down to the largest rectangle opaque in all of them;\n"
+        "alpha that is the same everywhere is dropped. The output format follows\n"
+        "OUTPUT's extension: .jpg/.jpeg, .png, .tif/.tiff. EXIF, XMP and the ICC\n"
+        "profile of the middle exposure (the brighter of two) are copied into the\n"
+        "output. An argument @FILE stands for the lines of FILE, one argument a line\n"
+        "(blank lines ignored).\n"
         "\n"
-        "Output:\n";
+        "Input:\n";
+    s += wrapped("      --align", "register every exposure to the middle one (shift and rotation, whatever the exposure "
+                                  "difference) before fusing, and cut the result down to the largest rectangle all of "
+                                  "them cover; without it, exposures found a pixel or more out of line are reported");
+    s += "\nOutput:\n";
     s += wrapped("  -o, --output=FILE",
                  "write the result to FILE (required); it is written whole or not at all, and never over an input "
                  "or a write-protected file");
     s += wrapped("      --depth=8|16", "bits per sample of a PNG or TIFF output (default 8; JPEG is 8-bit only)");
     s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
     s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
-                                          "the radii of the whole picture (a fast preview)");
+                                          "the radii of the whole picture (a fast preview); in the picture as cropped by "
+                                          "--align or transparent edges");
     s += wrapped("      --metadata-from=FILE", "copy the metadata of FILE (any image file, an input or not) "
                                                "instead of the middle exposure's");
     s += "\nFrames (more than three of one scene):\n";
@@ -319,7 +326,7 @@ std::string helpText() {
          "      --threads=N            worker threads, 1 to " + std::to_string(kMaxThreads) +
          " (default: one per\n"
          "                             available core)\n"
-         "  -q, --quiet                no progress bar and no conversion notes\n"
+         "  -q, --quiet                no progress bar, no conversion or cropping notes\n"
          "  -v, --verbose              also show the fusion library's commentary\n"
          "  -h, --help                 display this help and exit\n"
          "  -V, --version              output version information and exit\n"
@@ -336,11 +343,13 @@ std::string helpText() {
          "  lumora-fuse --loupe 800,600,400,300 a.jpg b.jpg c.jpg -o preview.jpg\n"
          "  lumora-fuse IMG_*.jpg -o fused.jpg\n"
          "  lumora-fuse --frames IMG_2.jpg,IMG_5.jpg,IMG_8.jpg IMG_*.jpg -o fused.jpg\n"
+         "  lumora-fuse --align handheld-1.jpg handheld-2.jpg handheld-3.jpg -o fused.jpg\n"
          "  lumora-fuse --batch --format tif --report report.json photos/ -o fused/\n"
          "\n"
-         "Exit status: 0 done, 1 failure (unreadable input, unwritable output, fusion\n"
-         "failure; with --batch, any bracket failed), 2 usage error, 130 cancelled\n"
-         "(Ctrl-C); a cancelled or failed run writes nothing.\n";
+         "Exit status: 0 done, 1 failure (unreadable input, exposures that cannot be\n"
+         "aligned or share no opaque area, unwritable output, fusion failure; with\n"
+         "--batch, any bracket failed), 2 usage error, 130 cancelled (Ctrl-C); a\n"
+         "cancelled or failed run writes nothing.\n";
     return s;
 }
 
@@ -357,6 +366,7 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     app.add_flag("-h,--help", help);
     app.add_flag("-V,--version", version);
     app.add_flag("-q,--quiet", options.quiet);
+    app.add_flag("--align", options.align);
     app.add_flag("-v,--verbose", options.verbose);
     app.add_flag("--preserve-highlights,!--no-preserve-highlights", preserve);
     app.add_option("--threads", threads);

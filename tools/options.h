@@ -60,6 +60,7 @@ struct Options {
     Loupe loupe;
     int quality = 95;
     int depth = 8;
+    bool align = false;  // register the frames to the middle one before fusing
     bool quiet = false;
     bool verbose = false;
     std::vector<std::string> frames;  // --frames: the ones to fuse, as given
