@@ -1,17 +1,16 @@
-// Per-pixel exposure weights (error table strength 15) and the highlight shift.
+// Exposure weights: per pixel (error table strength 15) with the highlight
+// shift, then the vectorised raw weight planes against the per-pixel loop on
+// every instruction set.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 
-#include "core/switches.h"
-#include "diag/diag.h"
 #include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
-#include "tables/tables.h"
+#include "test_support.h"
 
 using namespace lumora;
+using testsupport::Bytes;
 
 namespace {
 
@@ -24,6 +23,22 @@ struct Tables {
         calculatePoids8Alt(kMax, ptrs, 3, 0, 0, 1, 1, coeff, coeff, 1, poids);
     }
 };
+
+// The raw weight planes of kMax images, by the per-pixel loop (plain) or
+// the vectorised one.
+Bytes rawWeights(bool plain, int kMax, int iMax, int jMax, Bytes *images, float *ce,
+                 float *ceLast, int highlight) {
+    const int n = iMax * jMax;
+    Bytes planes((size_t)kMax * n, 0xA5);
+    unsigned char *in[3], *out[3];
+    for (int k = 0; k < kMax; k++) in[k] = images[k].data(), out[k] = planes.data() + (size_t)k * n;
+    const RawWeightsArgs args{kMax, iMax, jMax, in, out, ce, ceLast, highlight};
+    if (plain)
+        rawWeightPixels(args, 0, (size_t)n);
+    else
+        simd::rawWeights(args);
+    return planes;
+}
 
 }  // namespace
 
@@ -56,14 +71,6 @@ TEST(ExposureWeights, SharesFollowChannelErrorsAndSwapWithTheImages) {
     EXPECT_NEAR(p[0], (0.8f + 0.2f * e) / (1.8f + 0.2f * e), 1e-6f);
 }
 
-TEST(ExposureWeightsDeathTest, ZeroSumDiesOnTheWeightCheck) {
-    Tables t(1e9f);  // every entry but 128 underflows to 0
-    unsigned char px[2][3] = {{0, 10, 255}, {250, 3, 40}};
-    float poids[2];
-    EXPECT_DEATH(t.weigh(2, px, poids), "BilateralFilter:[0-9]+: calculatePoids8Alt: "
-                                        "Assertion `poids\\[k\\] <= 1.0f' failed");
-}
-
 TEST(HighlightShift, NearWhiteFusedPixelShiftsWeightToTheDarkImage) {
     const unsigned char dark[3] = {10, 10, 10}, at250[3] = {250, 250, 250},
                         at255[3] = {255, 255, 255}, at240[3] = {240, 240, 241};  // luminance 240
@@ -77,4 +84,52 @@ TEST(HighlightShift, NearWhiteFusedPixelShiftsWeightToTheDarkImage) {
     EXPECT_NEAR(q[1], 0.857f, 5e-4f);  // the pair no longer adds up to 1
     highlightShift(at240, dark, r);
     EXPECT_TRUE(r[0] == 0.3f && r[1] == 0.7f);
+}
+
+// Variant 0: one table (the driver's call), 1: a separate last-image table,
+// 2: the highlight shift; near-white runs and mid-grey among noise.
+TEST(ExposureWeightsSimd, RawWeightsMatchPerPixelLoopWithBothTableRulesAndHighlightShift) {
+    float ce[256], ceOther[256], unused[256];
+    int caseNo = 0;
+    for (float strength : {15.0f, 0.5f, 60.0f})
+        for (int kMax = 1; kMax <= 3; kMax++)
+            for (int variant = 0; variant < 3; variant++, caseNo++) {
+                if (variant == 2 && kMax != 2) continue;
+                buildErrorCoefficients(strength, ce, unused);
+                buildErrorCoefficients(strength * 0.7f, ceOther, unused);
+                const int iMax = 1 + caseNo % 7 * 11, jMax = 3 + caseNo % 4, n = iMax * jMax;
+                Bytes images[3];
+                std::mt19937 gen(caseNo);
+                for (int k = 0; k < kMax; k++) {
+                    images[k] = testsupport::randomImage(iMax, jMax, 3, 100 * caseNo + k);
+                    for (int p = 0; p < n; p++)
+                        if (gen() % 3 == 0)
+                            for (int s = 0; s < 3; s++)
+                                images[k][3 * p + s] = (unsigned char)(p % 5 ? 235 + gen() % 21 : 128);
+                }
+                SCOPED_TRACE(testing::Message() << "case " << caseNo << " (strength " << strength
+                                                << ", variant " << variant << ")");
+                float *ceLast = variant == 1 ? ceOther : ce;
+                const Bytes want = rawWeights(true, kMax, iMax, jMax, images, ce, ceLast, variant == 2);
+                testsupport::forEachTarget([&](int) {
+                    EXPECT_EQ(testsupport::firstDifference(
+                                  want, rawWeights(false, kMax, iMax, jMax, images, ce, ceLast,
+                                                   variant == 2), n, 1), "")
+                        << "(x: pixel, y: plane)";
+                });
+            }
+}
+
+// So large a strength zeroes every table entry far from 128: a black pixel's
+// weights are 0/0, inside a vector on the SIMD path.
+TEST(ExposureWeightsDeathTest, ZeroSumAbortsOnTheWeightAssertionOnBothPaths) {
+    float ce[256], cePreserve[256];
+    buildErrorCoefficients(1e6f, ce, cePreserve);
+    Bytes images[2] = {Bytes(64 * 3, 128), Bytes(64 * 3, 128)};
+    for (Bytes &img : images) std::fill(img.begin() + 21 * 3, img.begin() + 22 * 3, 0);
+    const char *words =
+        "BilateralFilter:[0-9]+: calculatePoids8Alt: Assertion `poids\\[k\\] <= 1.0f' failed";
+    EXPECT_DEATH(rawWeights(true, 2, 16, 4, images, ce, ce, 0), words);
+    testsupport::forEachTarget(
+        [&](int) { EXPECT_DEATH(rawWeights(false, 2, 16, 4, images, ce, ce, 0), words); });
 }

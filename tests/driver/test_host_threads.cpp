@@ -21,11 +21,8 @@ constexpr size_t IMAGE_BYTES = size_t(W) * H * 3;
 Bytes bracketAt(int x0, int y0) {
     Bytes images;
     for (int k = 0; k < 3; k++) {
-        const testsupport::RgbImage s = testsupport::loadSample(k);
-        for (int y = 0; y < H; y++) {
-            const unsigned char *row = &s.pixels[(size_t(y0 + y) * s.width + x0) * 3];
-            images.insert(images.end(), row, row + W * 3);
-        }
+        const Bytes s = testsupport::sample(k, x0, y0, W, H);
+        images.insert(images.end(), s.begin(), s.end());
     }
     return images;
 }
