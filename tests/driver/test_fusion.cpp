@@ -1,5 +1,7 @@
-// End-to-end fusion of the shipped bracket (darkest first), the call protocol
-// and the commentary. Every call refills the CIELab table: tests share runs.
+// End-to-end fusion of the shipped bracket (darkest first): golden outputs,
+// the call protocol, the commentary, the SIMD path against the plain one, and
+// calls from a host's threads. Every call refills the CIELab table: tests
+// share runs.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -12,6 +14,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/switches.h"
@@ -390,3 +393,55 @@ TEST_P(FusionSimd, CropsFuseAndPreserveHighlightsAsThePlainPathDoes) {
     });
 }
 INSTANTIATE_TEST_SUITE_P(Crops, FusionSimd, testing::Range(0, 5));
+
+// A host's threads: calls made at the same time run one after the other and
+// give the bytes and the commentary of the same calls made in sequence; a team
+// size below 1 runs one thread.
+TEST(HostThreads, ConcurrentCallsGiveSequentialBytesAndTeamsBelowOneRunOneThread) {
+    // On two 40x32 crops, a first pass over three exposures and the
+    // highlight-preserving pass over its result with the darkest.
+    const Bracket crops[2] = {loadBracket(200, 120, 40, 32), loadBracket(20, 300, 40, 32)};
+    Params prm;
+    const Bytes fused[2] = {fuse(crops[0], {0, 1, 2}, prm.p, 1).out,
+                            fuse(crops[1], {0, 1, 2}, prm.p, 1).out};
+    const auto run = [&](int c, int nbProc) {
+        Params p;
+        return c % 2 ? combine(crops[c / 2], fused[c / 2], crops[c / 2].img[0], p.p, nbProc).out
+                     : fuse(crops[c / 2], {0, 1, 2}, p.p, nbProc).out;
+    };
+    std::vector<Bytes> want;
+    std::string commentary[2];  // of a first and of a second pass
+    for (int c = 0; c < 4; c++) {
+        testing::internal::CaptureStderr();
+        want.push_back(run(c, 1));
+        commentary[c % 2] = testing::internal::GetCapturedStderr();
+    }
+    ASSERT_NE(want[0], want[2]);
+    ASSERT_NE(want[0], want[1]);
+
+    // Four host threads, ten calls each, with teams of 1, 2, 0 and -2 threads.
+    const int teams[4] = {1, 2, 0, -2};
+    std::vector<std::vector<Bytes>> got(4);
+    testing::internal::CaptureStderr();
+    std::vector<std::thread> hosts;
+    for (int t = 0; t < 4; t++)
+        hosts.emplace_back([&, t] {
+            for (int i = 0; i < 10; i++) got[t].push_back(run((t + i) % 4, teams[t]));
+        });
+    for (std::thread &host : hosts) host.join();
+    std::string err = testing::internal::GetCapturedStderr();
+
+    for (int t = 0; t < 4; t++)
+        for (int i = 0; i < 10; i++)
+            EXPECT_EQ(got[t][i], want[(t + i) % 4]) << "team " << teams[t] << ", call " << i;
+    // Each call's commentary comes whole: 20 of each kind, never interleaved.
+    int count[2] = {0, 0};
+    while (!err.empty()) {
+        const int kind = err.rfind(commentary[0], 0) == 0 ? 0 : err.rfind(commentary[1], 0) == 0 ? 1 : -1;
+        ASSERT_NE(kind, -1) << "mixed commentary: " << err.substr(0, 200);
+        err.erase(0, commentary[kind].size());
+        count[kind]++;
+    }
+    EXPECT_EQ(count[0], 20);
+    EXPECT_EQ(count[1], 20);
+}
