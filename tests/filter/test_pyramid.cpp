@@ -1,5 +1,6 @@
-// Level pyramid: results, towers, diff images, the per-level commentary, team
-// sizes, small images and the edge-preserving effect on a photograph.
+// Level pyramid: results, towers, diff images, the per-level commentary and
+// the edge-preserving effect on a photograph; then whole pyramids of small
+// images, the SIMD path against the plain one on every instruction set.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,17 +11,12 @@
 #include <vector>
 
 #include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
 #include "filter/filter.h"
-#include "image/image.h"
 #include "tables/tables.h"
 #include "test_support.h"
 
 using namespace lumora;
-
-using Bytes = std::vector<unsigned char>;
+using testsupport::Bytes;
 
 namespace {
 
@@ -28,16 +24,23 @@ struct Towers {
     std::vector<Bytes> images, diffs;
     Bytes out;
     int result = 0;
+    Bytes joined() const {  // towers, then diffs
+        Bytes all;
+        for (const auto *v : {&images, &diffs})
+            for (const Bytes &b : *v) all.insert(all.end(), b.begin(), b.end());
+        return all;
+    }
 };
 
 // 8-bit fusion2a with the driver's parameters (start radius 3, sigmas 0.2,
-// kernel growth from the image size), or gauss-only with sigmas gaussSigma.
+// kernel growth from the image size), or gauss-only with sigmas gaussSigma;
+// on the plain path when asked.
 Towers runPyramid(const Bytes &in, int iMax, int jMax, int spp, int numLevels, int nbProc,
                   float gaussSigma = 0, unsigned char *bright = nullptr,
-                  unsigned char *cross = nullptr) {
+                  unsigned char *cross = nullptr, bool plain = false) {
     const float sigma = gaussSigma ? gaussSigma : 0.2f;
     const float mult = 5.0f * (sqrtf((float)((iMax + jMax) / 2)) / 56.56854248046875f * 10.0f);
-    Towers t{std::vector<Bytes>(numLevels, Bytes(in.size())), {}, Bytes(in.size())};
+    Towers t{std::vector<Bytes>(numLevels, Bytes(in.size(), 0x5A)), {}, Bytes(in.size())};
     t.diffs = t.images;
     std::vector<unsigned char *> images, diffs;
     for (int l = 0; l < numLevels; l++) {
@@ -45,10 +48,12 @@ Towers runPyramid(const Bytes &in, int iMax, int jMax, int spp, int numLevels, i
         diffs.push_back(t.diffs[l].data());
     }
     srand(0);
+    usePlainPath = plain;
     t.result = fusion2a(nbProc, numLevels, 7.0f, std::max(1.0f, mult), sigma, sigma,
                         gaussSigma != 0, iMax, jMax, spp, 8, const_cast<unsigned char *>(in.data()),
                         spp, 8, cross, bright, nullptr, nullptr, diffs.data(), images.data(),
                         t.out.data());
+    usePlainPath = false;
     return t;
 }
 
@@ -101,28 +106,6 @@ TEST(Pyramid, EightBitDiffSaturatesAndIs128WhereUnchanged) {
     EXPECT_EQ(t.diffs[0][10 * iMax + 2], 128);  // black stays black
 }
 
-// Kernels reach a row or column past the border on small images with an even
-// short side: every kernel choice must stay inside the buffers (run under
-// AddressSanitizer to see it). No team size may change a byte.
-TEST(Pyramid, SmallAndThinImagesRunAndAgreeForAnyTeamSize) {
-    CIELab_Init(2);
-    const unsigned char choices[4] = {0, 5, 100, 255};  // copy, normal, mixed, fine
-    for (auto [iMax, jMax] : {std::pair{8, 6}, {6, 8}, {1, 9}, {9, 1}, {1, 1}, {2, 2}, {24, 10},
-                              {16, 12}, {22, 24}, {25, 24}, {23, 3}, {37, 29}}) {
-        for (int spp : {1, 3}) {
-            const Bytes in = testsupport::randomImage(iMax, jMax, spp, 7);
-            Bytes bright(iMax * jMax);
-            for (size_t k = 0; k < bright.size(); k++) bright[k] = choices[k % 4];
-            const Towers one = runPyramid(in, iMax, jMax, spp, 2, 1, 0, bright.data());
-            EXPECT_EQ(one.result, 3);
-            const Towers three = runPyramid(in, iMax, jMax, spp, 2, 3, 0, bright.data());
-            EXPECT_TRUE(three.images == one.images && three.diffs == one.diffs)
-                << iMax << "x" << jMax << " spp " << spp;
-            EXPECT_EQ(runPyramid(in, iMax, jMax, spp, 2, 2, 10).result, 3);
-        }
-    }
-}
-
 namespace {
 
 // Mean grey level of pixel (x, y) of a w-pixel-wide RGB image.
@@ -166,12 +149,8 @@ std::pair<float, float> noiseAndEdgeStep(const Bytes &in, const Bytes &out, int 
 // of their step: a copy fails the noise bounds, a plain blur one or other.
 TEST(Pyramid, PhotoFlatAreasSmoothedWhileFramesKeepTheirStep) {
     CIELab_Init(2);
-    const testsupport::RgbImage photo = testsupport::loadSample(1);
-    ASSERT_EQ(photo.width, 512);
-    const int y0 = 100, w = 160, h = 120;
-    Bytes crop(w * h * 3);
-    for (int j = 0; j < h; j++)
-        std::memcpy(&crop[j * w * 3], &photo.pixels[(y0 + j) * photo.width * 3], w * 3);
+    const int w = 160, h = 120;
+    const Bytes crop = testsupport::sample(1, 0, 100, w, h);
     const Towers filtered = runPyramid(crop, w, h, 3, 2, 2);
     const Towers blurred = runPyramid(crop, w, h, 3, 2, 2, 0.2f);  // no range weights
     const auto [inputNoise, inputStep] = noiseAndEdgeStep(crop, crop, w, h);
@@ -183,3 +162,44 @@ TEST(Pyramid, PhotoFlatAreasSmoothedWhileFramesKeepTheirStep) {
     EXPECT_LE(noise2, plainNoise);
     EXPECT_GT(step2, 3.0f * plainStep);
 }
+
+struct PyramidSimd : testing::TestWithParam<int> {
+    void TearDown() override { simd::levelPassBandRows = 0; }
+};
+
+// 1xN, Nx1, smaller than a kernel, even sides below 24 (kernels reach a row
+// or column past the border: run under AddressSanitizer), odd widths that
+// leave part of a vector, and a larger picture; one- and three-sample, each
+// plain, with a bright map and gauss-only. The reference runs on one thread,
+// the instruction sets on teams of 1 to 3, with colour planes in bands of 1,
+// 3 or 7 rows (0: the usual size): the rows a band keeps must be the same.
+TEST_P(PyramidSimd, TowersAndDiffsMatchPlainPath) {
+    CIELab_Init(2);
+    const int sizes[][2] = {{1, 1},  {1, 13}, {14, 1},  {2, 2},  {3, 5},  {6, 4},
+                            {10, 8}, {17, 12}, {22, 18}, {33, 9}, {63, 7}, {96, 80}};
+    const int iMax = sizes[GetParam()][0], jMax = sizes[GetParam()][1];
+    int caseNo = 6 * GetParam();
+    for (int spp : {1, 3})
+        for (int variant = 0; variant < 3; variant++, caseNo++) {
+            const float gauss = variant == 2 ? 10.0f : 0.0f;  // the bright mask blur's sigmas
+            const Bytes in = testsupport::testPicture(caseNo % 6, iMax, jMax, spp, 1000 + caseNo);
+            Bytes map = testsupport::brightMap(1 + caseNo % 3, iMax, jMax, 1000 + caseNo);
+            unsigned char *bright = variant > 0 ? map.data() : nullptr;
+            const int bandRows[] = {0, 1, 3, 7};
+            simd::levelPassBandRows = bandRows[caseNo % 4];
+            SCOPED_TRACE(testing::Message() << iMax << "x" << jMax << " spp " << spp << " variant "
+                                            << variant << " band " << bandRows[caseNo % 4]);
+            testing::internal::CaptureStderr();
+            const Bytes want =
+                runPyramid(in, iMax, jMax, spp, 2, 1, gauss, bright, nullptr, true).joined();
+            testsupport::forEachTarget([&](int t) {
+                const int nbProc = 1 + (t + caseNo) % 3;
+                EXPECT_EQ(testsupport::firstDifference(
+                              want, runPyramid(in, iMax, jMax, spp, 2, nbProc, gauss, bright).joined(),
+                              iMax, spp), "")
+                    << nbProc << " threads; rows of jMax each: tower 1, tower 2, diff 1, diff 2";
+            });
+            testing::internal::GetCapturedStderr();
+        }
+}
+INSTANTIATE_TEST_SUITE_P(Sizes, PyramidSimd, testing::Range(0, 12));

@@ -1,14 +1,8 @@
-// Per-pixel filter: the colour-distance kernel, the sparse convolutions and
-// the parallel level pass with its bright-map kernel choice.
+// Per-pixel filter: the colour-distance kernel and the sparse convolutions.
 #include <gtest/gtest.h>
 
-#include <utility>
 #include <vector>
 
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
 #include "filter/filter.h"
 #include "image/image.h"
 #include "tables/tables.h"
@@ -16,9 +10,9 @@
 
 using namespace lumora;
 
-namespace {
+using testsupport::Bytes;
 
-using Bytes = std::vector<unsigned char>;
+namespace {
 
 // A table whose entries all differ, including the one past the end: (i + 1) / 32768.
 std::vector<float> distinctLut() {
@@ -136,92 +130,4 @@ void checkEdgeConvolution(int spp) {
 TEST(Convolution, EdgeVariantReadsBordersAndCornersLikeBuiltInCopy) {
     checkEdgeConvolution<unsigned char>(3);
     checkEdgeConvolution<unsigned short>(1);
-}
-
-namespace {
-
-// A one-sample 24x3 image in a hand-made built-in border of width 1 whose
-// horizontal neighbours differ: the normal kernel reads the left neighbour,
-// the fine kernel the right one, and an unfiltered pixel copies itself.
-struct LevelSetup {
-    static constexpr int iMax = 24, jMax = 3, ers = iMax + 2;
-    Bytes bordered = Bytes(ers * (jMax + 2)), map = Bytes(iMax * jMax, 0), out = map, smooth = map;
-    ImageWithBorder img{.image = bordered.data(), .borderWidth = 1, .mainImageHasBorders = 1};
-    KernelEntry normal{0, 1, 1.0f, 0, 0, 0}, fine{2, 1, 1.0f, 0, 0, 0};
-    std::vector<float> expLut = std::vector<float>(EXP_LUT_ENTRIES, 1.0f);
-    // One-sample 8-bit image and guide, 3x3 window, level 2.
-    LevelPassArgs a{};
-
-    LevelSetup() {
-        a.img = a.filterImg = &img;
-        a.filterSpp = a.spp = a.byteDepth = 1;
-        a.filterBps = a.bps = 8;
-        a.filterRowStride = a.rowStride = a.rowStrideBytes = iMax;
-        a.filterExtendedRowStride = a.extendedRowStride = ers;
-        a.imgOutput = out.data();
-        a.smoothImg = smooth.data();
-        a.spatialKernel = &normal;
-        a.spatialKernelFine = &fine;
-        a.numKernelEntries = a.numFineKernelEntries = 1;
-        a.expLut = expLut.data();
-        a.brightImage = map.data();
-        a.iMax = iMax;
-        a.jMax = jMax;
-        a.physicalKernelSize = a.largestPhysicalKernelSize = 3;
-        a.halfKernelSize = a.largestHalfKernelSize = 1;
-        a.level = 2;
-        a.rangeKernelSigma = 0.2f;
-        a.imageHasBorder = 1;
-        for (int n = 0; n < (int)bordered.size(); n++)
-            bordered[n] = (unsigned char)(3 * (n % ers) + 50 * (n / ers));
-    }
-    // Input sample dx columns beside pixel (i, j), and the output at (i, j).
-    int src(int i, int j, int dx) const { return bordered[(j + 1) * ers + i + 1 + dx]; }
-    int at(int i, int j) const { return out[j * iMax + i]; }
-};
-
-}  // namespace
-
-TEST(LevelPass, BrightMapChoosesCopyNormalOrFineKernelFromLevelTwoOn) {
-    // Bright value and the period of fine pixels ((i + j) mod period = 0);
-    // -1 = copied, 0 = never fine, 1 = always fine.
-    const std::pair<int, int> cases[] = {{0, -1},  {1, 0},   {9, 0},   {10, 20}, {39, 20},
-                                         {40, 10}, {60, 6},  {80, 5},  {100, 4}, {120, 3},
-                                         {140, 2}, {200, 2}, {201, 1}, {255, 1}};
-    for (bool plain : {true, false})  // both paths, each on its own
-        for (auto [bright, period] : cases)
-            for (int level : {1, 2}) {  // level 1 ignores the map
-                LevelSetup t;
-                std::fill(t.map.begin(), t.map.end(), (unsigned char)bright);
-                t.a.level = level;
-                usePlainPath = plain;
-                levelPass(2, t.a);
-                usePlainPath = false;
-                for (int j = 0; j < t.jMax; j++)
-                    for (int i = 0; i < t.iMax; i++) {
-                        const bool fine = period > 0 && (i + j) % period == 0;
-                        const int dx = level == 1 ? -1 : period < 0 ? 0 : fine ? 1 : -1;
-                        EXPECT_EQ(t.at(i, j), t.src(i, j, dx)) << "bright " << bright << " level "
-                                                               << level << " at " << i << "," << j
-                                                               << (plain ? " plain" : " SIMD");
-                    }
-            }
-}
-
-TEST(LevelPass, SameResultForAnyTeamSizeAndSmoothedAfterAllRows) {
-    LevelSetup ref;
-    ref.map = testsupport::randomImage(ref.iMax, ref.jMax, 1, 31);
-    ref.a.brightImage = ref.map.data();
-    levelPass(1, ref.a);
-    Bytes smoothed(ref.out.size());
-    smoothImage3x3(ref.out.data(), ref.iMax, ref.jMax, 1, 8, smoothed.data());
-    EXPECT_EQ(ref.smooth, smoothed);
-    for (int threads : {2, 3, 7}) {  // 7 threads for 3 rows
-        LevelSetup t;
-        t.map = ref.map;
-        t.a.brightImage = t.map.data();
-        levelPass(threads, t.a);
-        EXPECT_EQ(t.out, ref.out) << threads;
-        EXPECT_EQ(t.smooth, ref.smooth) << threads;
-    }
 }

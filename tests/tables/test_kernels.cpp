@@ -7,11 +7,6 @@
 #include <vector>
 
 #include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
 #include "tables/tables.h"
 
 using namespace lumora;

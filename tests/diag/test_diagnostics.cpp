@@ -3,20 +3,11 @@
 
 #include <dlfcn.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <vector>
 
-#include <jpeglib.h>
-
-#include "core/switches.h"
 #include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
-#include "tables/tables.h"
 #include "test_support.h"
 
 using namespace lumora;
@@ -29,29 +20,6 @@ struct {
     std::vector<int> saveInfos;
     std::vector<unsigned char> picture;  // rowBytes * height bytes
 } lastWrite;
-
-// The pixels of a JPEG file, and its width and height.
-std::vector<unsigned char> decodeJpeg(const std::string &path, int *width, int *height) {
-    FILE *file = std::fopen(path.c_str(), "rb");
-    if (!file) return {};
-    jpeg_decompress_struct cinfo;
-    jpeg_error_mgr err;
-    cinfo.err = jpeg_std_error(&err);
-    jpeg_create_decompress(&cinfo);
-    jpeg_stdio_src(&cinfo, file);
-    jpeg_read_header(&cinfo, TRUE);
-    jpeg_start_decompress(&cinfo);
-    *width = (int)cinfo.output_width;
-    *height = (int)cinfo.output_height;
-    const size_t rowBytes = cinfo.output_width * cinfo.output_components;
-    std::vector<unsigned char> pixels(rowBytes * *height);
-    for (JSAMPROW row = pixels.data(); cinfo.output_scanline < cinfo.output_height; row += rowBytes)
-        jpeg_read_scanlines(&cinfo, &row, 1);
-    jpeg_finish_decompress(&cinfo);
-    jpeg_destroy_decompress(&cinfo);
-    std::fclose(file);
-    return pixels;
-}
 
 void failIfNotPositive(int value) { BF_ASSERT(value > 0); }
 
@@ -75,21 +43,15 @@ extern "C" int HXwritejpg(const char *name, int quality, int *saveInfos, int row
     return real(name, quality, saveInfos, rowBytes, r1, r2, r3, r4, r5, r6, r7, pixels);
 }
 
-TEST(Diagnostics, SaveTestImageWritesDecodableJpegOfTheImage) {
+TEST(Diagnostics, SaveTestImageHandsTheImageToTheWriter) {
     const int w = 16, h = 8;
     std::vector<unsigned char> img(w * h * 3);
-    for (int n = 0; n < w * h; ++n) {  // smooth ramps survive JPEG nearly intact
-        img[3 * n] = (unsigned char)(40 + 8 * (n % w));
-        img[3 * n + 1] = (unsigned char)(30 + 10 * (n / w));
-        img[3 * n + 2] = 128;
-    }
+    for (int n = 0; n < w * h * 3; ++n) img[n] = (unsigned char)(7 * n);
     const std::string path = testsupport::tempPath("rgb.jpg");
     saveTestImage(path.c_str(), w, h, 3, 8, img.data());
     EXPECT_EQ(lastWrite.saveInfos, (std::vector<int>{w, h, 3, 8, 100, 100}));
-    int width = 0, height = 0;
-    const std::vector<unsigned char> jpg = decodeJpeg(path, &width, &height);
-    ASSERT_TRUE(width == w && height == h && jpg.size() == img.size()) << width << "x" << height;
-    for (size_t n = 0; n < img.size(); ++n) ASSERT_NEAR(jpg[n], img[n], 6) << n;
+    EXPECT_EQ(lastWrite.picture, img);
+    EXPECT_GT(std::filesystem::file_size(path), 0u);
 }
 
 TEST(Diagnostics, SixteenBitGreyWritesItsHighByteAndSwitchedOffDumpWritesNothing) {

@@ -1,31 +1,30 @@
-// 3x3 smoothing: truncating per-channel mean, copied edges, team sharing and
-// the byte-offset last-row copy of 16-bit images.
+// 3x3 smoothing: truncating per-channel mean, copied edges, the byte-offset
+// last-row copy of 16-bit images, and the SIMD rows against the plain ones on
+// every instruction set and team size.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <vector>
 
 #include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
 #include "image/image.h"
-#include "tables/tables.h"
 #include "test_support.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using testsupport::Bytes;
 
-// Smooths with a team of `threads`.
+// Smooths with a team of `threads`, on the plain path when asked.
 template <typename T>
-std::vector<T> smooth(const std::vector<T> &in, int iMax, int jMax, int spp, int threads) {
+std::vector<T> smooth(const std::vector<T> &in, int iMax, int jMax, int spp, int threads,
+                      bool plain = false) {
     std::vector<T> out(in.size(), T(0xABCD));
+    lumora::usePlainPath = plain;
     auto *src = reinterpret_cast<unsigned char *>(const_cast<T *>(in.data()));
     auto *dst = reinterpret_cast<unsigned char *>(out.data());
 #pragma omp parallel num_threads(threads)
     smoothImage3x3(src, iMax, jMax, spp, 8 * sizeof(T), dst);
+    lumora::usePlainPath = false;
     return out;
 }
 
@@ -44,15 +43,13 @@ TEST(Smoothing, PerChannelMeanTruncatesAndEdgesAreCopied) {
     for (int k : {0, 3, 9, 15, 21, 24}) EXPECT_EQ(out[k], in[k]) << k;
 }
 
-TEST(Smoothing, UniformAndThinImagesUnchangedAndTeamsAgree) {
+TEST(Smoothing, UniformAndThinImagesUnchanged) {
     const Bytes flat(10 * 6 * 3, 201);
     EXPECT_EQ(smooth(flat, 10, 6, 3, 2), flat);
     for (auto [iMax, jMax] : {std::pair{7, 1}, {7, 2}, {1, 7}, {2, 7}, {1, 1}}) {
         const Bytes in = testsupport::randomImage(iMax, jMax, 3, 5);
         EXPECT_EQ(smooth(in, iMax, jMax, 3, 2), in) << iMax << "x" << jMax;
     }
-    const Bytes in = testsupport::randomImage(13, 11, 3, 3), one = smooth(in, 13, 11, 3, 1);
-    for (int t : {2, 3, 7}) EXPECT_EQ(smooth(in, 13, 11, 3, t), one) << t << " threads";
 }
 
 // 16-bit: the last-row copy lands (jMax-1)*rowStride BYTES in, i.e. at sample
@@ -69,6 +66,23 @@ TEST(Smoothing, SixteenBitLastRowCopyUsesByteOffset) {
         for (int k = 8; k < 12; k++) EXPECT_EQ(out[k], in[k]);  // row 2: input copy
         for (int k = 16; k < 20; k++) EXPECT_EQ(out[k], 0xABCD);
     }
+}
+
+// Near white, so that nine-sample sums reach 9 * 255; up to 7 threads for 5 rows.
+TEST(SmoothingSimd, RowsMatchPlainRowsUpToFullWhiteSums) {
+    for (int iMax = 1; iMax <= 41; iMax += 4)
+        for (int spp : {1, 3}) {
+            Bytes in = testsupport::randomImage(iMax, 5, spp, iMax * 7 + spp);
+            for (size_t k = 0; k < in.size(); k++)
+                if (k % 5 != 0) in[k] = (unsigned char)(255 - in[k] % 3);
+            const Bytes want = smooth(in, iMax, 5, spp, 1, true);
+            testsupport::forEachTarget([&](int t) {
+                const int threads = 1 + (t + iMax) % 4 * 2;
+                EXPECT_EQ(testsupport::firstDifference(want, smooth(in, iMax, 5, spp, threads),
+                                                       iMax, spp), "")
+                    << iMax << "x5 spp " << spp << ", " << threads << " threads";
+            });
+        }
 }
 
 }  // namespace
