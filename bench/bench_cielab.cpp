@@ -18,7 +18,7 @@ static void fill(benchmark::State &state, bool plain) {
         lumora::CIELab_Init((int)state.range(0));
         benchmark::DoNotOptimize(lumora::labLUT[255][255][255]);
     }
-    if (!plain) state.counters["fallbacks"] = lumora::labFastFallbacks;
+    if (!plain) state.counters["fallbacks"] = lumora::labSimdFallbacks;
     lumora::usePlainPath = false;
 }
 

@@ -282,7 +282,7 @@ void reconstruct(int nbProc, const ReconstructionArgs &args) {
     {
         int rowBegin, rowEnd;
         staticBlock(args.jMax, omp_get_thread_num(), omp_get_num_threads(), &rowBegin, &rowEnd);
-        // Short of memory for its row buffers, the fast path leaves the rows
+        // Short of memory for its row buffers, the SIMD path leaves the rows
         // to the per-pixel code, which needs none and writes the same bytes.
         if (usePlainPath || !simd::reconstructionCovers(args) ||
             !simd::reconstructRows(args, rowBegin, rowEnd))

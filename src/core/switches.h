@@ -24,6 +24,6 @@ extern int levelPassBandRows;
 // Calls of getProposedLevelFactorImpl since process start.
 extern int proposedLevelFactorImplCalls;
 // Entries of the last vectorised CIELab fill that took the exact conversion.
-extern int labFastFallbacks;
+extern int labSimdFallbacks;
 
 }  // namespace lumora

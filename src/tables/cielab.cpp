@@ -16,7 +16,7 @@
 namespace lumora {
 
 LABData ***labLUT = nullptr;
-int labFastFallbacks = 0;
+int labSimdFallbacks = 0;
 
 // Linear RGB to XYZ; each row sums to the matching component of the white.
 const double rgb_xyz[3][3] = {
@@ -89,7 +89,7 @@ void make_CIELAB_lookup_table(int nbProc) {
         }
         return;
     }
-    // Same entries, a block of 256 blues at a time (cielab_fast.cpp).
+    // Same entries, a block of 256 blues at a time (cielab_hwy.cpp).
     LabFillTables tables;
     makeLabFillTables(&tables);
     int fallbacks = 0;
@@ -98,9 +98,9 @@ void make_CIELAB_lookup_table(int nbProc) {
         int rBegin, rEnd;
         staticBlock(256, omp_get_thread_num(), omp_get_num_threads(), &rBegin, &rEnd);
         for (int r = rBegin; r < rEnd; r++)
-            for (int g = 0; g < 256; g++) fallbacks += fillLabBlockFast(r, g, tables, labLUT[r][g]);
+            for (int g = 0; g < 256; g++) fallbacks += fillLabBlockSimd(r, g, tables, labLUT[r][g]);
     }
-    labFastFallbacks = fallbacks;
+    labSimdFallbacks = fallbacks;
 }
 
 void Point_RGB_to_CIELab(int rR, int gG, int bB, float *L, float *A, float *B) {

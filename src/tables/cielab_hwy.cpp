@@ -176,7 +176,7 @@ void makeLabFillTables(LabFillTables *tables) {
     }
 }
 
-int fillLabBlockFast(int r, int g, const LabFillTables &tables, LABData *block) {
+int fillLabBlockSimd(int r, int g, const LabFillTables &tables, LABData *block) {
     return HWY_DYNAMIC_DISPATCH(FillLabBlock)(r, g, tables, block);
 }
 

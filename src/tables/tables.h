@@ -45,7 +45,7 @@ void pseudoinverse(double in[][3], double out[][3], int size);
 void CIELab_End();
 
 
-// CIELab fast fill (cielab_fast.cpp)
+// Vectorised CIELab fill (cielab_hwy.cpp)
 
 // What the table's entries share along b: the b terms of the X and Y sums and
 // f of Z, which depends on b alone.
@@ -57,7 +57,7 @@ struct LabFillTables {
 void makeLabFillTables(LabFillTables *tables);
 // Fills the 256 entries of labLUT[r][g] with the floats Point_RGB_to_CIELab
 // gives; returns how many of them needed its exact conversion.
-int fillLabBlockFast(int r, int g, const LabFillTables &tables, LABData *block);
+int fillLabBlockSimd(int r, int g, const LabFillTables &tables, LABData *block);
 // The fill's cube root: for t in (ep, 1], within LAB_CUBE_ROOT_ERROR
 // (relative) of pow(t, 0.3333333333333333).
 void labCubeRoots(const double *t, double *root, size_t n);
