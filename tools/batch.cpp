@@ -32,6 +32,7 @@ struct Bracket {
     std::string output;
     std::vector<std::string> chosen;  // the frames fused
     std::string status = "failed", error;
+    std::string alignment = "none";
     double seconds = 0;
 };
 
@@ -185,7 +186,7 @@ std::string reportText(const std::vector<Bracket> &brackets) {
         snprintf(seconds, sizeof seconds, "%.3f", b.seconds);
         out += std::string(i ? "," : "") + "\n    {\"inputs\": " + quotedList(inputs) +
                ", \"output\": " + quoted(b.output) + ", \"frames\": " + quotedList(b.chosen) +
-               ", \"alignment\": \"none\", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
+               ", \"alignment\": " + quoted(b.alignment) + ", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
                ", \"error\": " + quoted(b.error) + "}";
         counts[b.status == "fused" ? 0 : b.status == "skipped" ? 1 : 2] += 1;
     }
@@ -291,6 +292,7 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
                     next = prepareInBackground(after);
             }
             result = hooks.fuse(one, p.images);
+            b.alignment = hooks.alignment();
             if (result != 0)
                 b.error = hooks.lastLine();
         }

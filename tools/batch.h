@@ -20,6 +20,7 @@ struct BatchHooks {
     // read. Returns 0 or the exit status of a single run, having said why.
     std::function<int(const Options &options, std::vector<Image> &decoded)> fuse;
     std::function<std::string()> lastLine;  // the last line said, for the report
+    std::function<std::string()> alignment;  // what the last fusion's alignment did ("none")
     // Whether width x height frames of the next bracket, decoded (moreBytes),
     // fit in memory beside the fusion of the bracket about to start.
     std::function<bool(const Options &current, int width, int height, double moreBytes)> roomFor;

@@ -37,6 +37,7 @@ namespace {
 
 int gStderr = STDERR_FILENO;  // the terminal's error stream (fd 2 may be redirected)
 std::string gLastLine;        // the last line said, for the batch report
+std::string gAlignment;       // what the last run's alignment did, for the batch report
 
 void say(const std::string &line) {
     gLastLine = line;
@@ -277,6 +278,7 @@ int alignExposures(const Options &options, std::vector<Image> &images, int refer
     const std::string &name = options.images[reference];
     if (options.threads > 0)
         setAlignmentThreads(options.threads);
+    gAlignment = "none";
     if (!options.align) {
         const double off = options.quiet ? 0 : misalignment(images, reference);
         char text[160];
@@ -294,13 +296,13 @@ int alignExposures(const Options &options, std::vector<Image> &images, int refer
             ": " + error);
         return 1;
     }
-    if (!options.quiet) {
-        char text[160];
-        snprintf(text, sizeof text, " (moved up to %.1f px, turned up to %.2f degrees); ", summary.largestShift,
-                 summary.largestAngle);
-        say("aligned " + std::to_string(images.size()) + " frames to " + name + text +
-            cropText(summary.crop, width, height));
-    }
+    char text[160];
+    snprintf(text, sizeof text, " (moved up to %.1f px, turned up to %.2f degrees); ", summary.largestShift,
+             summary.largestAngle);
+    gAlignment = "aligned " + std::to_string(images.size()) + " frames to " + name + text +
+                 cropText(summary.crop, width, height);
+    if (!options.quiet)
+        say(gAlignment);
     return cancelRequested() ? cancelled() : kContinue;
 }
 
@@ -401,6 +403,7 @@ int deliver(const Options &options, const OutputPicture &picture, const std::str
 }
 
 int run(const Options &options, std::vector<Image> *decoded = nullptr) {
+    gAlignment = "none";
     std::vector<Image> images;
     Loupe region;
     OutputFile output(options.output);
@@ -441,6 +444,7 @@ BatchHooks batchHooks() {
     hooks.usageError = usageError;
     hooks.fuse = [](const Options &options, std::vector<Image> &decoded) { return run(options, &decoded); };
     hooks.lastLine = [] { return gLastLine; };
+    hooks.alignment = [] { return gAlignment.empty() ? std::string("none") : gAlignment; };
     hooks.roomFor = [](const Options &current, int width, int height, double moreBytes) {
         const double need = fusionBytes(double(width) * height, double(width) * height,
                                         int(current.images.size())) + moreBytes;
