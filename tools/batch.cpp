@@ -208,16 +208,12 @@ const char *extensionOf(FileFormat format) {
 
 }  // namespace
 
-int runBatch(const Options &options, const BatchHooks &hooks) {
-    initMetadataForThreads();
-    std::error_code error;
-    if (!fs::is_directory(options.output, error) && !fs::create_directory(options.output, error)) {
-        hooks.say(options.output + ": cannot make the output folder: " + error.message());
-        return 1;
-    }
+namespace {
 
-    std::vector<Bracket> unreadable, brackets;
-    std::vector<FrameInfo> frames;
+// The frames of the files and folders given; each unreadable file becomes a
+// failed bracket of its own.
+void readFrames(const Options &options, const BatchHooks &hooks, std::vector<FrameInfo> &frames,
+                std::vector<Bracket> &unreadable) {
     for (const std::string &path : gather(options.images)) {
         FrameInfo info;
         std::string why;
@@ -231,12 +227,16 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
         unreadable.back().frames.back().path = path;
         unreadable.back().error = why;
     }
-    std::string why;
-    if (group(options, frames, brackets, why) != kContinue)
-        return hooks.usageError(why);
+}
 
+// Names every bracket's output and returns the brackets to fuse: not those of
+// one frame, those whose output another bracket writes, nor (without
+// --overwrite) those whose output exists.
+std::vector<size_t> bracketsToFuse(const Options &options, const BatchHooks &hooks,
+                                   std::vector<Bracket> &brackets) {
     std::vector<size_t> todo;
     std::set<std::string> names;  // the outputs so far: two brackets never write one file
+    std::error_code error;
     for (size_t i = 0; i < brackets.size(); ++i) {
         Bracket &b = brackets[i];
         const fs::path middle(b.frames[b.frames.size() / 2].path);
@@ -256,59 +256,104 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
             todo.push_back(i);
         }
     }
+    return todo;
+}
 
-    int status = 0;
+// The batch's loop over the brackets to fuse, with its time estimate and the
+// next bracket decoded in the background.
+struct BatchRun {
+    const Options &options;
+    const BatchHooks &hooks;
+    std::vector<Bracket> &brackets;
+    const std::vector<size_t> &todo;
     double fusedSeconds = 0;
     int fusedCount = 0;
     std::future<Prepared> next;
-    for (size_t k = 0; k < todo.size() && status != 130; ++k) {
-        Bracket &b = brackets[todo[k]];
-        const auto start = std::chrono::steady_clock::now();
-        Prepared p = next.valid() ? next.get() : prepare(b, false);
-        if (!options.quiet) {
-            std::string line = "bracket " + std::to_string(k + 1) + " of " + std::to_string(todo.size()) + ": " +
-                               std::to_string(b.frames.size()) + " frames -> " + b.output;
-            if (fusedCount > 0)
-                line += "; " + timeLeft(fusedSeconds / fusedCount * double(todo.size() - k));
-            hooks.say(line);
-            if (!p.choice.line.empty())
-                hooks.say(p.choice.line);
-            for (const std::string &note : p.notes)
-                hooks.say(note);
-        }
-        int result = p.status;
-        if (result != kContinue) {
-            hooks.say(p.error);
-            b.error = p.error;
-        } else {
-            b.chosen = p.choice.paths;
-            Options one = options;
-            one.images = p.choice.paths;
-            one.output = b.output;
-            if (k + 1 < todo.size()) {
-                const Bracket &after = brackets[todo[k + 1]];
-                const double pixels = double(after.frames[0].width) * after.frames[0].height;
-                if (hooks.roomFor(one, b.frames[0].width, b.frames[0].height, pixels * 3 * 4))
-                    next = prepareInBackground(after);
-            }
-            result = hooks.fuse(one, p.images);
-            b.alignment = hooks.alignment();
-            if (result != 0)
-                b.error = hooks.lastLine();
-        }
-        b.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        if (result == 0) {
-            b.status = "fused";
-            fusedSeconds += b.seconds;
-            fusedCount += 1;
-        } else {
-            status = result == 130 ? 130 : 1;
-            if (result == 130)
-                b.status = "cancelled";
-        }
+
+    void announce(size_t k, const Bracket &b, const Prepared &p) const {
+        if (options.quiet)
+            return;
+        std::string line = "bracket " + std::to_string(k + 1) + " of " + std::to_string(todo.size()) + ": " +
+                           std::to_string(b.frames.size()) + " frames -> " + b.output;
+        if (fusedCount > 0)
+            line += "; " + timeLeft(fusedSeconds / fusedCount * double(todo.size() - k));
+        hooks.say(line);
+        if (!p.choice.line.empty())
+            hooks.say(p.choice.line);
+        for (const std::string &note : p.notes)
+            hooks.say(note);
     }
-    if (next.valid())
-        next.wait();
+
+    // Fuses bracket k; returns 0 or the single run's exit status.
+    int fuse(size_t k, Bracket &b, Prepared &p) {
+        b.chosen = p.choice.paths;
+        Options one = options;
+        one.images = p.choice.paths;
+        one.output = b.output;
+        if (k + 1 < todo.size()) {
+            const Bracket &after = brackets[todo[k + 1]];
+            const double pixels = double(after.frames[0].width) * after.frames[0].height;
+            if (hooks.roomFor(one, b.frames[0].width, b.frames[0].height, pixels * 3 * 4))
+                next = prepareInBackground(after);
+        }
+        const int result = hooks.fuse(one, p.images);
+        b.alignment = hooks.alignment();
+        if (result != 0)
+            b.error = hooks.lastLine();
+        return result;
+    }
+
+    // 0, 1 when a bracket failed, 130 when cancelled.
+    int all() {
+        int status = 0;
+        for (size_t k = 0; k < todo.size() && status != 130; ++k) {
+            Bracket &b = brackets[todo[k]];
+            const auto start = std::chrono::steady_clock::now();
+            Prepared p = next.valid() ? next.get() : prepare(b, false);
+            announce(k, b, p);
+            int result = p.status;
+            if (result != kContinue) {
+                hooks.say(p.error);
+                b.error = p.error;
+            } else {
+                result = fuse(k, b, p);
+            }
+            b.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            if (result == 0) {
+                b.status = "fused";
+                fusedSeconds += b.seconds;
+                fusedCount += 1;
+            } else {
+                status = result == 130 ? 130 : 1;
+                if (result == 130)
+                    b.status = "cancelled";
+            }
+        }
+        if (next.valid())
+            next.wait();
+        return status;
+    }
+};
+
+}  // namespace
+
+int runBatch(const Options &options, const BatchHooks &hooks) {
+    initMetadataForThreads();
+    std::error_code error;
+    if (!fs::is_directory(options.output, error) && !fs::create_directory(options.output, error)) {
+        hooks.say(options.output + ": cannot make the output folder: " + error.message());
+        return 1;
+    }
+    std::vector<Bracket> unreadable, brackets;
+    std::vector<FrameInfo> frames;
+    readFrames(options, hooks, frames, unreadable);
+    std::string why;
+    if (group(options, frames, brackets, why) != kContinue)
+        return hooks.usageError(why);
+
+    const std::vector<size_t> todo = bracketsToFuse(options, hooks, brackets);
+    BatchRun run{options, hooks, brackets, todo, 0.0, 0, {}};
+    int status = run.all();
 
     brackets.insert(brackets.begin(), unreadable.begin(), unreadable.end());
     if (status == 0 && std::any_of(brackets.begin(), brackets.end(),

@@ -353,97 +353,118 @@ std::string helpText() {
     return s;
 }
 
-int parseOptions(int argc, const char *const *argv, Options &options, std::string &message) {
-    options = Options();
-    defaults(options.params);
+namespace {
 
-    CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
-    app.set_help_flag();
-    bool help = false, version = false, preserve = int(options.params[kPreserveHighlights]) != 0;
+// The options as given, before their checks.
+struct GivenOptions {
+    bool help = false, version = false, preserve = true;
     std::string paramText[kFusionParamCount], threads, quality, depth, loupe, frames, group, format;
+};
+
+void declareOptions(CLI::App &app, Options &options, GivenOptions &given) {
+    app.set_help_flag();
     app.add_option("images", options.images);
     app.add_option("-o,--output", options.output);
-    app.add_flag("-h,--help", help);
-    app.add_flag("-V,--version", version);
+    app.add_flag("-h,--help", given.help);
+    app.add_flag("-V,--version", given.version);
     app.add_flag("-q,--quiet", options.quiet);
     app.add_flag("--align", options.align);
     app.add_flag("-v,--verbose", options.verbose);
-    app.add_flag("--preserve-highlights,!--no-preserve-highlights", preserve);
-    app.add_option("--threads", threads);
-    app.add_option("--quality", quality);
-    app.add_option("--depth", depth);
-    app.add_option("--loupe", loupe);
-    app.add_option("--frames", frames);
+    app.add_flag("--preserve-highlights,!--no-preserve-highlights", given.preserve);
+    app.add_option("--threads", given.threads);
+    app.add_option("--quality", given.quality);
+    app.add_option("--depth", given.depth);
+    app.add_option("--loupe", given.loupe);
+    app.add_option("--frames", given.frames);
     app.add_option("--metadata-from", options.metadataFrom);
     app.add_flag("--batch", options.batch);
-    app.add_option("--group", group);
-    app.add_option("--format", format);
+    app.add_option("--group", given.group);
+    app.add_option("--format", given.format);
     app.add_flag("--overwrite", options.overwrite);
     app.add_option("--report", options.report);
     for (int i = 0; i < kParamSpecCount; ++i)
-        app.add_option(std::string("--") + kParamSpecs[i].option, paramText[kParamSpecs[i].index]);
+        app.add_option(std::string("--") + kParamSpecs[i].option, given.paramText[kParamSpecs[i].index]);
+}
 
+// argv, @FILE arguments expanded, through the parser; false with the reason.
+bool parseArguments(CLI::App &app, int argc, const char *const *argv, std::string &message) {
     try {
         std::vector<std::string> args;
         for (int i = 1; i < argc; ++i)
             args.emplace_back(argv[i]);
         if (!expandArgumentFiles(args, message))
-            return 2;
+            return false;
         std::reverse(args.begin(), args.end());
         app.parse(args);
-    } catch (const CLI::ParseError &e) {
+    } catch (const std::exception &e) {  // CLI::ParseError among them
         message = e.what();
-        return 2;
-    } catch (const std::exception &e) {
-        message = e.what();
-        return 2;
+        return false;
     }
-    if (help) {
-        message = helpText();
-        return 0;
-    }
-    if (version) {
-        message = versionText();
-        return 0;
-    }
+    return true;
+}
 
-    options.params[kPreserveHighlights] = preserve ? 1.0f : 0.0f;
+// The fusion parameters and the output's numbers.
+bool checkValues(const CLI::App &app, Options &options, const GivenOptions &given, std::string &message) {
+    options.params[kPreserveHighlights] = given.preserve ? 1.0f : 0.0f;
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &param = kParamSpecs[i];
         if (app.count(std::string("--") + param.option) &&
-            !checkParam(param, paramText[param.index], options.params[param.index], message))
-            return 2;
+            !checkParam(param, given.paramText[param.index], options.params[param.index], message))
+            return false;
     }
-    if (!checkTogether(options, paramText[kStrength], message))
-        return 2;
-    if (app.count("--threads") && !checkWhole("--threads", threads, 1, kMaxThreads, options.threads, message))
-        return 2;
-    if (app.count("--quality") && !checkWhole("--quality", quality, 1, 100, options.quality, message))
-        return 2;
-    if (app.count("--depth") && (depth != "8" && depth != "16")) {
-        message = "--depth: '" + depth + "' is not valid (8 or 16)";
-        return 2;
+    if (!checkTogether(options, given.paramText[kStrength], message))
+        return false;
+    if (app.count("--threads") && !checkWhole("--threads", given.threads, 1, kMaxThreads, options.threads, message))
+        return false;
+    if (app.count("--quality") && !checkWhole("--quality", given.quality, 1, 100, options.quality, message))
+        return false;
+    if (app.count("--depth") && (given.depth != "8" && given.depth != "16")) {
+        message = "--depth: '" + given.depth + "' is not valid (8 or 16)";
+        return false;
     }
     if (app.count("--depth"))
-        options.depth = depth == "16" ? 16 : 8;
-    if (app.count("--loupe") && !parseLoupe(loupe, options.loupe, message))
-        return 2;
+        options.depth = given.depth == "16" ? 16 : 8;
+    return !app.count("--loupe") || parseLoupe(given.loupe, options.loupe, message);
+}
 
-    if (app.count("--frames") && !parseFrames(frames, options.frames, message))
-        return 2;
-    if (app.count("--group") && !checkWhole("--group", group, 2, 1000, options.group, message))
-        return 2;
+// The frame choice and the options that belong to a batch, or never to one.
+bool checkFramesAndBatch(const CLI::App &app, Options &options, const GivenOptions &given,
+                         std::string &message) {
+    if (app.count("--frames") && !parseFrames(given.frames, options.frames, message))
+        return false;
+    if (app.count("--group") && !checkWhole("--group", given.group, 2, 1000, options.group, message))
+        return false;
     for (const char *name : {"--group", "--format", "--overwrite", "--report"})
         if (!options.batch && app.count(name)) {
             message = std::string(name) + ": only with --batch";
-            return 2;
+            return false;
         }
     if (options.batch && (app.count("--frames") || app.count("--loupe"))) {
         message = std::string(app.count("--frames") ? "--frames" : "--loupe") +
                   ": not with --batch (each bracket is fused whole, from frames of its own)";
-        return 2;
+        return false;
     }
-    return checkFiles(options, format, message) ? kContinue : 2;
+    return true;
+}
+
+}  // namespace
+
+int parseOptions(int argc, const char *const *argv, Options &options, std::string &message) {
+    options = Options();
+    defaults(options.params);
+    CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
+    GivenOptions given;
+    given.preserve = int(options.params[kPreserveHighlights]) != 0;
+    declareOptions(app, options, given);
+    if (!parseArguments(app, argc, argv, message))
+        return 2;
+    if (given.help || given.version) {
+        message = given.help ? helpText() : versionText();
+        return 0;
+    }
+    if (!checkValues(app, options, given, message) || !checkFramesAndBatch(app, options, given, message))
+        return 2;
+    return checkFiles(options, given.format, message) ? kContinue : 2;
 }
 
 }  // namespace lumora_fuse
