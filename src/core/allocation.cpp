@@ -6,13 +6,8 @@
 
 #include <atomic>
 
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
-#include "tables/tables.h"
+#include "core/core.h"
+
 
 namespace lumora {
 namespace {

@@ -5,11 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/switches.h"
 #include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
 #include "image/image.h"
 #include "tables/tables.h"
 

@@ -5,11 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
 #include "filter/filter.h"
+#include "diag/diag.h"
 #include "image/image.h"
 #include "tables/tables.h"
 

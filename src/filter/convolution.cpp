@@ -4,13 +4,8 @@
 // gather, multiply and add. Sums are single precision, in kernel order, and
 // the stores truncate and keep the low bits without clamping, so a weight sum
 // slightly above 1 on white wraps around.
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
 #include "filter/filter.h"
 #include "image/image.h"
-#include "tables/tables.h"
 
 namespace lumora {
 

@@ -6,11 +6,6 @@
 #include <cstdlib>
 
 #include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
 #include "tables/tables.h"
 
 namespace lumora {

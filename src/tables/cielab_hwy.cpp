@@ -37,12 +37,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
 #include "tables/tables.h"
 
 HWY_BEFORE_NAMESPACE();

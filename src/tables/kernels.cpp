@@ -5,13 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
 #include "tables/tables.h"
+#include "diag/diag.h"
 
 namespace lumora {
 

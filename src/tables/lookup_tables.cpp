@@ -2,12 +2,6 @@
 // per-pixel loops: the range weight, the log and the power-of-two tables.
 #include <cmath>
 
-#include "core/switches.h"
-#include "diag/diag.h"
-#include "blend/blend.h"
-#include "driver/driver.h"
-#include "filter/filter.h"
-#include "image/image.h"
 #include "tables/tables.h"
 
 namespace lumora {
