@@ -61,6 +61,10 @@ struct Pass {
     const LevelPassArgs *args;
     const unsigned char *sample[3];  // one plane of bytes per sample
     const float *lab[3];             // L, A, B planes (filtered colour levels)
+    // Colour levels steered by the map: every pixel's L, A, B and its three
+    // bytes (then a zero) in 16 bytes, one cache line for a packed lane's
+    // entry.
+    const float *record;
     size_t width;                    // pixels per row of the bordered copy
     size_t origin;                   // copy pixel index of the planes' first pixel
     KernelPlan normal;
@@ -85,9 +89,10 @@ constexpr int SCRATCH_PIECES = 6;  // the pointers of Scratch but the kernel
 // row is copy row `top`. The two zero rows of slack after the copy are
 // converted too: the per-pixel code can read them on small images, and it
 // reads bytes 0, 0, 0 there, so the planes hold 0 and labLUT[0][0][0]
-// (lab[0] null: a gauss-only level, no CIELab planes).
+// (lab[0] null: a gauss-only level, no CIELab planes; record null: no
+// records).
 inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
-                        size_t width, int top, int r0, int r1) {
+                        float *record, size_t width, int top, int r0, int r1) {
     const unsigned char *q = a.img->image + (size_t)r0 * width * 3;
     for (size_t px = (size_t)(r0 - top) * width; px < (size_t)(r1 - top) * width; px++, q += 3) {
         sample[0][px] = q[0];
@@ -98,13 +103,21 @@ inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, fl
             lab[0][px] = v.l;
             lab[1][px] = v.a;
             lab[2][px] = v.b;
+            if (record != nullptr) {
+                float *r = record + 4 * px;
+                r[0] = v.l;
+                r[1] = v.a;
+                r[2] = v.b;
+                const unsigned char bytes[4] = {q[0], q[1], q[2], 0};
+                std::memcpy(r + 3, bytes, 4);
+            }
         }
     }
 }
 
 // Plane rows [r0, r1) up by `shift` rows.
-inline void moveRows(unsigned char *const *sample, float *const *lab, size_t width, int shift,
-                     int r0, int r1) {
+inline void moveRows(unsigned char *const *sample, float *const *lab, float *record,
+                     size_t width, int shift, int r0, int r1) {
     const size_t from = (size_t)(r0 + shift) * width;
     const size_t to = (size_t)r0 * width;
     const size_t n = (size_t)(r1 - r0) * width;
@@ -112,6 +125,7 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
         std::memcpy(sample[q] + to, sample[q] + from, n);
         if (lab[q] != nullptr) std::memcpy(lab[q] + to, lab[q] + from, n * sizeof(float));
     }
+    if (record != nullptr) std::memcpy(record + 4 * to, record + 4 * from, 4 * n * sizeof(float));
 }
 
 }  // namespace simd
@@ -151,14 +165,11 @@ HWY_INLINE hn::Vec<DF> ByteOf(hn::Vec<DI> word) {
     return hn::ConvertTo(DF(), hn::And(hn::ShiftRight<8 * Q>(word), hn::Set(di, 0xFF)));
 }
 
-// Four bytes from each lane's pixel at entry offset o of a plane of `stride`
-// bytes per pixel, lane x standing for the pixel idx[x] places on (the low
-// byte is the lane's sample; the plane's slack rows keep the extra bytes in
-// bounds).
-template <int STRIDE>
+// Four bytes from each lane's pixel at entry offset o of a byte plane, lane
+// x standing for the pixel idx[x] places on (the low byte is the lane's
+// sample; the plane's slack rows keep the extra bytes in bounds).
 HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, hn::Vec<DI> idx) {
-    if constexpr (STRIDE == 3) idx = hn::Add(hn::Add(idx, idx), idx);
-    return hn::GatherOffset(DI(), reinterpret_cast<const int32_t *>(plane + o * STRIDE), idx);
+    return hn::GatherOffset(DI(), reinterpret_cast<const int32_t *>(plane + o), idx);
 }
 
 // ---------------------------------------------------------------------------
@@ -312,9 +323,9 @@ HWY_INLINE void PrefetchAhead(const T *p) {
 // result[sample * block + lane]. gauss: the kernel's own weights.
 //
 // PACKED: lane x stands for the pixel idx[x] places after `base` instead of
-// the x-th, and its reads become gathers (the bytes from the interleaved
-// bordered copy, whose pixel k is plane index k). This packs the few
-// fine-kernel pixels of sparse vectors into full vectors.
+// the x-th, and its reads become gathers (of a colour level's records, so
+// that a lane's entry costs one cache line). This packs the few fine-kernel
+// pixels of sparse vectors into full vectors.
 template <int SPP, bool PACKED>
 HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
                               const unsigned char *need, const int32_t *idx, bool gauss,
@@ -327,7 +338,7 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
     const unsigned char *S0 = p.sample[0] + first;
     const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + first;
     const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + first;
-    const unsigned char *rgb = p.args->img->image + base * SPP;
+    const float *R = PACKED && SPP == 3 ? p.record + 4 * first : nullptr;
     const bool lab = !gauss && SPP == 3;
     const float *L = lab ? p.lab[0] + first : nullptr;
     const float *A = lab ? p.lab[1] + first : nullptr;
@@ -344,22 +355,27 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
     for (size_t v = 0, x = 0; v < nv; v++, x += N) {
         if (need != nullptr && !need[v]) continue;
         const auto lanes = PACKED ? hn::LoadU(di, idx + x) : hn::Zero(di);
+        const auto quads = hn::ShiftLeft<2>(lanes);  // lanes' first floats in the records
         // Prefetches of the byte planes once per cache line.
         const bool lineStart = !PACKED && x % 64 == 0;
-        const auto floats = [&](const float *plane, ptrdiff_t o) {
+        // Component q (L, A, B) of the lanes' pixels at entry offset o.
+        const auto floats = [&](const float *plane, int q, ptrdiff_t o) {
             if constexpr (PACKED)
-                return hn::GatherIndex(df, plane + o, lanes);
+                return hn::GatherIndex(df, R + 4 * o + q, quads);
             else
                 return hn::LoadU(df, plane + o + x);
         };
         hn::Vec<DF> s0, s1, s2;
         const auto samples = [&](ptrdiff_t o) {
             if constexpr (PACKED) {
-                const auto word = GatherBytes<SPP>(SPP == 3 ? rgb : S0, o, lanes);
-                s0 = ByteOf<0>(word);
                 if constexpr (SPP == 3) {
+                    const auto word = hn::GatherIndex(
+                        di, reinterpret_cast<const int32_t *>(R + 4 * o + 3), quads);
+                    s0 = ByteOf<0>(word);
                     s1 = ByteOf<1>(word);
                     s2 = ByteOf<2>(word);
+                } else {
+                    s0 = ByteOf<0>(GatherBytes(S0, o, lanes));
                 }
             } else {
                 if (lineStart) {
@@ -392,7 +408,7 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
         } else {
             auto sum = hn::Zero(df);
             if constexpr (SPP == 3) {
-                const auto cL = floats(L, c), cA = floats(A, c), cB = floats(Bp, c);
+                const auto cL = floats(L, 0, c), cA = floats(A, 1, c), cB = floats(Bp, 2, c);
                 for (int e = 0; e < n; e++) {
                     const ptrdiff_t o = offset[e];
                     if constexpr (!PACKED) {
@@ -400,9 +416,9 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
                         PrefetchAhead(A + o + x + 2 * N);
                         PrefetchAhead(Bp + o + x + 2 * N);
                     }
-                    const auto dL = hn::Sub(floats(L, o), cL);
-                    const auto dA = hn::Sub(floats(A, o), cA);
-                    const auto dB = hn::Sub(floats(Bp, o), cB);
+                    const auto dL = hn::Sub(floats(L, 0, o), cL);
+                    const auto dA = hn::Sub(floats(A, 1, o), cA);
+                    const auto dB = hn::Sub(floats(Bp, 2, o), cB);
                     // No fused multiply-add: each square is rounded, L and A first.
                     auto dist =
                         hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
@@ -617,6 +633,7 @@ struct Layout {
     int bandRows;        // output rows per band
     size_t planeSize;    // pixels per plane
     bool lab;            // CIELab planes: a filtered colour level
+    bool records;        // and the records of packed lanes: one steered by the map
     bool useMap;         // the bright map steers the kernels
 };
 
@@ -628,6 +645,7 @@ struct LevelPlan {
     float *lab[3];
     unsigned char *samples;    // the blocks behind them
     float *labPlanes;
+    float *records;
     ptrdiff_t *offsets;
     float *factors;
     unsigned char *scratch;    // every thread's Scratch pieces
@@ -673,7 +691,7 @@ void reachOf(const LevelPassArgs &a, Layout &l) {
 // shared rows are not moved too often and the team has rows enough to share.
 int bandRowsOf(const LevelPassArgs &a, const Layout &l, int team) {
     if (a.spp != 3) return a.jMax;
-    const size_t pixelBytes = l.lab ? 3 + 3 * sizeof(float) : 3;
+    const size_t pixelBytes = 3 + (l.lab ? 3 * sizeof(float) : 0) + (l.records ? 16 : 0);
     const long fit = (long)(BAND_PLANE_BYTES / (l.width * pixelBytes)) - l.reachUp - l.reachDown;
     const int rows = levelPassBandRows > 0 ? levelPassBandRows
                                            : (int)std::max<long>(fit, std::max(64, 4 * team));
@@ -687,6 +705,7 @@ Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
     l.rows = a.jMax + 2 * a.img->borderWidth + 2;
     l.lab = !a.levelGaussOnly && a.spp == 3;
     l.useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
+    l.records = l.lab && l.useMap;
     l.nNormal = a.numKernelEntries;
     l.nFine = l.useMap ? a.numFineKernelEntries : 0;
     const int nMax = std::max(std::max(l.nNormal, l.nFine), 1);
@@ -716,11 +735,13 @@ bool allocatePlanes(LevelPlan &p, int team) {
     const int spp = p.args->spp;
     if (spp == 3) p.samples = static_cast<unsigned char *>(allocate(l.planeSize * 3));
     if (l.lab) p.labPlanes = static_cast<float *>(allocate(l.planeSize * 3 * sizeof(float)));
+    if (l.records) p.records = static_cast<float *>(allocate(l.planeSize * 4 * sizeof(float)));
     const size_t entries = (size_t)(l.nNormal + l.nFine + 1);
     p.offsets = static_cast<ptrdiff_t *>(allocate(entries * sizeof(ptrdiff_t)));
     p.factors = static_cast<float *>(allocate(entries * sizeof(float)));
     p.scratch = static_cast<unsigned char *>(allocate(l.threadBytes * team));
     if ((spp == 3 && p.samples == nullptr) || (l.lab && p.labPlanes == nullptr) ||
+        (l.records && p.records == nullptr) ||
         p.offsets == nullptr || p.factors == nullptr || p.scratch == nullptr)
         return false;
     p.sample[0] = p.args->img->image;
@@ -746,6 +767,7 @@ void planPass(LevelPlan &p) {
         pass.sample[q] = p.sample[q];
         pass.lab[q] = p.lab[q];
     }
+    pass.record = p.records;
     pass.width = l.width;
     pass.origin = 0;
     pass.useMap = l.useMap;
@@ -823,6 +845,7 @@ void releaseLevelPlan(LevelPlan *p) {
     if (p == nullptr) return;
     release(p->samples);
     release(p->labPlanes);
+    release(p->records);
     release(p->offsets);
     release(p->factors);
     release(p->scratch);
@@ -841,10 +864,10 @@ void loadBand(const LevelPlan &p, int j0, int step, int t, int T) {
     if (step < b.moves) {
         const int c0 = step * b.shift;
         staticBlock(std::min(b.shift, b.kept - c0), t, T, &r0, &r1);
-        moveRows(p.sample, p.lab, p.layout.width, b.shift, c0 + r0, c0 + r1);
+        moveRows(p.sample, p.lab, p.records, p.layout.width, b.shift, c0 + r0, c0 + r1);
     } else {
         staticBlock(b.hi - b.lo - b.kept, t, T, &r0, &r1);
-        convertRows(*p.args, p.sample, p.lab, p.layout.width, b.lo, b.lo + b.kept + r0,
+        convertRows(*p.args, p.sample, p.lab, p.records, p.layout.width, b.lo, b.lo + b.kept + r0,
                     b.lo + b.kept + r1);
     }
 }
