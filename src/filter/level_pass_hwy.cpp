@@ -462,10 +462,12 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
     }
 }
 
-// A packed lane costs about two contiguous ones (its plane reads are
-// gathers; measured on AVX-512 with the highlight pass's bright maps): a
-// vector runs the fine kernel on all its lanes only when at least three
-// quarters of them need it, and otherwise sends them to the packed sweep.
+// A packed lane costs about two contiguous ones (its reads are gathers;
+// measured on AVX-512 with the highlight pass's bright maps): a vector runs
+// the fine kernel on all its lanes only when at least three quarters of them
+// need it, and otherwise sends them to the packed sweep. Checked again with
+// the vector-at-a-time loops: all lanes from three fine pixels on was no
+// faster on the 12 MP benchmark's colour map level.
 inline bool fineOnAllLanes(size_t fine, size_t lanes) { return 4 * fine >= 3 * lanes; }
 
 // The bright map's choice for the nv vectors of row j from column i0, into
