@@ -16,7 +16,7 @@ set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 root="$(cd "$here/.." && pwd)"
 
-sizes="1,4,12"
+sizes="1,4,12,24,12t,24t"
 runs_small=5          # runs at sizes below 12 MP
 runs_large=3          # runs at 12 MP and above
 runs_override=""
@@ -34,7 +34,10 @@ scaled to several sizes (JPEG inputs, quality 95).
 
   --sizes LIST       megapixel sizes, comma-separated (default $sizes); a size of
                      N MP is the 4:3 picture of about N million pixels
-                     (1 = 1155x866, 4 = 2309x1732, 12 = 4000x3000)
+                     (1 = 1155x866, 4 = 2309x1732, 12 = 4000x3000,
+                     24 = 5657x4243); a size ending in t (12t) is the
+                     textured bracket: the upscale with fine texture and a
+                     little per-pixel noise, as a real photograph has
   --runs N           runs of each tool at every size (default: $runs_small below
                      12 MP, $runs_large from 12 MP on)
   --threads N        threads for every tool (default $threads)
@@ -73,8 +76,8 @@ done
 IFS=, read -r -a size_list <<< "$sizes"
 [ ${#size_list[@]} -gt 0 ] || die "--sizes is empty"
 for s in "${size_list[@]}"; do
-  [[ "$s" =~ ^[0-9]+(\.[0-9]+)?$ ]] && awk -v s="$s" 'BEGIN { exit !(s > 0 && s <= 100) }' ||
-    die "--sizes: '$s' is not a size in megapixels (above 0, up to 100)"
+  [[ "$s" =~ ^[0-9]+(\.[0-9]+)?t?$ ]] && awk -v s="${s%t}" 'BEGIN { exit !(s > 0 && s <= 100) }' ||
+    die "--sizes: '$s' is not a size in megapixels (above 0, up to 100, t for textured)"
 done
 IFS=, read -r -a tool_list <<< "$tools_wanted"
 for t in "${tool_list[@]}"; do
@@ -151,16 +154,18 @@ for f in 0_dark 1_mid 2_bright; do [ -f "$sample/$f.png" ] || die "missing sampl
 
 bracket_dir() { echo "$work_dir/bracket-${1}mp"; }
 for s in "${size_list[@]}"; do
-  read -r w h < <(dims "$s")
+  read -r w h < <(dims "${s%t}")
+  texture=smooth
+  [[ "$s" == *t ]] && texture=textured
   dir="$(bracket_dir "$s")"
   if [ -s "$dir/0_dark.jpg" ] && [ -s "$dir/1_mid.jpg" ] && [ -s "$dir/2_bright.jpg" ] &&
      [ "$(cat "$dir/size" 2>/dev/null)" = "${w}x${h}" ]; then
     continue
   fi
-  note "making the ${s} MP bracket (${w}x${h}, JPEG q95) in $dir"
+  note "making the ${s%t} MP $texture bracket (${w}x${h}, JPEG q95) in $dir"
   mkdir -p "$dir"
   rm -f "$dir/size"
-  "$make_bracket_bin" "$sample" "$w" "$h" "$dir" 95 || die "make_bracket failed for ${s} MP"
+  "$make_bracket_bin" "$sample" "$w" "$h" "$dir" 95 "$texture" || die "make_bracket failed for ${s} MP"
   for f in 0_dark 1_mid 2_bright; do [ -s "$dir/$f.jpg" ] || die "make_bracket wrote no $dir/$f.jpg"; done
   echo "${w}x${h}" > "$dir/size"
 done
@@ -195,7 +200,7 @@ run_tool() {
 for s in "${size_list[@]}"; do
   dir="$(bracket_dir "$s")"
   if [ -n "$runs_override" ]; then runs="$runs_override"
-  elif awk -v s="$s" 'BEGIN { exit !(s >= 12) }'; then runs="$runs_large"
+  elif awk -v s="${s%t}" 'BEGIN { exit !(s >= 12) }'; then runs="$runs_large"
   else runs="$runs_small"; fi
   out_dir="$work_dir/out-${s}mp"
   mkdir -p "$out_dir"
@@ -243,7 +248,7 @@ awk -F'\t' -v order="${active[*]}" '
     if (!($1 in seen)) { seen[$1] = 1; sizes[++ns] = $1 } }
   END {
     nt = split(order, tools, " ")
-    printf "%-7s %-12s %4s %9s %10s %8s %9s\n", "size", "tool", "runs", "wall s", "vs lumora", "CPU s", "peak MiB"
+    printf "%-12s %-12s %4s %9s %10s %8s %9s\n", "size", "tool", "runs", "wall s", "vs lumora", "CPU s", "peak MiB"
     for (i = 1; i <= ns; i++) {
       s = sizes[i]; base = ((s SUBSEP "lumora-fuse") in count) ? median(s SUBSEP "lumora-fuse", 4) : 0
       for (j = 1; j <= nt; j++) {
@@ -251,7 +256,8 @@ awk -F'\t' -v order="${active[*]}" '
         wall = median(key, 4)
         r = (base > 0) ? wall / base : -1
         ratio = (r < 0) ? "-" : sprintf((r >= 10) ? "%.1fx" : (r >= 0.1) ? "%.2fx" : "%.3fx", r)
-        printf "%-7s %-12s %4d %9.2f %10s %8.2f %9.0f\n", s " MP", tools[j], count[key], wall, ratio,
+        label = (s ~ /t$/) ? substr(s, 1, length(s) - 1) " MP tex" : s " MP"
+        printf "%-12s %-12s %4d %9.2f %10s %8.2f %9.0f\n", label, tools[j], count[key], wall, ratio,
                median(key, 6), rss[key] / 1024
       }
     }

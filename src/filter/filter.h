@@ -126,6 +126,11 @@ void loadBand(const LevelPlan &plan, int j0, int step, int t, int T);
 void filterRow(const LevelPlan &plan, int j0, int j, int t, KernelEntry *bilateralKernel);
 // The instruction set the SIMD path runs on ("AVX3", "AVX2", ...).
 const char *targetName();
+// The range-table reads of the pass alone, for tests: out[x] = lut[idx[x]]
+// as the colour (oneSample false) or one-sample weights read it; count is a
+// multiple of 64, colour indices below EXP_LUT_ENTRIES.
+void rangeLookup(const float *lut, bool oneSample, const int32_t *idx, size_t count,
+                 float *out);
 }  // namespace simd
 
 }  // namespace lumora

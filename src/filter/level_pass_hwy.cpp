@@ -20,9 +20,12 @@
 // planes hold only a horizontal band of the copy at a time, the rows one
 // band of output rows reads; the next band keeps the rows both share (moved
 // to the top) and converts the rest. Whole-image planes would cost a quarter
-// of a gigabyte on a 12 MP picture. Rows are filtered in blocks of pixels,
-// entry by entry across the block, so that the far-apart entries of the
-// wide kernels read memory in long runs.
+// of a gigabyte on a 12 MP picture. Rows are filtered one vector at a time:
+// first the weights of all its entries (into a buffer that stays in the
+// first-level cache) and their sum, then the convolution sums, all in
+// registers; the range table's first entries are read from registers where
+// every lane's index is small, and the planes of the wide kernels' far-apart
+// entries are prefetched a few vectors ahead.
 //
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
@@ -58,6 +61,10 @@ struct Pass {
     const LevelPassArgs *args;
     const unsigned char *sample[3];  // one plane of bytes per sample
     const float *lab[3];             // L, A, B planes (filtered colour levels)
+    // Colour levels steered by the map: every pixel's L, A, B and its three
+    // bytes (then a zero) in 16 bytes, one cache line for a packed lane's
+    // entry.
+    const float *record;
     size_t width;                    // pixels per row of the bordered copy
     size_t origin;                   // copy pixel index of the planes' first pixel
     KernelPlan normal;
@@ -68,9 +75,7 @@ struct Pass {
 
 // One thread's working memory for a block of pixels.
 struct Scratch {
-    float *weights;          // entries x block bilateral weights
-    float *sums;             // block weight sums
-    float *acc;              // spp x block convolution sums
+    float *weights;          // entries x lanes: the bilateral weights of one vector
     int32_t *resultNormal;   // spp x block truncated sums, normal kernel
     int32_t *resultFine;     // likewise, fine kernel
     KernelChoice *choice;    // block kernel choices
@@ -78,15 +83,16 @@ struct Scratch {
     int32_t *packed;         // row columns of the fine pixels computed packed
     KernelEntry *kernel;     // the thread's kernel buffer for the per-pixel code
 };
-constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
+constexpr int SCRATCH_PIECES = 6;  // the pointers of Scratch but the kernel
 
 // Rows [r0, r1) of the bordered colour copy into the planes, whose first
 // row is copy row `top`. The two zero rows of slack after the copy are
 // converted too: the per-pixel code can read them on small images, and it
 // reads bytes 0, 0, 0 there, so the planes hold 0 and labLUT[0][0][0]
-// (lab[0] null: a gauss-only level, no CIELab planes).
+// (lab[0] null: a gauss-only level, no CIELab planes; record null: no
+// records).
 inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
-                        size_t width, int top, int r0, int r1) {
+                        float *record, size_t width, int top, int r0, int r1) {
     const unsigned char *q = a.img->image + (size_t)r0 * width * 3;
     for (size_t px = (size_t)(r0 - top) * width; px < (size_t)(r1 - top) * width; px++, q += 3) {
         sample[0][px] = q[0];
@@ -97,13 +103,21 @@ inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, fl
             lab[0][px] = v.l;
             lab[1][px] = v.a;
             lab[2][px] = v.b;
+            if (record != nullptr) {
+                float *r = record + 4 * px;
+                r[0] = v.l;
+                r[1] = v.a;
+                r[2] = v.b;
+                const unsigned char bytes[4] = {q[0], q[1], q[2], 0};
+                std::memcpy(r + 3, bytes, 4);
+            }
         }
     }
 }
 
 // Plane rows [r0, r1) up by `shift` rows.
-inline void moveRows(unsigned char *const *sample, float *const *lab, size_t width, int shift,
-                     int r0, int r1) {
+inline void moveRows(unsigned char *const *sample, float *const *lab, float *record,
+                     size_t width, int shift, int r0, int r1) {
     const size_t from = (size_t)(r0 + shift) * width;
     const size_t to = (size_t)r0 * width;
     const size_t n = (size_t)(r1 - r0) * width;
@@ -111,6 +125,7 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
         std::memcpy(sample[q] + to, sample[q] + from, n);
         if (lab[q] != nullptr) std::memcpy(lab[q] + to, lab[q] + from, n * sizeof(float));
     }
+    if (record != nullptr) std::memcpy(record + 4 * to, record + 4 * from, 4 * n * sizeof(float));
 }
 
 }  // namespace simd
@@ -121,6 +136,7 @@ inline void moveRows(unsigned char *const *sample, float *const *lab, size_t wid
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "filter/level_pass_hwy.cpp"
 #include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 HWY_BEFORE_NAMESPACE();
@@ -142,24 +158,6 @@ HWY_INLINE hn::Vec<DF> LoadSamples(const unsigned char *p) {
     return hn::ConvertTo(DF(), hn::PromoteTo(DI(), hn::LoadU(d8, p)));
 }
 
-// Within a block the loops run entry by entry and, for each entry, over the
-// block's vectors: every plane row is then read in long contiguous runs. Each
-// lane still sees its own entries in kernel order, so its sums are the
-// per-pixel code's. `need` marks the vectors to compute (null: all).
-//
-// PACKED: lane x stands for the pixel idx[x] places after `base` instead of
-// the x-th, and its plane reads become gathers. This packs the few
-// fine-kernel pixels of sparse vectors into full vectors.
-
-// Lane values of a float plane at entry offset o.
-template <bool PACKED>
-HWY_INLINE hn::Vec<DF> LoadLab(const float *plane, ptrdiff_t o, size_t x, const int32_t *idx) {
-    if constexpr (PACKED)
-        return hn::GatherIndex(DF(), plane + o, hn::LoadU(DI(), idx + x));
-    else
-        return hn::LoadU(DF(), plane + o + x);
-}
-
 // Byte q (0..2) of an int32 gathered from a byte plane, as float (exactly).
 template <int Q>
 HWY_INLINE hn::Vec<DF> ByteOf(hn::Vec<DI> word) {
@@ -167,197 +165,309 @@ HWY_INLINE hn::Vec<DF> ByteOf(hn::Vec<DI> word) {
     return hn::ConvertTo(DF(), hn::And(hn::ShiftRight<8 * Q>(word), hn::Set(di, 0xFF)));
 }
 
-// Four bytes from each lane's pixel at entry offset o of a plane of `stride`
-// bytes per pixel (the low byte is the lane's sample; the plane's slack rows
-// keep the extra bytes in bounds).
-template <int STRIDE>
-HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, size_t x,
-                                   const int32_t *idx) {
-    const DI di;
-    auto offset = hn::LoadU(di, idx + x);
-    if constexpr (STRIDE == 3) offset = hn::Add(hn::Add(offset, offset), offset);
-    return hn::GatherOffset(di, reinterpret_cast<const int32_t *>(plane + o * STRIDE), offset);
+// Four bytes from each lane's pixel at entry offset o of a byte plane, lane
+// x standing for the pixel idx[x] places on (the low byte is the lane's
+// sample; the plane's slack rows keep the extra bytes in bounds).
+HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, hn::Vec<DI> idx) {
+    return hn::GatherOffset(DI(), reinterpret_cast<const int32_t *>(plane + o), idx);
 }
 
-// Unnormalised bilateral weights (entry-major, block wide) and their sums,
-// for colour images: by the squared Lab distance to the centre entry,
-// clamped to the table's last entry.
-template <bool PACKED>
-HWY_INLINE void LabWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                           const unsigned char *need, const int32_t *idx, const Scratch &s) {
+// ---------------------------------------------------------------------------
+// Whole vectors, one at a time: for each vector of neighbouring pixels the
+// weights of all its entries (into a buffer of one vector per entry, which
+// stays in the first-level cache) with their sum in a register, then the
+// normalised weights and the convolution sums, also in registers. Every lane
+// still runs its own pixel's entries in kernel order.
+
+// The range table's first entries held in registers, read by two-table
+// permutes (AVX-512 only; elsewhere every read is a gather). A lookup gives
+// the table's very floats: only where every lane's index is covered.
+#undef LUMORA_RANGE_TABLE_IN_REGISTERS
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+#define LUMORA_RANGE_TABLE_IN_REGISTERS 1
+#else
+#define LUMORA_RANGE_TABLE_IN_REGISTERS 0
+#endif
+
+struct RangeTable {
+    const float *lut;
+#if LUMORA_RANGE_TABLE_IN_REGISTERS
+    // Entries 16q .. 16q + 15 in tq; entry 256 on its own.
+    hn::Vec<DF> t0, t1, t2, t3, t4, t5, t6, t7, t8, t9, t10, t11, t12, t13, t14, t15;
+    hn::Vec<DF> at256;
+#endif
+};
+
+HWY_INLINE RangeTable LoadRangeTable(const float *lut, bool upTo256) {
+    RangeTable t;
+    t.lut = lut;
+#if LUMORA_RANGE_TABLE_IN_REGISTERS
+    const DF df;
+    // Written out, not as a loop over an array: kept in registers.
+    t.t0 = hn::LoadU(df, lut + 0);
+    t.t1 = hn::LoadU(df, lut + 16);
+    t.t2 = hn::LoadU(df, lut + 32);
+    t.t3 = hn::LoadU(df, lut + 48);
+    t.t4 = hn::LoadU(df, lut + 64);
+    t.t5 = hn::LoadU(df, lut + 80);
+    t.t6 = hn::LoadU(df, lut + 96);
+    t.t7 = hn::LoadU(df, lut + 112);
+    t.t8 = t.t9 = t.t10 = t.t11 = t.t12 = t.t13 = t.t14 = t.t15 = t.at256 = hn::Zero(df);
+    if (upTo256) {
+        t.t8 = hn::LoadU(df, lut + 128);
+        t.t9 = hn::LoadU(df, lut + 144);
+        t.t10 = hn::LoadU(df, lut + 160);
+        t.t11 = hn::LoadU(df, lut + 176);
+        t.t12 = hn::LoadU(df, lut + 192);
+        t.t13 = hn::LoadU(df, lut + 208);
+        t.t14 = hn::LoadU(df, lut + 224);
+        t.t15 = hn::LoadU(df, lut + 240);
+        t.at256 = hn::Set(df, lut[256]);
+    }
+#else
+    (void)upTo256;
+#endif
+    return t;
+}
+
+#if LUMORA_RANGE_TABLE_IN_REGISTERS
+// Lanes of the 32 entries a, b (a first) at the low five bits of idx.
+HWY_INLINE hn::Vec<DF> Permute2(hn::Vec<DF> a, hn::Vec<DI> idx, hn::Vec<DF> b) {
+    return hn::Vec<DF>{_mm512_permutex2var_ps(a.raw, idx.raw, b.raw)};
+}
+
+HWY_INLINE hn::Mask<DF> Bit(hn::Vec<DI> idx, int32_t bit) {
+    return hn::RebindMask(DF(), hn::TestBit(idx, hn::Set(DI(), bit)));
+}
+
+// Every index below 128.
+HWY_INLINE hn::Vec<DF> Lookup128(const RangeTable &t, hn::Vec<DI> idx) {
+    const auto r0 = Permute2(t.t0, idx, t.t1);
+    const auto r1 = Permute2(t.t2, idx, t.t3);
+    const auto r2 = Permute2(t.t4, idx, t.t5);
+    const auto r3 = Permute2(t.t6, idx, t.t7);
+    const auto b5 = Bit(idx, 32);
+    const auto r01 = hn::IfThenElse(b5, r1, r0);
+    const auto r23 = hn::IfThenElse(b5, r3, r2);
+    return hn::IfThenElse(Bit(idx, 64), r23, r01);
+}
+
+// Every index at most 256.
+HWY_INLINE hn::Vec<DF> Lookup256(const RangeTable &t, hn::Vec<DI> idx) {
+    const auto r0 = Permute2(t.t0, idx, t.t1);
+    const auto r1 = Permute2(t.t2, idx, t.t3);
+    const auto r2 = Permute2(t.t4, idx, t.t5);
+    const auto r3 = Permute2(t.t6, idx, t.t7);
+    const auto r4 = Permute2(t.t8, idx, t.t9);
+    const auto r5 = Permute2(t.t10, idx, t.t11);
+    const auto r6 = Permute2(t.t12, idx, t.t13);
+    const auto r7 = Permute2(t.t14, idx, t.t15);
+    const auto b5 = Bit(idx, 32);
+    const auto r01 = hn::IfThenElse(b5, r1, r0);
+    const auto r23 = hn::IfThenElse(b5, r3, r2);
+    const auto r45 = hn::IfThenElse(b5, r5, r4);
+    const auto r67 = hn::IfThenElse(b5, r7, r6);
+    const auto b6 = Bit(idx, 64);
+    const auto r03 = hn::IfThenElse(b6, r23, r01);
+    const auto r47 = hn::IfThenElse(b6, r67, r45);
+    const auto r07 = hn::IfThenElse(Bit(idx, 128), r47, r03);
+    return hn::IfThenElse(hn::RebindMask(DF(), hn::Eq(idx, hn::Set(DI(), 256))), t.at256, r07);
+}
+
+// Whether every lane's index is below `limit` (compared unsigned).
+HWY_INLINE bool AllBelow(hn::Vec<DI> idx, uint32_t limit) {
+    const hn::RebindToUnsigned<DF> du;
+    return hn::AllTrue(du, hn::Lt(hn::BitCast(du, idx), hn::Set(du, limit)));
+}
+#endif
+
+// The range weights of a colour level: indices are clamped below 20000.
+HWY_INLINE hn::Vec<DF> ColourRange(const RangeTable &t, hn::Vec<DI> idx) {
+#if LUMORA_RANGE_TABLE_IN_REGISTERS
+    if (AllBelow(idx, 128)) return Lookup128(t, idx);
+#endif
+    return hn::GatherIndex(DF(), t.lut, idx);
+}
+
+// Of a one-sample level: the index is a brightness difference, at most 256
+// for 8-bit samples and the kernels' weights below 1.
+HWY_INLINE hn::Vec<DF> GreyRange(const RangeTable &t, hn::Vec<DI> idx) {
+#if LUMORA_RANGE_TABLE_IN_REGISTERS
+    if (AllBelow(idx, 128)) return Lookup128(t, idx);
+    if (AllBelow(idx, 257)) return Lookup256(t, idx);
+#endif
+    return hn::GatherIndex(DF(), t.lut, idx);
+}
+
+// The lookups alone, over count indices (a multiple of the lane count).
+void RangeLookup(const float *lut, bool oneSample, const int32_t *idx, size_t count, float *out) {
+    const DF df;
+    const DI di;
+    const RangeTable t = LoadRangeTable(lut, oneSample);
+    for (size_t x = 0; x < count; x += hn::Lanes(df)) {
+        const auto i = hn::LoadU(di, idx + x);
+        hn::StoreU(oneSample ? GreyRange(t, i) : ColourRange(t, i), df, out + x);
+    }
+}
+
+// Reads of the entry planes this many floats ahead of the current vector,
+// and of the byte planes one cache line ahead every 64 pixels: the wide
+// kernels' entries are rows apart, beyond the hardware prefetcher's reach.
+template <typename T>
+HWY_INLINE void PrefetchAhead(const T *p) {
+    hwy::Prefetch(p);
+}
+
+// The nv vectors of a block from plane index base that `need` marks (null:
+// all), with kernel k: their truncated convolution sums into
+// result[sample * block + lane]. gauss: the kernel's own weights.
+//
+// PACKED: lane x stands for the pixel idx[x] places after `base` instead of
+// the x-th, and its reads become gathers (of a colour level's records, so
+// that a lane's entry costs one cache line). This packs the few fine-kernel
+// pixels of sparse vectors into full vectors.
+template <int SPP, bool PACKED>
+HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
+                              const unsigned char *need, const int32_t *idx, bool gauss,
+                              const Scratch &s, int32_t *HWY_RESTRICT result) {
     const DF df;
     const DI di;
     const size_t N = hn::Lanes(df);
     const size_t B = (size_t)p.block;
-    const float *expLut = p.args->expLut;
-    float *HWY_RESTRICT w = s.weights;
-    float *HWY_RESTRICT sums = s.sums;
-    const ptrdiff_t c = k.offset[k.centre];
-    // Packed lanes gather their centre values once, into the free
-    // convolution sums: per sample, centre[q * block + lane].
-    float *HWY_RESTRICT centre = s.acc;
-    const float *L = p.lab[0] + (base - p.origin);
-    const float *A = p.lab[1] + (base - p.origin);
-    const float *Bp = p.lab[2] + (base - p.origin);
-    if constexpr (PACKED)
-        for (size_t x = 0; x < nv * N; x += N) {
-            hn::StoreU(LoadLab<true>(L, c, x, idx), df, centre + x);
-            hn::StoreU(LoadLab<true>(A, c, x, idx), df, centre + B + x);
-            hn::StoreU(LoadLab<true>(Bp, c, x, idx), df, centre + 2 * B + x);
-        }
-    // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
+    const size_t first = base - p.origin;
+    const unsigned char *S0 = p.sample[0] + first;
+    const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + first;
+    const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + first;
+    const float *R = PACKED && SPP == 3 ? p.record + 4 * first : nullptr;
+    const bool lab = !gauss && SPP == 3;
+    const float *L = lab ? p.lab[0] + first : nullptr;
+    const float *A = lab ? p.lab[1] + first : nullptr;
+    const float *Bp = lab ? p.lab[2] + first : nullptr;
+    const ptrdiff_t *offset = k.offset;
+    const float *factor = k.factor;
+    const int n = k.n;
+    const ptrdiff_t c = offset[k.centre];
+    float *HWY_RESTRICT w = s.weights;  // entry e of the vector at w + e * N
+    const RangeTable table = LoadRangeTable(p.args->expLut, SPP == 1 && !gauss);
     const auto limit = hn::Set(df, (float)EXP_LUT_ENTRIES);
     const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
-    for (int e = 0; e < k.n; e++) {
-        const ptrdiff_t o = k.offset[e];
-        const auto spatial = hn::Set(df, k.factor[e]);
-        for (size_t v = 0, x = 0; v < nv; v++, x += N) {
-            if (need != nullptr && !need[v]) continue;
-            hn::Vec<DF> dL, dA, dB;
-            if constexpr (PACKED) {
-                dL = hn::Sub(LoadLab<true>(L, o, x, idx), hn::LoadU(df, centre + x));
-                dA = hn::Sub(LoadLab<true>(A, o, x, idx), hn::LoadU(df, centre + B + x));
-                dB = hn::Sub(LoadLab<true>(Bp, o, x, idx), hn::LoadU(df, centre + 2 * B + x));
-            } else {
-                dL = hn::Sub(hn::LoadU(df, L + o + x), hn::LoadU(df, L + c + x));
-                dA = hn::Sub(hn::LoadU(df, A + o + x), hn::LoadU(df, A + c + x));
-                dB = hn::Sub(hn::LoadU(df, Bp + o + x), hn::LoadU(df, Bp + c + x));
-            }
-            // No fused multiply-add: each square is rounded, L and A first.
-            auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
-            dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
-            const auto range = hn::GatherIndex(df, expLut, hn::ConvertTo(di, dist));
-            const auto weight = hn::Mul(spatial, range);
-            hn::StoreU(weight, df, w + e * B + x);
-            hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
-        }
-    }
-}
-
-// The same for one-sample images: by the brightness difference, where
-// brightness is the spatial weight plus the sample (the per-pixel code starts
-// its sum from the copied weight, and dividing by one sample changes
-// nothing).
-template <bool PACKED>
-HWY_INLINE void GreyWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                            const unsigned char *need, const int32_t *idx, const Scratch &s) {
-    const DF df;
-    const DI di;
-    const size_t N = hn::Lanes(df);
-    const size_t B = (size_t)p.block;
-    const float *expLut = p.args->expLut;
-    float *HWY_RESTRICT w = s.weights;
-    float *HWY_RESTRICT sums = s.sums;
-    const ptrdiff_t c = k.offset[k.centre];
-    float *HWY_RESTRICT centre = s.acc;  // packed lanes' centre samples, as above
-    const unsigned char *S = p.sample[0] + (base - p.origin);
-    const auto centreSpatial = hn::Set(df, k.factor[k.centre]);
-    if constexpr (PACKED)
-        for (size_t x = 0; x < nv * N; x += N)
-            hn::StoreU(ByteOf<0>(GatherBytes<1>(S, c, x, idx)), df, centre + x);
-    for (int e = 0; e < k.n; e++) {
-        const ptrdiff_t o = k.offset[e];
-        const auto spatial = hn::Set(df, k.factor[e]);
-        for (size_t v = 0, x = 0; v < nv; v++, x += N) {
-            if (need != nullptr && !need[v]) continue;
-            hn::Vec<DF> centreSample, sample;
-            if constexpr (PACKED) {
-                centreSample = hn::LoadU(df, centre + x);
-                sample = ByteOf<0>(GatherBytes<1>(S, o, x, idx));
-            } else {
-                centreSample = LoadSamples(S + c + x);
-                sample = LoadSamples(S + o + x);
-            }
-            const auto centreBright = hn::Add(centreSpatial, centreSample);
-            const auto bright = hn::Add(spatial, sample);
-            const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
-            const auto weight = hn::Mul(spatial, hn::GatherIndex(df, expLut, index));
-            hn::StoreU(weight, df, w + e * B + x);
-            hn::StoreU(hn::Add(hn::LoadU(df, sums + x), weight), df, sums + x);
-        }
-    }
-}
-
-template <int SPP, bool PACKED>
-HWY_INLINE void RangeWeights(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                             const unsigned char *need, const int32_t *idx, const Scratch &s) {
-    const DF df;
-    for (size_t x = 0; x < nv * hn::Lanes(df); x += hn::Lanes(df))
-        hn::StoreU(hn::Zero(df), df, s.sums + x);
-    if constexpr (SPP == 3)
-        LabWeights<PACKED>(p, k, base, nv, need, idx, s);
-    else
-        GreyWeights<PACKED>(p, k, base, nv, need, idx, s);
-}
-
-// Convolution of the block's windows, per sample a single-precision sum in
-// entry order, truncated to int into result[sample * block + pixel]. When
-// gauss is set the weights are the kernel's own; otherwise they are the
-// range weights, divided by their sum wherever the truncated sum is non-zero
-// (the per-pixel test |(int)sum| > 1e-5, i.e. |sum| >= 1).
-template <int SPP, bool PACKED>
-HWY_INLINE void Convolve(const Pass &p, const KernelPlan &k, size_t base, size_t nv,
-                         const unsigned char *need, const int32_t *idx, bool gauss,
-                         const Scratch &s, int32_t *HWY_RESTRICT result) {
-    const DF df;
-    const DI di;
-    const size_t N = hn::Lanes(df);
-    const size_t B = (size_t)p.block;
-    const float *HWY_RESTRICT w = s.weights;
-    const float *HWY_RESTRICT sums = s.sums;
-    float *HWY_RESTRICT acc = s.acc;
     const auto one = hn::Set(df, 1.0f);
-    for (size_t x = 0; x < SPP * B; x += N) hn::StoreU(hn::Zero(df), df, acc + x);
-    const unsigned char *S0 = p.sample[0] + (base - p.origin);
-    const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + (base - p.origin);
-    const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + (base - p.origin);
-    // Packed colour lanes read all three samples with one gather from the
-    // interleaved bordered copy, whose pixel k is plane index k.
-    const unsigned char *rgb = p.args->img->image + base * SPP;
-    for (int e = 0; e < k.n; e++) {
-        const ptrdiff_t o = k.offset[e];
-        const auto spatial = hn::Set(df, k.factor[e]);
-        for (size_t v = 0, x = 0; v < nv; v++, x += N) {
-            if (need != nullptr && !need[v]) continue;
-            auto weight = spatial;
-            if (!gauss) {
-                const auto sum = hn::LoadU(df, sums + x);
-                weight = hn::LoadU(df, w + e * B + x);
-                weight = hn::IfThenElse(hn::Ge(hn::Abs(sum), one), hn::Div(weight, sum), weight);
-            }
-            hn::Vec<DF> s0, s1, s2;
+    for (size_t v = 0, x = 0; v < nv; v++, x += N) {
+        if (need != nullptr && !need[v]) continue;
+        const auto lanes = PACKED ? hn::LoadU(di, idx + x) : hn::Zero(di);
+        const auto quads = hn::ShiftLeft<2>(lanes);  // lanes' first floats in the records
+        // Prefetches of the byte planes once per cache line.
+        const bool lineStart = !PACKED && x % 64 == 0;
+        // Component q (L, A, B) of the lanes' pixels at entry offset o.
+        const auto floats = [&](const float *plane, int q, ptrdiff_t o) {
+            if constexpr (PACKED)
+                return hn::GatherIndex(df, R + 4 * o + q, quads);
+            else
+                return hn::LoadU(df, plane + o + x);
+        };
+        hn::Vec<DF> s0, s1, s2;
+        const auto samples = [&](ptrdiff_t o) {
             if constexpr (PACKED) {
-                const auto word = GatherBytes<SPP>(rgb, o, x, idx);
-                s0 = ByteOf<0>(word);
                 if constexpr (SPP == 3) {
+                    const auto word = hn::GatherIndex(
+                        di, reinterpret_cast<const int32_t *>(R + 4 * o + 3), quads);
+                    s0 = ByteOf<0>(word);
                     s1 = ByteOf<1>(word);
                     s2 = ByteOf<2>(word);
+                } else {
+                    s0 = ByteOf<0>(GatherBytes(S0, o, lanes));
                 }
             } else {
+                if (lineStart) {
+                    PrefetchAhead(S0 + o + x + 64);
+                    if constexpr (SPP == 3) {
+                        PrefetchAhead(S1 + o + x + 64);
+                        PrefetchAhead(S2 + o + x + 64);
+                    }
+                }
                 s0 = LoadSamples(S0 + o + x);
                 if constexpr (SPP == 3) {
                     s1 = LoadSamples(S1 + o + x);
                     s2 = LoadSamples(S2 + o + x);
                 }
             }
-            hn::StoreU(hn::Add(hn::LoadU(df, acc + x), hn::Mul(s0, weight)), df, acc + x);
+        };
+        auto acc0 = hn::Zero(df), acc1 = hn::Zero(df), acc2 = hn::Zero(df);
+        const auto accumulate = [&](hn::Vec<DF> weight) {
+            acc0 = hn::Add(acc0, hn::Mul(s0, weight));
             if constexpr (SPP == 3) {
-                hn::StoreU(hn::Add(hn::LoadU(df, acc + B + x), hn::Mul(s1, weight)), df,
-                           acc + B + x);
-                hn::StoreU(hn::Add(hn::LoadU(df, acc + 2 * B + x), hn::Mul(s2, weight)), df,
-                           acc + 2 * B + x);
+                acc1 = hn::Add(acc1, hn::Mul(s1, weight));
+                acc2 = hn::Add(acc2, hn::Mul(s2, weight));
+            }
+        };
+        if (gauss) {
+            for (int e = 0; e < n; e++) {
+                samples(offset[e]);
+                accumulate(hn::Set(df, factor[e]));
+            }
+        } else {
+            auto sum = hn::Zero(df);
+            if constexpr (SPP == 3) {
+                const auto cL = floats(L, 0, c), cA = floats(A, 1, c), cB = floats(Bp, 2, c);
+                for (int e = 0; e < n; e++) {
+                    const ptrdiff_t o = offset[e];
+                    if constexpr (!PACKED) {
+                        PrefetchAhead(L + o + x + 2 * N);
+                        PrefetchAhead(A + o + x + 2 * N);
+                        PrefetchAhead(Bp + o + x + 2 * N);
+                    }
+                    const auto dL = hn::Sub(floats(L, 0, o), cL);
+                    const auto dA = hn::Sub(floats(A, 1, o), cA);
+                    const auto dB = hn::Sub(floats(Bp, 2, o), cB);
+                    // No fused multiply-add: each square is rounded, L and A first.
+                    auto dist =
+                        hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
+                    // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
+                    dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
+                    const auto weight = hn::Mul(hn::Set(df, factor[e]),
+                                                ColourRange(table, hn::ConvertTo(di, dist)));
+                    hn::StoreU(weight, df, w + e * N);
+                    sum = hn::Add(sum, weight);
+                }
+            } else {
+                // Brightness is the spatial weight plus the sample (the
+                // per-pixel code starts its sum from the copied weight, and
+                // dividing by one sample changes nothing).
+                samples(c);
+                const auto centreBright = hn::Add(hn::Set(df, factor[k.centre]), s0);
+                for (int e = 0; e < n; e++) {
+                    samples(offset[e]);
+                    const auto spatial = hn::Set(df, factor[e]);
+                    const auto bright = hn::Add(spatial, s0);
+                    const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
+                    const auto weight = hn::Mul(spatial, GreyRange(table, index));
+                    hn::StoreU(weight, df, w + e * N);
+                    sum = hn::Add(sum, weight);
+                }
+            }
+            // Divided wherever the truncated sum is non-zero (the per-pixel
+            // test |(int)sum| > 1e-5, i.e. |sum| >= 1).
+            const auto divide = hn::Ge(hn::Abs(sum), one);
+            for (int e = 0; e < n; e++) {
+                samples(offset[e]);
+                const auto weight = hn::LoadU(df, w + e * N);
+                accumulate(hn::IfThenElse(divide, hn::Div(weight, sum), weight));
             }
         }
+        hn::StoreU(hn::ConvertTo(di, acc0), di, result + x);
+        if constexpr (SPP == 3) {
+            hn::StoreU(hn::ConvertTo(di, acc1), di, result + B + x);
+            hn::StoreU(hn::ConvertTo(di, acc2), di, result + 2 * B + x);
+        }
     }
-    for (int q = 0; q < SPP; q++)
-        for (size_t x = 0; x < nv * N; x += N)
-            hn::StoreU(hn::ConvertTo(di, hn::LoadU(df, acc + q * B + x)), di, result + q * B + x);
 }
 
-// A packed lane costs about two contiguous ones (its plane reads are
-// gathers; measured on AVX-512 with the highlight pass's bright maps): a
-// vector runs the fine kernel on all its lanes only when at least three
-// quarters of them need it, and otherwise sends them to the packed sweep.
+// A packed lane costs about two contiguous ones (its reads are gathers;
+// measured on AVX-512 with the highlight pass's bright maps): a vector runs
+// the fine kernel on all its lanes only when at least three quarters of them
+// need it, and otherwise sends them to the packed sweep. Checked again with
+// the vector-at-a-time loops: all lanes from three fine pixels on was no
+// faster on the 12 MP benchmark's colour map level.
 inline bool fineOnAllLanes(size_t fine, size_t lanes) { return 4 * fine >= 3 * lanes; }
 
 // The bright map's choice for the nv vectors of row j from column i0, into
@@ -398,19 +508,16 @@ HWY_INLINE void FilterBlock(const Pass &p, size_t base, size_t nv, const Scratch
                             bool anyNormal, bool anyFine) {
     const size_t N = hn::Lanes(DF());
     if (p.args->levelGaussOnly) {
-        Convolve<SPP, false>(p, p.normal, base, nv, nullptr, nullptr, true, s, s.resultNormal);
+        FilterVectors<SPP, false>(p, p.normal, base, nv, nullptr, nullptr, true, s,
+                                  s.resultNormal);
         return;
     }
-    if (anyNormal) {
-        const unsigned char *need = p.useMap ? s.need : nullptr;
-        RangeWeights<SPP, false>(p, p.normal, base, nv, need, nullptr, s);
-        Convolve<SPP, false>(p, p.normal, base, nv, need, nullptr, false, s, s.resultNormal);
-    }
-    if (anyFine) {
-        const unsigned char *need = s.need + p.block / N;
-        RangeWeights<SPP, false>(p, p.fine, base, nv, need, nullptr, s);
-        Convolve<SPP, false>(p, p.fine, base, nv, need, nullptr, false, s, s.resultFine);
-    }
+    if (anyNormal)
+        FilterVectors<SPP, false>(p, p.normal, base, nv, p.useMap ? s.need : nullptr, nullptr,
+                                  false, s, s.resultNormal);
+    if (anyFine)
+        FilterVectors<SPP, false>(p, p.fine, base, nv, s.need + p.block / N, nullptr, false, s,
+                                  s.resultFine);
 }
 
 // The block's count output pixels of row j from column i0: copied pixels
@@ -451,8 +558,7 @@ HWY_INLINE void PackedSweep(const Pass &p, int j, size_t packed, const Scratch &
         const size_t np = (count + N - 1) / N;
         const int32_t *idx = s.packed + first;
         const size_t rowBase = (size_t)j * p.width;
-        RangeWeights<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, s);
-        Convolve<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, false, s, s.resultFine);
+        FilterVectors<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, false, s, s.resultFine);
         for (size_t x = 0; x < count; x++)
             for (int q = 0; q < SPP; q++)
                 outRow[(size_t)idx[x] * SPP + q] = (unsigned char)s.resultFine[q * B + x];
@@ -498,10 +604,16 @@ namespace simd {
 HWY_EXPORT(FloatLanes);
 HWY_EXPORT(TargetName);
 HWY_EXPORT(FilterRow);
+HWY_EXPORT(RangeLookup);
 
-// Bytes of bilateral weights one block of pixels keeps: a block's plane
-// reads stay in long runs while its weights stay in the second-level cache.
-constexpr size_t BLOCK_WEIGHT_BYTES = 128 * 1024;
+void rangeLookup(const float *lut, bool oneSample, const int32_t *idx, size_t count,
+                 float *out) {
+    HWY_DYNAMIC_DISPATCH(RangeLookup)(lut, oneSample, idx, count, out);
+}
+
+// Vectors per block: the kernel choices, need lists and results of one
+// block are worked out together.
+constexpr size_t BLOCK_VECTORS = 64;
 
 // Bytes of colour planes one band aims at, its shared rows included.
 constexpr size_t BAND_PLANE_BYTES = 96u << 20;
@@ -523,6 +635,7 @@ struct Layout {
     int bandRows;        // output rows per band
     size_t planeSize;    // pixels per plane
     bool lab;            // CIELab planes: a filtered colour level
+    bool records;        // and the records of packed lanes: one steered by the map
     bool useMap;         // the bright map steers the kernels
 };
 
@@ -534,6 +647,7 @@ struct LevelPlan {
     float *lab[3];
     unsigned char *samples;    // the blocks behind them
     float *labPlanes;
+    float *records;
     ptrdiff_t *offsets;
     float *factors;
     unsigned char *scratch;    // every thread's Scratch pieces
@@ -579,7 +693,7 @@ void reachOf(const LevelPassArgs &a, Layout &l) {
 // shared rows are not moved too often and the team has rows enough to share.
 int bandRowsOf(const LevelPassArgs &a, const Layout &l, int team) {
     if (a.spp != 3) return a.jMax;
-    const size_t pixelBytes = l.lab ? 3 + 3 * sizeof(float) : 3;
+    const size_t pixelBytes = 3 + (l.lab ? 3 * sizeof(float) : 0) + (l.records ? 16 : 0);
     const long fit = (long)(BAND_PLANE_BYTES / (l.width * pixelBytes)) - l.reachUp - l.reachDown;
     const int rows = levelPassBandRows > 0 ? levelPassBandRows
                                            : (int)std::max<long>(fit, std::max(64, 4 * team));
@@ -593,20 +707,17 @@ Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
     l.rows = a.jMax + 2 * a.img->borderWidth + 2;
     l.lab = !a.levelGaussOnly && a.spp == 3;
     l.useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
+    l.records = l.lab && l.useMap;
     l.nNormal = a.numKernelEntries;
     l.nFine = l.useMap ? a.numFineKernelEntries : 0;
     const int nMax = std::max(std::max(l.nNormal, l.nFine), 1);
-    // Pixels per block: as many whole vectors as keep one block's weights
-    // within BLOCK_WEIGHT_BYTES, at most 64 vectors.
-    l.vectors = std::clamp<size_t>(BLOCK_WEIGHT_BYTES / (nMax * lanes * sizeof(float)), 1, 64);
+    l.vectors = BLOCK_VECTORS;
     const size_t block = l.vectors * lanes;
-    // Per thread, each piece rounded up to 64 bytes: weights, sums,
-    // convolution sums, two result blocks, choices, the two need lists and
-    // a row of packed columns (padded to whole vectors).
+    // Per thread, each piece rounded up to 64 bytes: one vector's weights,
+    // two result blocks, choices, the two need lists and a row of packed
+    // columns (padded to whole vectors).
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
-    const size_t sizes[SCRATCH_PIECES] = {nMax * block * sizeof(float),
-                                          block * sizeof(float),
-                                          a.spp * block * sizeof(float),
+    const size_t sizes[SCRATCH_PIECES] = {nMax * lanes * sizeof(float),
                                           a.spp * block * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
                                           block * sizeof(KernelChoice),
@@ -626,11 +737,13 @@ bool allocatePlanes(LevelPlan &p, int team) {
     const int spp = p.args->spp;
     if (spp == 3) p.samples = static_cast<unsigned char *>(allocate(l.planeSize * 3));
     if (l.lab) p.labPlanes = static_cast<float *>(allocate(l.planeSize * 3 * sizeof(float)));
+    if (l.records) p.records = static_cast<float *>(allocate(l.planeSize * 4 * sizeof(float)));
     const size_t entries = (size_t)(l.nNormal + l.nFine + 1);
     p.offsets = static_cast<ptrdiff_t *>(allocate(entries * sizeof(ptrdiff_t)));
     p.factors = static_cast<float *>(allocate(entries * sizeof(float)));
     p.scratch = static_cast<unsigned char *>(allocate(l.threadBytes * team));
     if ((spp == 3 && p.samples == nullptr) || (l.lab && p.labPlanes == nullptr) ||
+        (l.records && p.records == nullptr) ||
         p.offsets == nullptr || p.factors == nullptr || p.scratch == nullptr)
         return false;
     p.sample[0] = p.args->img->image;
@@ -656,6 +769,7 @@ void planPass(LevelPlan &p) {
         pass.sample[q] = p.sample[q];
         pass.lab[q] = p.lab[q];
     }
+    pass.record = p.records;
     pass.width = l.width;
     pass.origin = 0;
     pass.useMap = l.useMap;
@@ -701,13 +815,11 @@ Scratch scratchOf(const LevelPlan &p, int t, KernelEntry *kernel) {
     }
     Scratch s;
     s.weights = reinterpret_cast<float *>(piece[0]);
-    s.sums = reinterpret_cast<float *>(piece[1]);
-    s.acc = reinterpret_cast<float *>(piece[2]);
-    s.resultNormal = reinterpret_cast<int32_t *>(piece[3]);
-    s.resultFine = reinterpret_cast<int32_t *>(piece[4]);
-    s.choice = reinterpret_cast<KernelChoice *>(piece[5]);
-    s.need = piece[6];
-    s.packed = reinterpret_cast<int32_t *>(piece[7]);
+    s.resultNormal = reinterpret_cast<int32_t *>(piece[1]);
+    s.resultFine = reinterpret_cast<int32_t *>(piece[2]);
+    s.choice = reinterpret_cast<KernelChoice *>(piece[3]);
+    s.need = piece[4];
+    s.packed = reinterpret_cast<int32_t *>(piece[5]);
     s.kernel = kernel;
     return s;
 }
@@ -735,6 +847,7 @@ void releaseLevelPlan(LevelPlan *p) {
     if (p == nullptr) return;
     release(p->samples);
     release(p->labPlanes);
+    release(p->records);
     release(p->offsets);
     release(p->factors);
     release(p->scratch);
@@ -753,10 +866,10 @@ void loadBand(const LevelPlan &p, int j0, int step, int t, int T) {
     if (step < b.moves) {
         const int c0 = step * b.shift;
         staticBlock(std::min(b.shift, b.kept - c0), t, T, &r0, &r1);
-        moveRows(p.sample, p.lab, p.layout.width, b.shift, c0 + r0, c0 + r1);
+        moveRows(p.sample, p.lab, p.records, p.layout.width, b.shift, c0 + r0, c0 + r1);
     } else {
         staticBlock(b.hi - b.lo - b.kept, t, T, &r0, &r1);
-        convertRows(*p.args, p.sample, p.lab, p.layout.width, b.lo, b.lo + b.kept + r0,
+        convertRows(*p.args, p.sample, p.lab, p.records, p.layout.width, b.lo, b.lo + b.kept + r0,
                     b.lo + b.kept + r1);
     }
 }
