@@ -57,7 +57,8 @@ Image scaled(const Image &in, int w, int h) {
                 const int x0 = x * in.width / w, nx = std::max(1, (x + 1) * in.width / w - x0);
                 const int y0 = y * in.height / h, ny = std::max(1, (y + 1) * in.height / h - y0);
                 int sum = 0;
-                for (int i = 0; i < nx * ny; ++i) sum += in.rgb[((size_t(y0) + i / nx) * in.width + x0 + i % nx) * 3 + c];
+                for (int i = 0; i < nx * ny; ++i)
+                    sum += in.rgb[((size_t(y0) + i / nx) * in.width + x0 + i % nx) * 3 + c];
                 out.rgb.push_back((unsigned char)(sum / (nx * ny)));
             }
     return out;

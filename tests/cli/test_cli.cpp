@@ -486,7 +486,8 @@ TEST_F(Cli, TheProgressBarFitsANarrowTerminalAndStaysOnOneLine) {
         const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
         ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
         const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY);
-        const pid_t pid = start("@d.png @m.png @b.png -o @f.png", {.errFd = side, .env = {"COLUMNS=" + std::to_string(columns)}});
+        const pid_t pid =
+            start("@d.png @m.png @b.png -o @f.png", {.errFd = side, .env = {"COLUMNS=" + std::to_string(columns)}});
         close(side);
         std::string shown;  // all the tool wrote on the terminal, up to its end (EIO)
         char buffer[256];
