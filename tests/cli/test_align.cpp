@@ -62,11 +62,10 @@ protected:
         const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
         TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(image.width));
         TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(image.height));
-        TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(4));
-        TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(8));
         TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
-        TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-        TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        for (auto [field, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 4}, {TIFFTAG_BITSPERSAMPLE, 8},
+                                    {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG}})
+            TIFFSetField(tif, field, uint16_t(value));
         for (int y = 0; y < image.height; ++y)
             ASSERT_EQ(TIFFWriteScanline(tif, &rgba[size_t(y) * image.width * 4], uint32_t(y), 0), 1);
         TIFFClose(tif);
