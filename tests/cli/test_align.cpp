@@ -1,27 +1,19 @@
 // test_align.cpp: registration of the sample bracket moved by known
 // transforms, the common area of aligned frames, and lumora-fuse's --align
 // and transparent inputs as a user meets them.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 #include <png.h>
 #include <tiffio.h>
 
 #include "align.h"
-#include "image_io.h"
+#include "cli_support.h"
 
 namespace fs = std::filesystem;
 using namespace lumora_fuse;
+using namespace lumora_cli;
 
 namespace {
 
@@ -52,33 +44,8 @@ Image render(const Image &sample, const cv::Matx23d &toSample, int width, int he
     return out;
 }
 
-class Align : public ::testing::Test {
+class Align : public ToolTest {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/lumora-align-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        dir_ = name;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    std::string at(const std::string &name) const { return dir_ + "/" + name; }
-
-    struct Run {
-        int status;
-        std::string err;  // standard error
-    };
-    // The tool on a command line in which every "@" stands for the test folder.
-    Run tool(std::string args) const {
-        for (size_t p; (p = args.find('@')) != std::string::npos;) args.replace(p, 1, dir_ + "/");
-        const int status = std::system((std::string(LUMORA_FUSE_BINARY) + " " + args + " 2>" + at("err")).c_str());
-        std::ifstream in(at("err"));
-        fs::remove(at("err"));
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(std::istreambuf_iterator<char>(in), {})};
-    }
-    void save(const std::string &name, const Image &image) const {
-        std::string error;
-        ASSERT_TRUE(writeImage(at(name), formatFromExtension(name), image.width, image.height, 8, image.rgb.data(),
-                               95, error)) << error;
-    }
     // image with the given opacities, as an RGBA PNG or TIFF
     void saveWithAlpha(const std::string &name, const Image &image, const std::vector<unsigned char> &alpha) const {
         std::vector<unsigned char> rgba;
@@ -95,34 +62,25 @@ protected:
         const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
         TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(image.width));
         TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(image.height));
-        TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(4));
-        TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(8));
         TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
-        TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-        TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        for (auto [field, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 4}, {TIFFTAG_BITSPERSAMPLE, 8},
+                                    {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG}})
+            TIFFSetField(tif, field, uint16_t(value));
         for (int y = 0; y < image.height; ++y)
             ASSERT_EQ(TIFFWriteScanline(tif, &rgba[size_t(y) * image.width * 4], uint32_t(y), 0), 1);
         TIFFClose(tif);
-    }
-
-    static void SetUpTestSuite() {
-        const char *names[] = {"0_dark.png", "1_mid.png", "2_bright.png"};
-        for (int i = 0; i < 3; ++i) {
-            std::string error;
-            ASSERT_TRUE(readImage(std::string(LUMORA_SAMPLES_DIR) + "/belgium_house/" + names[i], sample_[i], error));
-        }
     }
     // The frames in the given poses: the dark, mid and bright exposures, or the mid one thrice.
     static std::vector<Image> bracket(const std::vector<Pose> &poses, bool oneExposure = false) {
         std::vector<Image> frames;
         for (int i = 0; i < 3; ++i)
-            frames.push_back(render(sample_[oneExposure ? 1 : i], frameToSample(poses[i]), kWidth, kHeight));
+            frames.push_back(render(sample(oneExposure ? 1 : i), frameToSample(poses[i]), kWidth, kHeight));
         return frames;
     }
-    static Image sample_[3];
-    std::string dir_;
+    void saveAll(const std::vector<Image> &frames, const std::vector<std::string> &names) const {
+        for (size_t i = 0; i < names.size(); ++i) save(at(names[i]), frames[i]);
+    }
 };
-Image Align::sample_[3];
 
 // Moves of up to 5% of the width and turns of up to 2 degrees, different for every frame.
 const std::vector<std::vector<Pose>> kPoses = {
@@ -202,7 +160,7 @@ TEST_F(Align, TheCommonAreaIsTheLargestRectangleInsideEveryMovedFrame) {
 
 TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
     const std::vector<Image> frames = bracket(kPoses[1]);
-    save("d.png", frames[0]), save("m.png", frames[1]), save("b.png", frames[2]);
+    saveAll(frames, {"d.png", "m.png", "b.png"});
     std::vector<Image> expected = frames;
     AlignSummary summary;
     std::string error;
@@ -216,27 +174,26 @@ TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
         const cv::Matx23d toSample = frameToSample(kPoses[1][1]);
         const cv::Matx23d shifted(toSample(0, 0), toSample(0, 1), toSample(0, 2) + toSample(0, 0) * c.x + toSample(0, 1) * c.y,
                                   toSample(1, 0), toSample(1, 1), toSample(1, 2) + toSample(1, 0) * c.x + toSample(1, 1) * c.y);
-        const Image direct = render(sample_[i], shifted, c.width, c.height);
+        const Image direct = render(sample(i), shifted, c.width, c.height);
         double sum = 0;
         for (size_t k = 0; k < direct.rgb.size(); ++k) sum += std::abs(direct.rgb[k] - expected[i].rgb[k]);
         EXPECT_LT(sum / double(direct.rgb.size()), 4.0) << "frame " << i;
     }
 
-    const Run aligned = tool("--align @b.png @d.png @m.png -o @aligned.png");
+    const ToolRun aligned = run("--align @b.png @d.png @m.png -o @aligned.png");
     ASSERT_EQ(aligned.status, 0) << aligned.err;
     EXPECT_EQ(aligned.err.rfind("lumora-fuse: aligned 3 frames to " + at("m.png") + " (moved up to ", 0), 0u) << aligned.err;
     EXPECT_NE(aligned.err.find("cropped to " + std::to_string(summary.crop.width) + "x"), std::string::npos) << aligned.err;
     EXPECT_EQ(std::count(aligned.err.begin(), aligned.err.end(), '\n'), 1) << aligned.err;
-    Image out;
-    ASSERT_TRUE(readImage(at("aligned.png"), out, error)) << error;
+    const Image out = load(at("aligned.png"));
     EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(summary.crop.width, summary.crop.height));
 
-    const Run unaligned = tool("@b.png @d.png @m.png -o @plain.png");
+    const ToolRun unaligned = run("@b.png @d.png @m.png -o @plain.png");
     ASSERT_EQ(unaligned.status, 0) << unaligned.err;
     EXPECT_EQ(unaligned.err.rfind("lumora-fuse: the exposures are up to ", 0), 0u) << unaligned.err;
     EXPECT_NE(unaligned.err.find("--align would register them\n"), std::string::npos) << unaligned.err;
     EXPECT_EQ(std::count(unaligned.err.begin(), unaligned.err.end(), '\n'), 1) << unaligned.err;
-    EXPECT_EQ(tool("-q @b.png @d.png @m.png -o @quiet.png").err, "") << "no suggestion under -q";
+    EXPECT_EQ(run("-q @b.png @d.png @m.png -o @quiet.png").err, "") << "no suggestion under -q";
 }
 
 TEST_F(Align, TransparentEdgesAreCutAwayAndNoCommonOpaquePixelIsRefused) {
@@ -251,21 +208,19 @@ TEST_F(Align, TransparentEdgesAreCutAwayAndNoCommonOpaquePixelIsRefused) {
         }
     saveWithAlpha("d.png", frames[0], left);
     saveWithAlpha("m.tif", frames[1], bottom);
-    save("b.png", frames[2]);
-    const Run r = tool("@d.png @m.tif @b.png -o @f.png");
+    save(at("b.png"), frames[2]);
+    const ToolRun r = run("@d.png @m.tif @b.png -o @f.png");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "lumora-fuse: transparent edges: cropped to 410x298 at 10,0 (7.0% of the area cut away), "
                      "the part opaque in every frame\n");
-    Image out;
-    std::string error;
-    ASSERT_TRUE(readImage(at("f.png"), out, error)) << error;
+    const Image out = load(at("f.png"));
     EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(410, 298));
 
     std::vector<unsigned char> right(kWidth * kHeight, 255);
     for (int i = 0; i < kWidth * kHeight; ++i) left[i] = i % kWidth < kWidth / 2 ? 0 : 255, right[i] = 255 - left[i];
     saveWithAlpha("d.png", frames[0], left);
     saveWithAlpha("b.png", frames[2], right);
-    const Run none = tool("@d.png @m.tif @b.png -o @none.png");
+    const ToolRun none = run("@d.png @m.tif @b.png -o @none.png");
     EXPECT_EQ(none.status, 1);
     EXPECT_EQ(none.err, "lumora-fuse: no pixel is opaque in every frame: their transparent parts leave nothing to fuse\n");
     EXPECT_FALSE(fs::exists(at("none.png")));
@@ -275,9 +230,9 @@ TEST_F(Align, FramesWithNothingInCommonAreRefusedInOneLine) {
     // Three corners of the sample: no frame shows what another shows.
     std::vector<Image> frames;
     for (const auto &[x, y] : {std::pair{0, 0}, {352, 264}, {0, 264}})
-        frames.push_back(render(sample_[1], cv::Matx23d(1, 0, x, 0, 1, y), 160, 120));
-    save("a.png", frames[0]), save("b.png", frames[1]), save("c.png", frames[2]);
-    const Run r = tool("--align @a.png @b.png @c.png -o @f.png");
+        frames.push_back(render(sample(1), cv::Matx23d(1, 0, x, 0, 1, y), 160, 120));
+    saveAll(frames, {"a.png", "b.png", "c.png"});
+    const ToolRun r = run("--align @a.png @b.png @c.png -o @f.png");
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find(": cannot align to "), std::string::npos) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;

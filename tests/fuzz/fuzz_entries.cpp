@@ -63,13 +63,19 @@ std::string checkHelpText() {
     size_t start = 0;
     while (start < help.size()) {
         const size_t end = help.find('\n', start);
-        if (end == std::string::npos)
-            return "the help text does not end in a newline";
-        if (end - start > 79)
-            return "help line wider than 79 columns: " + help.substr(start, end - start);
+        if (end == std::string::npos) return "the help text does not end in a newline";
+        if (end - start > 79) return "help line wider than 79 columns: " + help.substr(start, end - start);
         start = end + 1;
     }
     return "";
+}
+
+// parseOptions on a command line; its status.
+int parse(const std::vector<std::string> &args, Options &options, std::string &message) {
+    std::vector<const char *> argv;
+    for (const std::string &arg : args) argv.push_back(arg.c_str());
+    argv.push_back(nullptr);
+    return parseOptions(int(args.size()), argv.data(), options, message);
 }
 
 double meanOf(const Image &image) {
@@ -86,8 +92,7 @@ struct ProgressLog {
 ProgressLog gLog;
 
 void logProgress(int *, float amount) {
-    if (!gLog.problem.empty())
-        return;
+    if (!gLog.problem.empty()) return;
     if (!(amount >= gLog.last && amount <= 1.0f) || gLog.ones > 0)
         gLog.problem = "progress went from " + formatted(gLog.last) + " to " + formatted(amount);
     gLog.last = amount;
@@ -109,10 +114,8 @@ std::string fuzzReadImage(const uint8_t *data, size_t size) {
         image.rgb.size() != size_t(image.width) * image.height * 3)
         return "read " + std::to_string(image.width) + "x" + std::to_string(image.height) + " with " +
                std::to_string(image.rgb.size()) + " bytes";
-    for (const std::string &note : notes)
-        if (note.empty() || note.find('\n') != std::string::npos)
-            return "a conversion note that is not one line";
-    return "";
+    const auto oneLine = [](const std::string &n) { return !n.empty() && n.find('\n') == n.npos; };
+    return std::all_of(notes.begin(), notes.end(), oneLine) ? "" : "a conversion note that is not one line";
 }
 
 std::string fuzzOptions(const uint8_t *data, size_t size) {
@@ -121,23 +124,13 @@ std::string fuzzOptions(const uint8_t *data, size_t size) {
         return helpProblem;
     std::vector<std::string> args = {"lumora-fuse"};
     std::string current;
-    for (size_t i = 0; i < size; ++i) {
-        if (data[i] == '\0' || data[i] == '\n') {
-            args.push_back(current);
-            current.clear();
-        } else {
-            current += char(data[i]);
-        }
-    }
+    for (size_t i = 0; i < size; ++i)
+        data[i] == '\0' || data[i] == '\n' ? (args.push_back(current), current.clear())
+                                             : current.push_back(char(data[i]));
     args.push_back(current);
-    std::vector<const char *> argv;
-    for (const std::string &arg : args)
-        argv.push_back(arg.c_str());
-    argv.push_back(nullptr);
-
     Options options;
     std::string message;
-    const int status = parseOptions(int(args.size()), argv.data(), options, message);
+    const int status = parse(args, options, message);
     if (status == kContinue)
         return checkAccepted(options);
     if (status == 0)
@@ -157,10 +150,7 @@ std::string fuzzFusion(const uint8_t *data, size_t size) {
     const bool preserve = switches & 2, deep = switches & 4, twoThreads = switches & 8, loupe = switches & 16;
     // A loupe may look into a ten times larger picture, whose size sets the
     // library's radii while only the region (and its surroundings) is fused.
-    if (loupe && (switches & 32)) {
-        width *= 10;
-        height *= 10;
-    }
+    if (loupe && (switches & 32)) width *= 10, height *= 10;
 
     double values[kFusionParamCount] = {};
     for (int i = 0; i < kParamSpecCount; ++i) {
@@ -168,9 +158,7 @@ std::string fuzzFusion(const uint8_t *data, size_t size) {
         // Both ends of the range reachable; an excluded minimum is stepped over.
         const unsigned w = in.word();
         double v = p.min + (p.max - p.min) * (p.minExclusive ? (w + 1) / 65536.0 : w / 65535.0);
-        if (p.integer)
-            v = std::round(v);
-        values[p.index] = v;
+        values[p.index] = p.integer ? std::round(v) : v;
     }
     // The tool's one rule across parameters: scaled into what it allows.
     if (preserve && values[kHighlightInfluence] < 10.0 && values[kStrength] > kMaxStrengthWithInfluence)
@@ -198,14 +186,10 @@ std::string fuzzFusion(const uint8_t *data, size_t size) {
                        std::to_string(region.width) + "," + std::to_string(region.height));
     for (int k = 0; k < count; ++k)
         args.push_back(std::string(1, char('a' + k)) + ".png");
-    args.push_back("-o");
-    args.push_back("fused.png");
-    std::vector<const char *> argv;
-    for (const std::string &arg : args)
-        argv.push_back(arg.c_str());
+    args.insert(args.end(), {"-o", "fused.png"});
     Options options;
     std::string message;
-    if (parseOptions(int(argv.size()), argv.data(), options, message) != kContinue)
+    if (parse(args, options, message) != kContinue)
         return "the tool refused settings within its ranges: " + message;
 
     // Exposures, darkest first as the tool sorts them.
@@ -213,39 +197,25 @@ std::string fuzzFusion(const uint8_t *data, size_t size) {
     const uint8_t *rest = data + std::min(in.at, size);
     const size_t restSize = size - std::min(in.at, size);
     std::vector<Image> images(size_t(count), Image{width, height, std::vector<unsigned char>(pixels, 128)});
-    for (size_t k = 0; k < images.size() && restSize > 0; ++k)
-        for (size_t i = 0; i < pixels; ++i)
-            images[k].rgb[i] = rest[(k * pixels + i) % restSize];
-    std::vector<const Image *> exposures;
-    for (const Image &image : images)
-        exposures.push_back(&image);
-    std::stable_sort(exposures.begin(), exposures.end(), [](const Image *a, const Image *b) {
+    for (size_t i = 0; i < pixels * images.size() && restSize > 0; ++i)
+        images[i / pixels].rgb[i % pixels] = rest[i % restSize];
+    FusionJob job{{}, options.loupe, options.params, options.threads, options.depth, logProgress};
+    for (const Image &image : images) job.exposures.push_back(&image);
+    std::stable_sort(job.exposures.begin(), job.exposures.end(), [](const Image *a, const Image *b) {
         const double ma = meanOf(*a), mb = meanOf(*b);
         return ma != mb ? ma < mb : a->rgb < b->rgb;
     });
-
-    FusionJob job;
-    job.exposures = exposures;
-    job.region = options.loupe;
-    job.params = options.params;
-    job.threads = options.threads;
-    job.depth = options.depth;
-    job.progress = logProgress;
     const int outWidth = loupe ? region.width : width, outHeight = loupe ? region.height : height;
     const size_t outBytes = size_t(outWidth) * outHeight * 3 * size_t(options.depth / 8);
-    const size_t guard = 64;
-    std::vector<unsigned char> out(outBytes + guard, 0xA5);
+    std::vector<unsigned char> out(outBytes + 64, 0xA5);  // a guard past the result
     gLog = ProgressLog();
     const FusionStatus status = fuseExposures(job, out.data());
-    if (!gLog.problem.empty())
-        return gLog.problem;
+    if (!gLog.problem.empty()) return gLog.problem;
     if (status != FusionStatus::Done || gLog.ones != 1)
         return "the fusion did not complete (status " + std::to_string(int(status)) + ")";
-    for (size_t i = outBytes; i < out.size(); ++i)
-        if (out[i] != 0xA5)
-            return "the fusion wrote past its " + std::to_string(outWidth) + "x" + std::to_string(outHeight) +
-                   " result";
-    return "";
+    return std::all_of(out.begin() + long(outBytes), out.end(), [](unsigned char v) { return v == 0xA5; })
+               ? ""
+               : "the fusion wrote past its " + std::to_string(outWidth) + "x" + std::to_string(outHeight) + " result";
 }
 
 }  // namespace lumora_fuzz

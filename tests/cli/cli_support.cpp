@@ -1,0 +1,145 @@
+// cli_support.cpp: see cli_support.h.
+#include "cli_support.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <numeric>
+#include <sstream>
+
+extern char **environ;
+
+namespace fs = std::filesystem;
+using namespace lumora_fuse;
+
+namespace lumora_cli {
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void spill(const std::string &path, const std::string &bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+Image load(const std::string &path) {
+    Image image;
+    std::string error;
+    EXPECT_TRUE(readImage(path, image, error)) << path << ": " << error;
+    return image;
+}
+
+void save(const std::string &path, const Image &image, int quality) {
+    std::string error;
+    ASSERT_TRUE(writeImage(path, formatFromExtension(path), image.width, image.height, 8, image.rgb.data(), quality,
+                           error)) << error;
+}
+
+Image crop(const Image &in, int x0, int y0, int w, int h) {
+    Image out{w, h, {}};
+    for (int y = y0; y < y0 + h; ++y)
+        out.rgb.insert(out.rgb.end(), in.rgb.begin() + (size_t(y) * in.width + x0) * 3,
+                       in.rgb.begin() + (size_t(y) * in.width + x0 + w) * 3);
+    return out;
+}
+
+Image scaled(const Image &in, int w, int h) {
+    Image out{w, h, {}};
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 3; ++c) {
+                const int x0 = x * in.width / w, nx = std::max(1, (x + 1) * in.width / w - x0);
+                const int y0 = y * in.height / h, ny = std::max(1, (y + 1) * in.height / h - y0);
+                int sum = 0;
+                for (int i = 0; i < nx * ny; ++i)
+                    sum += in.rgb[((size_t(y0) + i / nx) * in.width + x0 + i % nx) * 3 + c];
+                out.rgb.push_back((unsigned char)(sum / (nx * ny)));
+            }
+    return out;
+}
+
+double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b) {
+    return std::transform_reduce(a.begin(), a.end(), b.begin(), 0.0, std::plus<>(),
+                                 [](int x, int y) { return std::abs(x - y); }) / double(a.size());
+}
+
+const Image &sample(int i) {
+    static const std::vector<Image> bracket = [] {
+        std::vector<Image> images;
+        for (const char *name : {"0_dark.png", "1_mid.png", "2_bright.png"})
+            images.push_back(load(std::string(LUMORA_SAMPLES_DIR) + "/belgium_house/" + name));
+        return images;
+    }();
+    return bracket[size_t(i)];
+}
+
+void ToolTest::SetUp() {
+    char name[] = "/tmp/lumora-cli-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    dir_ = name, errPath_ = dir_ + ".stderr", outPath_ = dir_ + ".stdout";
+}
+
+void ToolTest::TearDown() {
+    for (const std::string &path : {dir_, errPath_, outPath_}) fs::remove_all(path);
+}
+
+std::string ToolTest::expand(std::string text) const {
+    for (size_t p; (p = text.find('@')) != std::string::npos;) text.replace(p, 1, dir_ + "/");
+    std::replace(text.begin(), text.end(), '%', '@');
+    return text;
+}
+
+std::set<std::string> ToolTest::listing(const std::string &folder) const {
+    std::set<std::string> names;
+    for (const auto &entry : fs::directory_iterator(at(folder))) names.insert(entry.path().filename().string());
+    return names;
+}
+
+pid_t ToolTest::start(const std::string &line, const Launch &how) const {
+    // Everything the child needs is made before the fork.
+    std::vector<std::string> words{LUMORA_FUSE_BINARY}, env = how.env;
+    std::istringstream split(expand(line));
+    words.insert(words.end(), std::istream_iterator<std::string>(split), {});
+    for (char **e = environ; *e; ++e)
+        if (std::none_of(how.env.begin(), how.env.end(),
+                         [&](const std::string &v) { return strncmp(*e, v.c_str(), v.find('=') + 1) == 0; }))
+            env.emplace_back(*e);
+    std::vector<char *> argv, envp;
+    for (std::string &w : words) argv.push_back(w.data());
+    for (std::string &e : env) envp.push_back(e.data());
+    argv.push_back(nullptr), envp.push_back(nullptr);
+    // Both files are emptied before the tool starts, not when it gets to it.
+    const int outFd = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int errFd = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (how.resource >= 0) {
+            const rlimit lowered{how.limit, how.limit};
+            setrlimit(__rlimit_resource(how.resource), &lowered);
+            signal(SIGXFSZ, SIG_IGN);
+        }
+        dup2(outFd, 1);
+        dup2(how.errFd >= 0 ? how.errFd : errFd, 2);
+        execve(LUMORA_FUSE_BINARY, argv.data(), envp.data());
+        _exit(127);
+    }
+    close(outFd), close(errFd);
+    EXPECT_GT(pid, 0);
+    return pid;
+}
+
+ToolRun ToolTest::finish(pid_t pid, long *maxRssKib) const {
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    if (maxRssKib) *maxRssKib = usage.ru_maxrss;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(outPath_), slurp(errPath_)};
+}
+
+}  // namespace lumora_cli
