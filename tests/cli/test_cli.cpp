@@ -448,9 +448,11 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     r = run("--batch @plain -o @plain");
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("records no capture time; give --group N"), std::string::npos) << r.err;
-    r = run("-q --batch --group 2 @plain -o @plain");
+    r = run("-q --batch --group 2 --align --report @aligned.json @plain -o @plain");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(at("plain/p1_fused.jpg")) && fs::exists(at("plain/p3_fused.jpg")));
+    EXPECT_NE(slurp(at("aligned.json")).find(expand("\"alignment\": \"aligned 2 frames to @plain/p1.png")),
+              std::string::npos) << "the report says what --align did";
     EXPECT_EQ(run("-q --batch --group 2 @plain -o @plain").status, 0) << "its own outputs are not taken as frames";
     fs::create_directory(at("again"));
     for (const char *name : {"p0.png", "p1.png"}) fs::copy_file(at("plain/") + name, at("again/") + name);
