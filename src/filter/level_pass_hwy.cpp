@@ -318,6 +318,172 @@ HWY_INLINE void PrefetchAhead(const T *p) {
     hwy::Prefetch(p);
 }
 
+// Where the lanes of one vector read: the planes from the block's first
+// pixel, lane x at the vector's first pixel plus x; packed, each lane at its
+// own offset into the records (passed beside, as `lanes` and `quads`).
+template <int SPP, bool PACKED>
+struct LaneSource {
+    const unsigned char *S0, *S1, *S2;  // sample planes
+    const float *R;                     // records (packed colour lanes)
+    const float *L, *A, *Bp;            // CIELab planes (filtered colour levels)
+    size_t x = 0;                       // the vector's first pixel in the block
+    bool lineStart = false;             // prefetch the byte planes' next cache line
+};
+
+template <int SPP, bool PACKED>
+HWY_INLINE LaneSource<SPP, PACKED> BlockSource(const Pass &p, size_t base, bool gauss) {
+    const size_t first = base - p.origin;
+    const bool lab = !gauss && SPP == 3;
+    LaneSource<SPP, PACKED> src;
+    src.S0 = p.sample[0] + first;
+    src.S1 = p.sample[SPP == 3 ? 1 : 0] + first;
+    src.S2 = p.sample[SPP == 3 ? 2 : 0] + first;
+    src.R = PACKED && SPP == 3 ? p.record + 4 * first : nullptr;
+    src.L = lab ? p.lab[0] + first : nullptr;
+    src.A = lab ? p.lab[1] + first : nullptr;
+    src.Bp = lab ? p.lab[2] + first : nullptr;
+    return src;
+}
+
+// Component q (L, A, B) of the lanes' pixels at entry offset o.
+template <int SPP, bool PACKED>
+HWY_INLINE hn::Vec<DF> Floats(const LaneSource<SPP, PACKED> &src, const float *plane, int q,
+                              ptrdiff_t o, hn::Vec<DI> quads) {
+    if constexpr (PACKED)
+        return hn::GatherIndex(DF(), src.R + 4 * o + q, quads);
+    else
+        return hn::LoadU(DF(), plane + o + src.x);
+}
+
+// The lanes' samples at entry offset o.
+template <int SPP, bool PACKED>
+HWY_INLINE void Samples(const LaneSource<SPP, PACKED> &src, ptrdiff_t o, hn::Vec<DI> lanes,
+                        hn::Vec<DI> quads, hn::Vec<DF> &s0, hn::Vec<DF> &s1, hn::Vec<DF> &s2) {
+    if constexpr (PACKED) {
+        if constexpr (SPP == 3) {
+            const auto word =
+                hn::GatherIndex(DI(), reinterpret_cast<const int32_t *>(src.R + 4 * o + 3), quads);
+            s0 = ByteOf<0>(word);
+            s1 = ByteOf<1>(word);
+            s2 = ByteOf<2>(word);
+        } else {
+            s0 = ByteOf<0>(GatherBytes(src.S0, o, lanes));
+        }
+    } else {
+        const size_t x = src.x;
+        if (src.lineStart) {
+            PrefetchAhead(src.S0 + o + x + 64);
+            if constexpr (SPP == 3) {
+                PrefetchAhead(src.S1 + o + x + 64);
+                PrefetchAhead(src.S2 + o + x + 64);
+            }
+        }
+        s0 = LoadSamples(src.S0 + o + x);
+        if constexpr (SPP == 3) {
+            s1 = LoadSamples(src.S1 + o + x);
+            s2 = LoadSamples(src.S2 + o + x);
+        }
+    }
+}
+
+// The bilateral weights of a colour vector's entries into w (one vector per
+// entry), returning their sum.
+template <bool PACKED>
+HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const KernelPlan &k,
+                                     const RangeTable &table, hn::Vec<DI> quads,
+                                     float *HWY_RESTRICT w) {
+    const DF df;
+    const DI di;
+    const size_t N = hn::Lanes(df);
+    const auto limit = hn::Set(df, (float)EXP_LUT_ENTRIES);
+    const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
+    const ptrdiff_t c = k.offset[k.centre];
+    const auto cL = Floats(src, src.L, 0, c, quads);
+    const auto cA = Floats(src, src.A, 1, c, quads);
+    const auto cB = Floats(src, src.Bp, 2, c, quads);
+    auto sum = hn::Zero(df);
+    for (int e = 0; e < k.n; e++) {
+        const ptrdiff_t o = k.offset[e];
+        if constexpr (!PACKED) {
+            PrefetchAhead(src.L + o + src.x + 2 * N);
+            PrefetchAhead(src.A + o + src.x + 2 * N);
+            PrefetchAhead(src.Bp + o + src.x + 2 * N);
+        }
+        const auto dL = hn::Sub(Floats(src, src.L, 0, o, quads), cL);
+        const auto dA = hn::Sub(Floats(src, src.A, 1, o, quads), cA);
+        const auto dB = hn::Sub(Floats(src, src.Bp, 2, o, quads), cB);
+        // No fused multiply-add: each square is rounded, L and A first.
+        auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
+        // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
+        dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
+        const auto weight =
+            hn::Mul(hn::Set(df, k.factor[e]), ColourRange(table, hn::ConvertTo(di, dist)));
+        hn::StoreU(weight, df, w + e * N);
+        sum = hn::Add(sum, weight);
+    }
+    return sum;
+}
+
+// The same for a one-sample vector. Brightness is the spatial weight plus the
+// sample (the per-pixel code starts its sum from the copied weight, and
+// dividing by one sample changes nothing).
+template <bool PACKED>
+HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const KernelPlan &k,
+                                   const RangeTable &table, hn::Vec<DI> lanes, hn::Vec<DI> quads,
+                                   float *HWY_RESTRICT w) {
+    const DF df;
+    const DI di;
+    const size_t N = hn::Lanes(df);
+    hn::Vec<DF> s0, unused1, unused2;
+    Samples(src, k.offset[k.centre], lanes, quads, s0, unused1, unused2);
+    const auto centreBright = hn::Add(hn::Set(df, k.factor[k.centre]), s0);
+    auto sum = hn::Zero(df);
+    for (int e = 0; e < k.n; e++) {
+        Samples(src, k.offset[e], lanes, quads, s0, unused1, unused2);
+        const auto spatial = hn::Set(df, k.factor[e]);
+        const auto bright = hn::Add(spatial, s0);
+        const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
+        const auto weight = hn::Mul(spatial, GreyRange(table, index));
+        hn::StoreU(weight, df, w + e * N);
+        sum = hn::Add(sum, weight);
+    }
+    return sum;
+}
+
+// The convolution sums of one vector, entry by entry: with the kernel's own
+// weights (gauss), or with the weights in w divided by their sum wherever
+// its truncation is non-zero (the per-pixel test |(int)sum| > 1e-5, i.e.
+// |sum| >= 1).
+template <int SPP, bool PACKED>
+HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const KernelPlan &k,
+                                hn::Vec<DI> lanes, hn::Vec<DI> quads, bool gauss,
+                                const float *HWY_RESTRICT w, hn::Vec<DF> sum, hn::Vec<DF> &acc0,
+                                hn::Vec<DF> &acc1, hn::Vec<DF> &acc2) {
+    const DF df;
+    const size_t N = hn::Lanes(df);
+    hn::Vec<DF> s0, s1, s2;
+    const auto accumulate = [&](hn::Vec<DF> weight) {
+        acc0 = hn::Add(acc0, hn::Mul(s0, weight));
+        if constexpr (SPP == 3) {
+            acc1 = hn::Add(acc1, hn::Mul(s1, weight));
+            acc2 = hn::Add(acc2, hn::Mul(s2, weight));
+        }
+    };
+    if (gauss) {
+        for (int e = 0; e < k.n; e++) {
+            Samples(src, k.offset[e], lanes, quads, s0, s1, s2);
+            accumulate(hn::Set(df, k.factor[e]));
+        }
+        return;
+    }
+    const auto divide = hn::Ge(hn::Abs(sum), hn::Set(df, 1.0f));
+    for (int e = 0; e < k.n; e++) {
+        Samples(src, k.offset[e], lanes, quads, s0, s1, s2);
+        const auto weight = hn::LoadU(df, w + e * N);
+        accumulate(hn::IfThenElse(divide, hn::Div(weight, sum), weight));
+    }
+}
+
 // The nv vectors of a block from plane index base that `need` marks (null:
 // all), with kernel k: their truncated convolution sums into
 // result[sample * block + lane]. gauss: the kernel's own weights.
@@ -334,126 +500,24 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
     const DI di;
     const size_t N = hn::Lanes(df);
     const size_t B = (size_t)p.block;
-    const size_t first = base - p.origin;
-    const unsigned char *S0 = p.sample[0] + first;
-    const unsigned char *S1 = p.sample[SPP == 3 ? 1 : 0] + first;
-    const unsigned char *S2 = p.sample[SPP == 3 ? 2 : 0] + first;
-    const float *R = PACKED && SPP == 3 ? p.record + 4 * first : nullptr;
-    const bool lab = !gauss && SPP == 3;
-    const float *L = lab ? p.lab[0] + first : nullptr;
-    const float *A = lab ? p.lab[1] + first : nullptr;
-    const float *Bp = lab ? p.lab[2] + first : nullptr;
-    const ptrdiff_t *offset = k.offset;
-    const float *factor = k.factor;
-    const int n = k.n;
-    const ptrdiff_t c = offset[k.centre];
+    LaneSource<SPP, PACKED> src = BlockSource<SPP, PACKED>(p, base, gauss);
     float *HWY_RESTRICT w = s.weights;  // entry e of the vector at w + e * N
     const RangeTable table = LoadRangeTable(p.args->expLut, SPP == 1 && !gauss);
-    const auto limit = hn::Set(df, (float)EXP_LUT_ENTRIES);
-    const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
-    const auto one = hn::Set(df, 1.0f);
     for (size_t v = 0, x = 0; v < nv; v++, x += N) {
         if (need != nullptr && !need[v]) continue;
+        src.x = x;
+        src.lineStart = !PACKED && x % 64 == 0;
         const auto lanes = PACKED ? hn::LoadU(di, idx + x) : hn::Zero(di);
         const auto quads = hn::ShiftLeft<2>(lanes);  // lanes' first floats in the records
-        // Prefetches of the byte planes once per cache line.
-        const bool lineStart = !PACKED && x % 64 == 0;
-        // Component q (L, A, B) of the lanes' pixels at entry offset o.
-        const auto floats = [&](const float *plane, int q, ptrdiff_t o) {
-            if constexpr (PACKED)
-                return hn::GatherIndex(df, R + 4 * o + q, quads);
+        auto sum = hn::Zero(df);
+        if (!gauss) {
+            if constexpr (SPP == 3)
+                sum = ColourWeights(src, k, table, quads, w);
             else
-                return hn::LoadU(df, plane + o + x);
-        };
-        hn::Vec<DF> s0, s1, s2;
-        const auto samples = [&](ptrdiff_t o) {
-            if constexpr (PACKED) {
-                if constexpr (SPP == 3) {
-                    const auto word = hn::GatherIndex(
-                        di, reinterpret_cast<const int32_t *>(R + 4 * o + 3), quads);
-                    s0 = ByteOf<0>(word);
-                    s1 = ByteOf<1>(word);
-                    s2 = ByteOf<2>(word);
-                } else {
-                    s0 = ByteOf<0>(GatherBytes(S0, o, lanes));
-                }
-            } else {
-                if (lineStart) {
-                    PrefetchAhead(S0 + o + x + 64);
-                    if constexpr (SPP == 3) {
-                        PrefetchAhead(S1 + o + x + 64);
-                        PrefetchAhead(S2 + o + x + 64);
-                    }
-                }
-                s0 = LoadSamples(S0 + o + x);
-                if constexpr (SPP == 3) {
-                    s1 = LoadSamples(S1 + o + x);
-                    s2 = LoadSamples(S2 + o + x);
-                }
-            }
-        };
-        auto acc0 = hn::Zero(df), acc1 = hn::Zero(df), acc2 = hn::Zero(df);
-        const auto accumulate = [&](hn::Vec<DF> weight) {
-            acc0 = hn::Add(acc0, hn::Mul(s0, weight));
-            if constexpr (SPP == 3) {
-                acc1 = hn::Add(acc1, hn::Mul(s1, weight));
-                acc2 = hn::Add(acc2, hn::Mul(s2, weight));
-            }
-        };
-        if (gauss) {
-            for (int e = 0; e < n; e++) {
-                samples(offset[e]);
-                accumulate(hn::Set(df, factor[e]));
-            }
-        } else {
-            auto sum = hn::Zero(df);
-            if constexpr (SPP == 3) {
-                const auto cL = floats(L, 0, c), cA = floats(A, 1, c), cB = floats(Bp, 2, c);
-                for (int e = 0; e < n; e++) {
-                    const ptrdiff_t o = offset[e];
-                    if constexpr (!PACKED) {
-                        PrefetchAhead(L + o + x + 2 * N);
-                        PrefetchAhead(A + o + x + 2 * N);
-                        PrefetchAhead(Bp + o + x + 2 * N);
-                    }
-                    const auto dL = hn::Sub(floats(L, 0, o), cL);
-                    const auto dA = hn::Sub(floats(A, 1, o), cA);
-                    const auto dB = hn::Sub(floats(Bp, 2, o), cB);
-                    // No fused multiply-add: each square is rounded, L and A first.
-                    auto dist =
-                        hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
-                    // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
-                    dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
-                    const auto weight = hn::Mul(hn::Set(df, factor[e]),
-                                                ColourRange(table, hn::ConvertTo(di, dist)));
-                    hn::StoreU(weight, df, w + e * N);
-                    sum = hn::Add(sum, weight);
-                }
-            } else {
-                // Brightness is the spatial weight plus the sample (the
-                // per-pixel code starts its sum from the copied weight, and
-                // dividing by one sample changes nothing).
-                samples(c);
-                const auto centreBright = hn::Add(hn::Set(df, factor[k.centre]), s0);
-                for (int e = 0; e < n; e++) {
-                    samples(offset[e]);
-                    const auto spatial = hn::Set(df, factor[e]);
-                    const auto bright = hn::Add(spatial, s0);
-                    const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
-                    const auto weight = hn::Mul(spatial, GreyRange(table, index));
-                    hn::StoreU(weight, df, w + e * N);
-                    sum = hn::Add(sum, weight);
-                }
-            }
-            // Divided wherever the truncated sum is non-zero (the per-pixel
-            // test |(int)sum| > 1e-5, i.e. |sum| >= 1).
-            const auto divide = hn::Ge(hn::Abs(sum), one);
-            for (int e = 0; e < n; e++) {
-                samples(offset[e]);
-                const auto weight = hn::LoadU(df, w + e * N);
-                accumulate(hn::IfThenElse(divide, hn::Div(weight, sum), weight));
-            }
+                sum = GreyWeights(src, k, table, lanes, quads, w);
         }
+        auto acc0 = hn::Zero(df), acc1 = hn::Zero(df), acc2 = hn::Zero(df);
+        ConvolutionSums(src, k, lanes, quads, gauss, w, sum, acc0, acc1, acc2);
         hn::StoreU(hn::ConvertTo(di, acc0), di, result + x);
         if constexpr (SPP == 3) {
             hn::StoreU(hn::ConvertTo(di, acc1), di, result + B + x);
