@@ -117,13 +117,13 @@ LevelPlan *planLevel(int nbProc, const LevelPassArgs &args);
 void releaseLevelPlan(LevelPlan *plan);
 // Output rows per band: the rows of a band read one load of the planes.
 int bandRows(const LevelPlan &plan);
-// The team loads the planes for the band from row j0 in steps: member t of
-// T does its share of each step, and the team meets at a barrier after it.
-int bandLoadSteps(const LevelPlan &plan, int j0);
-void loadBand(const LevelPlan &plan, int j0, int step, int t, int T);
-// Output row j of the band from j0, with thread t's scratch and its
-// per-pixel kernel buffer.
-void filterRow(const LevelPlan &plan, int j0, int j, int t, KernelEntry *bilateralKernel);
+// Whether the planes are loaded band by band (colour levels; a one-sample
+// copy is its own plane). Then the team loads the band from row j0 before
+// its rows are filtered, member t of T its share, and meets at a barrier.
+bool loadsBands(const LevelPlan &plan);
+void loadBand(const LevelPlan &plan, int j0, int t, int T);
+// Output row j with thread t's scratch and its per-pixel kernel buffer.
+void filterRow(const LevelPlan &plan, int j, int t, KernelEntry *bilateralKernel);
 // The instruction set the SIMD path runs on ("AVX3", "AVX2", ...).
 const char *targetName();
 // The range-table reads of the pass alone, for tests: out[x] = lut[idx[x]]

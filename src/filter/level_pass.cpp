@@ -139,23 +139,22 @@ void plainRows(const LevelPassArgs &a, KernelEntry *bilateralKernel) {
     }
 }
 
-// The SIMD rows of the level, band by band: the team loads a band's planes
-// together, then shares out its rows.
+// The SIMD rows of the level, band by band: the team loads the rows a band
+// adds to the planes together, then shares out its rows.
 void simdRows(const simd::LevelPlan &plan, int jMax, KernelEntry *bilateralKernel) {
     const int t = omp_get_thread_num();
     const int T = omp_get_num_threads();
     const int band = simd::bandRows(plan);
     for (int j0 = 0; j0 < jMax; j0 += band) {
-        const int steps = simd::bandLoadSteps(plan, j0);
-        for (int step = 0; step < steps; step++) {
-            simd::loadBand(plan, j0, step, t, T);
+        if (simd::loadsBands(plan)) {
+            simd::loadBand(plan, j0, t, T);
 #pragma omp barrier
         }
         // The loop's closing barrier keeps the planes until every row of
         // the band is done.
         const int j1 = std::min(j0 + band, jMax);
 #pragma omp for schedule(dynamic, 1)
-        for (int j = j0; j < j1; j++) simd::filterRow(plan, j0, j, t, bilateralKernel);
+        for (int j = j0; j < j1; j++) simd::filterRow(plan, j, t, bilateralKernel);
     }
 }
 

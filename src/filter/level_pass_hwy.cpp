@@ -17,10 +17,11 @@
 // bordered working copy is split into planes: one plane of bytes per sample
 // (a one-sample copy is its own plane) and, for filtered colour levels,
 // float planes of every pixel's L, A and B from the CIELab table. Colour
-// planes hold only a horizontal band of the copy at a time, the rows one
-// band of output rows reads; the next band keeps the rows both share (moved
-// to the top) and converts the rest. Whole-image planes would cost a quarter
-// of a gigabyte on a 12 MP picture. Rows are filtered one vector at a time:
+// planes are a ring of rows, enough for the rows one band of output rows
+// reads: copy row r lives in ring row r mod (ring rows), and the next band
+// converts only the rows it adds, into the ring rows of rows no longer read,
+// so nothing is moved. Whole-image planes would cost a quarter of a gigabyte
+// on a 12 MP picture. Rows are filtered one vector at a time:
 // first the weights of all its entries (into a buffer that stays in the
 // first-level cache) and their sum, then the convolution sums, all in
 // registers; the range table's first entries are read from registers where
@@ -47,8 +48,10 @@
 namespace lumora {
 namespace simd {
 
-// One sparse kernel addressed in the planes: entry e of the pixel whose
-// window origin is plane index p lies at p + offset[e].
+// One sparse kernel addressed in the planes. For the whole level: entry e
+// of the pixel whose window origin is copy pixel index p lies at copy pixel
+// index p + offset[e]. For one row (rowKernel): entry e of the pixel in
+// column i lies at plane index offset[e] + i.
 struct KernelPlan {
     const ptrdiff_t *offset;
     const float *factor;
@@ -66,7 +69,10 @@ struct Pass {
     // entry.
     const float *record;
     size_t width;                    // pixels per row of the bordered copy
-    size_t origin;                   // copy pixel index of the planes' first pixel
+    // Rows of the planes' ring (the planes then have one row more, a copy
+    // of ring row 0, for reads that run on past the last ring row's end);
+    // 0: the planes hold the whole copy.
+    int ringRows;
     KernelPlan normal;
     KernelPlan fine;
     bool useMap;
@@ -81,20 +87,20 @@ struct Scratch {
     KernelChoice *choice;    // block kernel choices
     unsigned char *need;     // 2 x block/lanes: vectors that need the normal / fine kernel
     int32_t *packed;         // row columns of the fine pixels computed packed
+    ptrdiff_t *rowOffset;    // the row's entry offsets, normal kernel then fine
     KernelEntry *kernel;     // the thread's kernel buffer for the per-pixel code
 };
-constexpr int SCRATCH_PIECES = 6;  // the pointers of Scratch but the kernel
+constexpr int SCRATCH_PIECES = 7;  // the pointers of Scratch but the kernel
 
-// Rows [r0, r1) of the bordered colour copy into the planes, whose first
-// row is copy row `top`. The two zero rows of slack after the copy are
-// converted too: the per-pixel code can read them on small images, and it
-// reads bytes 0, 0, 0 there, so the planes hold 0 and labLUT[0][0][0]
-// (lab[0] null: a gauss-only level, no CIELab planes; record null: no
-// records).
-inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
-                        float *record, size_t width, int top, int r0, int r1) {
-    const unsigned char *q = a.img->image + (size_t)r0 * width * 3;
-    for (size_t px = (size_t)(r0 - top) * width; px < (size_t)(r1 - top) * width; px++, q += 3) {
+// Row r of the bordered colour copy into plane row `slot`. The two zero
+// rows of slack after the copy are converted too: the per-pixel code can
+// read them on small images, and it reads bytes 0, 0, 0 there, so the planes
+// hold 0 and labLUT[0][0][0] (lab[0] null: a gauss-only level, no CIELab
+// planes; record null: no records).
+inline void convertRow(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
+                       float *record, size_t width, int r, int slot) {
+    const unsigned char *q = a.img->image + (size_t)r * width * 3;
+    for (size_t px = (size_t)slot * width; px < (size_t)(slot + 1) * width; px++, q += 3) {
         sample[0][px] = q[0];
         sample[1][px] = q[1];
         sample[2][px] = q[2];
@@ -104,28 +110,35 @@ inline void convertRows(const LevelPassArgs &a, unsigned char *const *sample, fl
             lab[1][px] = v.a;
             lab[2][px] = v.b;
             if (record != nullptr) {
-                float *r = record + 4 * px;
-                r[0] = v.l;
-                r[1] = v.a;
-                r[2] = v.b;
+                float *rec = record + 4 * px;
+                rec[0] = v.l;
+                rec[1] = v.a;
+                rec[2] = v.b;
                 const unsigned char bytes[4] = {q[0], q[1], q[2], 0};
-                std::memcpy(r + 3, bytes, 4);
+                std::memcpy(rec + 3, bytes, 4);
             }
         }
     }
 }
 
-// Plane rows [r0, r1) up by `shift` rows.
-inline void moveRows(unsigned char *const *sample, float *const *lab, float *record,
-                     size_t width, int shift, int r0, int r1) {
-    const size_t from = (size_t)(r0 + shift) * width;
-    const size_t to = (size_t)r0 * width;
-    const size_t n = (size_t)(r1 - r0) * width;
-    for (int q = 0; q < 3; q++) {
-        std::memcpy(sample[q] + to, sample[q] + from, n);
-        if (lab[q] != nullptr) std::memcpy(lab[q] + to, lab[q] + from, n * sizeof(float));
+// Kernel k of the level addressed for row j: where each entry of the row's
+// pixels lies in the planes, from the window origin of its column 0. A
+// vector's read may run on past the end of its plane row into the next; the
+// ring's extra row keeps that true across the ring's end.
+inline KernelPlan rowKernel(const KernelPlan &k, size_t width, int ringRows, int j,
+                            ptrdiff_t *offset) {
+    const ptrdiff_t w = (ptrdiff_t)width;
+    for (int e = 0; e < k.n; e++) {
+        const ptrdiff_t q = (ptrdiff_t)j * w + k.offset[e];
+        if (ringRows == 0) {
+            offset[e] = q;
+            continue;
+        }
+        ptrdiff_t row = q / w, column = q % w;
+        if (column < 0) row--, column += w;
+        offset[e] = (row % ringRows) * w + column;
     }
-    if (record != nullptr) std::memcpy(record + 4 * to, record + 4 * from, 4 * n * sizeof(float));
+    return {offset, k.factor, k.n, k.centre};
 }
 
 }  // namespace simd
@@ -331,8 +344,7 @@ struct LaneSource {
 };
 
 template <int SPP, bool PACKED>
-HWY_INLINE LaneSource<SPP, PACKED> BlockSource(const Pass &p, size_t base, bool gauss) {
-    const size_t first = base - p.origin;
+HWY_INLINE LaneSource<SPP, PACKED> BlockSource(const Pass &p, size_t first, bool gauss) {
     const bool lab = !gauss && SPP == 3;
     LaneSource<SPP, PACKED> src;
     src.S0 = p.sample[0] + first;
@@ -484,8 +496,9 @@ HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const Kernel
     }
 }
 
-// The nv vectors of a block from plane index base that `need` marks (null:
-// all), with kernel k: their truncated convolution sums into
+// The nv vectors of a block from column `base` of a row, with kernel k
+// addressed for that row, that `need` marks (null: all): their truncated
+// convolution sums into
 // result[sample * block + lane]. gauss: the kernel's own weights.
 //
 // PACKED: lane x stands for the pixel idx[x] places after `base` instead of
@@ -563,7 +576,8 @@ HWY_INLINE void ChooseBlock(const Pass &p, int j, int i0, size_t nv, const Scrat
     }
 }
 
-// The convolution sums of the nv vectors of a block from plane index base:
+// The convolution sums of the nv vectors of a block from column base of the
+// row whose kernels p carries:
 // gauss-only levels with the normal kernel as it is; filtered levels with
 // the bilateral weights of the kernels their vectors need (all vectors the
 // normal one when the level does not consult the map).
@@ -621,8 +635,7 @@ HWY_INLINE void PackedSweep(const Pass &p, int j, size_t packed, const Scratch &
         const size_t count = std::min(B, packed - first);
         const size_t np = (count + N - 1) / N;
         const int32_t *idx = s.packed + first;
-        const size_t rowBase = (size_t)j * p.width;
-        FilterVectors<SPP, true>(p, p.fine, rowBase, np, nullptr, idx, false, s, s.resultFine);
+        FilterVectors<SPP, true>(p, p.fine, 0, np, nullptr, idx, false, s, s.resultFine);
         for (size_t x = 0; x < count; x++)
             for (int q = 0; q < SPP; q++)
                 outRow[(size_t)idx[x] * SPP + q] = (unsigned char)s.resultFine[q * B + x];
@@ -632,7 +645,10 @@ HWY_INLINE void PackedSweep(const Pass &p, int j, size_t packed, const Scratch &
 // Row j: blocks of whole vectors, then the packed sweep, then the pixels
 // that do not fill a vector through the per-pixel code.
 template <int SPP>
-void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
+void FilterRowSpp(const Pass &level, int j, const Scratch &s) {
+    Pass p = level;
+    p.normal = rowKernel(level.normal, p.width, p.ringRows, j, s.rowOffset);
+    p.fine = rowKernel(level.fine, p.width, p.ringRows, j, s.rowOffset + p.normal.n);
     const LevelPassArgs &a = *p.args;
     const int N = (int)hn::Lanes(DF());
     const int covered = a.iMax / N * N;  // pixels in whole vectors
@@ -642,7 +658,7 @@ void FilterRowSpp(const Pass &p, int j, const Scratch &s) {
         const size_t nv = (size_t)(count / N);
         bool anyNormal = true, anyFine = false;
         if (p.useMap) ChooseBlock(p, j, i0, nv, s, packed, anyNormal, anyFine);
-        FilterBlock<SPP>(p, (size_t)j * p.width + (size_t)i0, nv, s, anyNormal, anyFine);
+        FilterBlock<SPP>(p, (size_t)i0, nv, s, anyNormal, anyFine);
         StoreBlock<SPP>(p, j, i0, count, s);
     }
     PackedSweep<SPP>(p, j, packed, s);
@@ -697,6 +713,7 @@ struct Layout {
     size_t threadBytes;  // bytes of a thread's scratch
     int reachUp, reachDown;  // copy rows above and below a band's output rows its kernels read
     int bandRows;        // output rows per band
+    int ringRows;        // rows of the colour planes' ring, 0 when they hold the whole copy
     size_t planeSize;    // pixels per plane
     bool lab;            // CIELab planes: a filtered colour level
     bool records;        // and the records of packed lanes: one steered by the map
@@ -706,7 +723,7 @@ struct Layout {
 struct LevelPlan {
     const LevelPassArgs *args;
     Layout layout;
-    Pass pass;                 // planes' origin at copy row 0
+    Pass pass;
     unsigned char *sample[3];  // the planes, writable
     float *lab[3];
     unsigned char *samples;    // the blocks behind them
@@ -778,19 +795,22 @@ Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
     l.vectors = BLOCK_VECTORS;
     const size_t block = l.vectors * lanes;
     // Per thread, each piece rounded up to 64 bytes: one vector's weights,
-    // two result blocks, choices, the two need lists and a row of packed
-    // columns (padded to whole vectors).
+    // two result blocks, choices, the two need lists, a row of packed
+    // columns (padded to whole vectors) and the row's entry offsets.
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
     const size_t sizes[SCRATCH_PIECES] = {nMax * lanes * sizeof(float),
                                           a.spp * block * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
                                           block * sizeof(KernelChoice),
                                           2 * l.vectors,
-                                          ((size_t)a.iMax + lanes) * sizeof(int32_t)};
+                                          ((size_t)a.iMax + lanes) * sizeof(int32_t),
+                                          (size_t)(l.nNormal + l.nFine) * sizeof(ptrdiff_t)};
     for (int q = 0; q < SCRATCH_PIECES; q++) l.threadBytes += l.pieces[q] = round64(sizes[q]);
     reachOf(a, l);
     l.bandRows = bandRowsOf(a, l, std::max(nbProc, 1));
-    l.planeSize = l.width * (size_t)std::min(l.rows, l.bandRows + l.reachUp + l.reachDown);
+    const int held = l.bandRows + l.reachUp + l.reachDown;
+    l.ringRows = a.spp == 3 && held < l.rows ? held : 0;
+    l.planeSize = l.width * (size_t)(l.ringRows > 0 ? l.ringRows + 1 : l.rows);
     return l;
 }
 
@@ -835,38 +855,19 @@ void planPass(LevelPlan &p) {
     }
     pass.record = p.records;
     pass.width = l.width;
-    pass.origin = 0;
+    pass.ringRows = l.ringRows;
     pass.useMap = l.useMap;
     pass.block = (int)(l.vectors * l.lanes);
     plan(pass.normal, a.spatialKernel, l.nNormal, 0);
     plan(pass.fine, a.spatialKernelFine, l.nFine, l.nNormal);
 }
 
-// Loading the planes for the band from j0: the copy rows [lo, hi) it
-// reads, of which the first `kept` are held already, `shift` rows further
-// down, from the band before. They move up in `moves` pieces no longer than
-// the shift, so no piece overwrites rows still to move; then the rest is
-// converted.
-struct BandLoad {
-    int lo, hi, kept, shift, moves;
-};
-
+// The copy rows [lo, hi) the band from j0 reads through the planes.
 void bandSpan(const LevelPlan &p, int j0, int *lo, int *hi) {
     const Layout &l = p.layout;
     const int j1 = std::min(j0 + l.bandRows, p.args->jMax);
     *lo = std::max(0, j0 - l.reachUp);
     *hi = std::min(l.rows, j1 + l.reachDown);
-}
-
-BandLoad bandLoad(const LevelPlan &p, int j0) {
-    BandLoad b;
-    bandSpan(p, j0, &b.lo, &b.hi);
-    int top = 0, bottom = 0;  // copy rows the planes hold from the band before
-    if (j0 > 0) bandSpan(p, j0 - p.layout.bandRows, &top, &bottom);
-    b.kept = std::max(0, bottom - b.lo);
-    b.shift = b.lo - top;
-    b.moves = b.shift > 0 ? (b.kept + b.shift - 1) / b.shift : 0;
-    return b;
 }
 
 // Thread t's scratch, with its kernel buffer.
@@ -884,6 +885,7 @@ Scratch scratchOf(const LevelPlan &p, int t, KernelEntry *kernel) {
     s.choice = reinterpret_cast<KernelChoice *>(piece[3]);
     s.need = piece[4];
     s.packed = reinterpret_cast<int32_t *>(piece[5]);
+    s.rowOffset = reinterpret_cast<ptrdiff_t *>(piece[6]);
     s.kernel = kernel;
     return s;
 }
@@ -920,28 +922,25 @@ void releaseLevelPlan(LevelPlan *p) {
 
 int bandRows(const LevelPlan &p) { return p.layout.bandRows; }
 
-int bandLoadSteps(const LevelPlan &p, int j0) {
-    return p.args->spp == 3 ? bandLoad(p, j0).moves + 1 : 0;
-}
+bool loadsBands(const LevelPlan &p) { return p.args->spp == 3; }
 
-void loadBand(const LevelPlan &p, int j0, int step, int t, int T) {
-    const BandLoad b = bandLoad(p, j0);
-    int r0, r1;
-    if (step < b.moves) {
-        const int c0 = step * b.shift;
-        staticBlock(std::min(b.shift, b.kept - c0), t, T, &r0, &r1);
-        moveRows(p.sample, p.lab, p.records, p.layout.width, b.shift, c0 + r0, c0 + r1);
-    } else {
-        staticBlock(b.hi - b.lo - b.kept, t, T, &r0, &r1);
-        convertRows(*p.args, p.sample, p.lab, p.records, p.layout.width, b.lo, b.lo + b.kept + r0,
-                    b.lo + b.kept + r1);
+void loadBand(const LevelPlan &p, int j0, int t, int T) {
+    const Layout &l = p.layout;
+    int lo, hi, heldBefore = 0, r0, r1;
+    bandSpan(p, j0, &lo, &hi);
+    if (j0 > 0) bandSpan(p, j0 - l.bandRows, &r0, &heldBefore);
+    const int first = std::max(lo, heldBefore);  // the rows the band adds
+    staticBlock(hi - first, t, T, &r0, &r1);
+    for (int r = first + r0; r < first + r1; r++) {
+        const int slot = l.ringRows > 0 ? r % l.ringRows : r;
+        convertRow(*p.args, p.sample, p.lab, p.records, l.width, r, slot);
+        if (l.ringRows > 0 && slot == 0)
+            convertRow(*p.args, p.sample, p.lab, p.records, l.width, r, l.ringRows);
     }
 }
 
-void filterRow(const LevelPlan &p, int j0, int j, int t, KernelEntry *bilateralKernel) {
-    Pass band = p.pass;
-    if (p.args->spp == 3) band.origin = (size_t)bandLoad(p, j0).lo * p.layout.width;
-    p.filterRow(band, j, scratchOf(p, t, bilateralKernel));
+void filterRow(const LevelPlan &p, int j, int t, KernelEntry *bilateralKernel) {
+    p.filterRow(p.pass, j, scratchOf(p, t, bilateralKernel));
 }
 
 }  // namespace simd
