@@ -352,7 +352,8 @@ bool filterLevel(int nbProc, const PyramidConstants &s, PyramidWorkspace &ws, in
     ws.img.inputImage = imgInput;
     ws.img.borderWidth = k.borderSpace;
     ws.img.mainImageHasBorders = 1;
-    if (createOutsideImageBorders(s.iMax, s.jMax, s.spp, s.bps, &ws.img) == -4) return false;
+    if (createOutsideImageBorders(s.iMax, s.jMax, s.spp, s.bps, &ws.img, nbProc) == -4)
+        return false;
     dumpLevelWorkingImage(s.iMax, s.jMax, s.spp, s.bps, &ws.img, level);
 
     // Rebuilt on every level with the same sigma.

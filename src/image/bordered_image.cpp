@@ -45,7 +45,9 @@ template <typename T>
 void fillPlane(const PlaneView<T> &p, int iMax, int jMax, int spp, int b, int maxVal,
                bool extrapolate) {
     const T *lastRow = p.src + static_cast<size_t>(jMax - 1) * p.srcStride;
-    // Top row y and bottom row jMax + (y + b) in one pass.
+    // Top row y and bottom row jMax + (y + b) in one pass. Rows are shared
+    // out when a team calls (every row is written by one member alone).
+#pragma omp for schedule(static)
     for (int y = -b; y < 0; ++y) {
         const T *topMirror = p.src + static_cast<size_t>(-y) * p.srcStride;
         const int yBottom = jMax + y + b;
@@ -67,6 +69,7 @@ void fillPlane(const PlaneView<T> &p, int iMax, int jMax, int spp, int b, int ma
             }
         }
     }
+#pragma omp for schedule(static)
     for (int j = 0; j < jMax; ++j) {
         const T *row = p.src + static_cast<size_t>(j) * p.srcStride;
         T *left = p.left + static_cast<size_t>(j) * p.sideStride;
@@ -127,9 +130,8 @@ BorderGeometry borderGeometry(int iMax, int jMax, int spp, int bps, int b) {
     return g;
 }
 
-// The larger copy with the image rows in its middle; false when it cannot be
-// allocated.
-bool makeBuiltInCopy(const BorderGeometry &g, ImageWithBorder *img) {
+// The larger copy, its slack zeroed; false when it cannot be allocated.
+bool allocateBuiltInCopy(const BorderGeometry &g, ImageWithBorder *img) {
     const int b = g.b;
     // RGBE strides already count bytes; the size is still multiplied by
     // byteDepth (4), which over-allocates a layout no caller uses.
@@ -143,7 +145,15 @@ bool makeBuiltInCopy(const BorderGeometry &g, ImageWithBorder *img) {
     if (!img->image) return false;
     const size_t used = g.rgbe ? g.extendedRowStride * (g.jMax + 2 * b) : size;
     std::memset(img->image + used, 0, size + slack - used);
+    return true;
+}
+
+// The image rows into the middle of the larger copy, shared out when a team
+// calls.
+void copyRows(const BorderGeometry &g, ImageWithBorder *img) {
+    const int b = g.b;
     const int rowBytes = g.rgbe ? 1 : g.byteDepth;
+#pragma omp for schedule(static)
     for (int j = 0; j < g.jMax; ++j) {
         unsigned char *dst = img->image + (b + j) * g.extendedRowStride * rowBytes;
         const unsigned char *src = img->inputImage + j * g.rowStride * rowBytes;
@@ -157,7 +167,6 @@ bool makeBuiltInCopy(const BorderGeometry &g, ImageWithBorder *img) {
                 std::memcpy(dst + p * (g.iMax + 2 * b) + b, src + p * g.iMax, g.iMax);
         }
     }
-    return true;
 }
 
 // The four separate border pieces; false, with none kept, when one cannot be
@@ -199,22 +208,10 @@ void fillRgbePlanes(const BorderGeometry &g, ImageWithBorder *img, unsigned char
     }
 }
 
-}  // namespace
-
-int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBorder *img) {
-    const BorderGeometry g = borderGeometry(iMax, jMax, spp, bps, img->borderWidth);
+// Every border of the image, by its format.
+void fillBorders(const BorderGeometry &g, ImageWithBorder *img, unsigned char *const *pieces) {
+    const int iMax = g.iMax, jMax = g.jMax, spp = g.spp, bps = g.bps;
     const bool builtIn = img->mainImageHasBorders != 0;
-    unsigned char *pieces[4] = {nullptr, nullptr, nullptr, nullptr};  // top, bottom, left, right
-    if (builtIn) {
-        if (!makeBuiltInCopy(g, img)) return -4;
-    } else {
-        img->image = img->inputImage;
-        if (!makeSeparateBorders(g, pieces)) return -4;
-    }
-
-    // The row counter's final value is the success result: jMax, or 4 * jMax
-    // plane-rows for RGBE. Callers test only for -4.
-    int rows = jMax;
     if (bps == 16) {
         using W = unsigned short;
         fillInterleaved(reinterpret_cast<W *>(img->image),
@@ -229,14 +226,36 @@ int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBor
                                        g.rowStride, g.extendedRowStride, (1 << bps) - 1);
     } else {
         fillRgbePlanes(g, img, pieces);
-        rows = 4 * jMax;
     }
+}
 
+}  // namespace
+
+int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBorder *img,
+                              int nbProc) {
+    const BorderGeometry g = borderGeometry(iMax, jMax, spp, bps, img->borderWidth);
+    const bool builtIn = img->mainImageHasBorders != 0;
+    unsigned char *pieces[4] = {nullptr, nullptr, nullptr, nullptr};  // top, bottom, left, right
+    if (builtIn) {
+        if (!allocateBuiltInCopy(g, img)) return -4;
+    } else {
+        img->image = img->inputImage;
+        if (!makeSeparateBorders(g, pieces)) return -4;
+    }
+#pragma omp parallel num_threads(std::max(nbProc, 1))
+    {
+        // The borders mirror the copied rows: the loop's closing barrier
+        // keeps them apart.
+        if (builtIn) copyRows(g, img);
+        fillBorders(g, img, pieces);
+    }
     img->topBorder = pieces[0];
     img->bottomBorder = pieces[1];
     img->leftBorder = pieces[2];
     img->rightBorder = pieces[3];
-    return rows;
+    // The row counter's final value is the success result: jMax, or 4 * jMax
+    // plane-rows for RGBE. Callers test only for -4.
+    return g.rgbe ? 4 * jMax : jMax;
 }
 
 void freeOutsideImageBorders(ImageWithBorder *img) {

@@ -8,7 +8,9 @@ namespace lumora {
 // ---------------------------------------------------------------------------
 // Bordered images (bordered_image.cpp) and 3x3 smoothing (smoothing.cpp)
 
-int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBorder *img);
+// The copy and the borders are shared out among nbProc threads.
+int createOutsideImageBorders(int iMax, int jMax, int spp, int bps, ImageWithBorder *img,
+                              int nbProc = 1);
 void freeOutsideImageBorders(ImageWithBorder *img);
 unsigned char *imageData(int iMax, int jMax, int spp, int bps, int rowStride,
                          ImageWithBorder *img, int x, int y);
