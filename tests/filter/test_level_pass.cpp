@@ -1,9 +1,20 @@
 // The level pass: the bright map's kernel choice, then the SIMD pass against
-// the plain one, byte for byte on every instruction set, with hand-made
-// kernels that reach the unnormalised-weight and wrapping-store cases.
+// the plain one, byte for byte on every instruction set compiled in: the
+// range-table reads (from registers where every lane's index is small, else
+// gathered) on all 20000 indices; random kernels over every band size and
+// anti-diagonal period; and the cases the faster forms treat apart: rows
+// that end inside a vector, colour distances at and past the table's end,
+// weight sums below 1, one-sample brightness differences of 256 and more,
+// and range sigmas that give zero, subnormal and all-one weights.
 #include <gtest/gtest.h>
+#include <hwy/targets.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <ostream>
 #include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -67,6 +78,44 @@ struct LevelSetup {
     int src(int i, int j, int dx) const { return bordered[(j + 1) * ers + i + 1 + dx]; }
 };
 
+// A random sparse kernel over the (2b+1)-square window, column-outer and
+// row-inner, the centre always in, weights in [0, 1) scaled by scale / n.
+std::vector<KernelEntry> randomKernel(std::mt19937 &gen, int b, int keepPercent, float scale) {
+    std::vector<KernelEntry> k;
+    std::uniform_real_distribution<float> factor(0.0f, 1.0f);
+    for (int x = 0; x <= 2 * b; x++)
+        for (int y = 0; y <= 2 * b; y++)
+            if ((int)(gen() % 100) < keepPercent || (x == b && y == b))
+                k.push_back({x, y, factor(gen), 0.0f, 0.0f, 0.0f});
+    for (auto &e : k) e.factor = e.factor * scale / k.size();
+    return k;
+}
+
+// A range table of unrelated values, a few of them zero or subnormal: an
+// index off by one anywhere (truncation, clamp, a fused multiply-add in the
+// distance) shows.
+std::vector<float> unrelatedTable() {
+    std::vector<float> t(EXP_LUT_ENTRIES);
+    std::mt19937 gen(11);
+    for (float &v : t) v = std::uniform_real_distribution<float>(0.0f, 1.0f)(gen);
+    t[3] = 0.0f;
+    t[130] = 1e-40f;
+    t[256] = 0.75f;
+    return t;
+}
+
+// The level's output and its smoothed copy, joined, from the plain pass on
+// one thread or the SIMD pass on nbProc.
+Bytes passBytes(LevelPassArgs &a, size_t imageBytes, bool plain, int nbProc = 1) {
+    Bytes r(2 * imageBytes, 0xA5);
+    a.imgOutput = r.data();
+    a.smoothImg = r.data() + imageBytes;
+    usePlainPath = plain;
+    levelPass(plain ? 1 : nbProc, a);
+    usePlainPath = false;
+    return r;
+}
+
 }  // namespace
 
 // The smoothed copy is the finished output's, whatever the team.
@@ -101,18 +150,6 @@ TEST(LevelPass, BrightMapChoosesCopyNormalOrFineKernelFromLevelTwoOn) {
 
 namespace {
 
-// A random sparse kernel over the (2b+1)-square window, column-outer and
-// row-inner, with weights in [0, 1).
-std::vector<KernelEntry> randomKernel(std::mt19937 &gen, int b, int keepPercent) {
-    std::vector<KernelEntry> k;
-    std::uniform_real_distribution<float> factor(0.0f, 1.0f);
-    for (int x = 0; x <= 2 * b; x++)
-        for (int y = 0; y <= 2 * b; y++)
-            if ((int)(gen() % 100) < keepPercent || (x == b && y == b))
-                k.push_back({x, y, factor(gen), 0.0f, 0.0f, 0.0f});
-    return k;
-}
-
 struct LevelPassSimd : testing::TestWithParam<int> {
     void TearDown() override { simd::levelPassBandRows = 0; }
 };
@@ -124,11 +161,7 @@ struct LevelPassSimd : testing::TestWithParam<int> {
 // thread; every fourth seed the SIMD pass on a team of two or three.
 TEST_P(LevelPassSimd, MatchesPlainPassWithHandMadeKernels) {
     CIELab_Init(2);
-    // A range table of unrelated values: an index off by one anywhere
-    // (truncation, clamp, a fused multiply-add in the distance) shows.
-    std::vector<float> expLut(EXP_LUT_ENTRIES);
-    std::mt19937 tableGen(7);
-    for (float &v : expLut) v = std::uniform_real_distribution<float>(0.0f, 1.0f)(tableGen);
+    std::vector<float> expLut = unrelatedTable();
     const int sizes[][2] = {{1, 3}, {5, 1}, {7, 9}, {16, 5}, {17, 6}, {33, 4}, {64, 30}};
     const int seed = GetParam();
     std::mt19937 gen(seed);
@@ -143,9 +176,8 @@ TEST_P(LevelPassSimd, MatchesPlainPassWithHandMadeKernels) {
     // vector are normalised and others not; gauss-only weights summing to
     // about 1.3 make the stores of bright areas wrap.
     const float scale = gaussOnly ? 2.6f : 3.0f;
-    std::vector<KernelEntry> normal = randomKernel(gen, b, 45), fine = randomKernel(gen, b, 85);
-    for (auto &e : normal) e.factor = e.factor * scale / normal.size();
-    for (auto &e : fine) e.factor = e.factor * scale / fine.size();
+    std::vector<KernelEntry> normal = randomKernel(gen, b, 45, scale);
+    std::vector<KernelEntry> fine = randomKernel(gen, b, 85, scale);
     Bytes in = testsupport::testPicture(seed / 2 % 6, iMax, jMax, spp, seed);
     Bytes map = testsupport::brightMap(periodic ? 4 : 1 + seed % 3, iMax, jMax, seed);
     ImageWithBorder img{.inputImage = in.data(), .borderWidth = b, .mainImageHasBorders = 1};
@@ -157,29 +189,180 @@ TEST_P(LevelPassSimd, MatchesPlainPassWithHandMadeKernels) {
     SCOPED_TRACE(testing::Message() << iMax << "x" << jMax << " spp " << spp << " b " << b
                                     << " gauss " << gaussOnly << " level " << a.level);
 
-    // The level's output and its smoothed copy, joined.
-    const auto run = [&](bool plain) {
-        Bytes r(2 * in.size(), 0xA5);
-        a.imgOutput = r.data();
-        a.smoothImg = r.data() + in.size();
-        usePlainPath = plain;
-        if (!plain) {  // the SIMD path must cover these levels
-            simd::LevelPlan *plan = simd::planLevel(nbProc, a);
-            EXPECT_NE(plan, nullptr);
-            simd::releaseLevelPlan(plan);
-        }
-        levelPass(plain ? 1 : nbProc, a);
-        usePlainPath = false;
-        return r;
-    };
-    const Bytes want = run(true);
+    const Bytes want = passBytes(a, in.size(), true);
     testsupport::forEachTarget([&](int) {
+        simd::LevelPlan *plan = simd::planLevel(nbProc, a);
+        EXPECT_NE(plan, nullptr) << "the SIMD path must cover these levels";
+        simd::releaseLevelPlan(plan);
         for (int rows : {0, 1, 3, 7}) {  // bands of rows (0: the usual size)
             simd::levelPassBandRows = rows;
-            EXPECT_EQ(testsupport::firstDifference(want, run(false), iMax, spp), "")
+            EXPECT_EQ(testsupport::firstDifference(want, passBytes(a, in.size(), false, nbProc),
+                                                   iMax, spp), "")
                 << "band " << rows << " (rows jMax.. are the smoothed copy)";
         }
     });
     freeOutsideImageBorders(&img);
 }
 INSTANTIATE_TEST_SUITE_P(Seeds, LevelPassSimd, testing::Range(0, 32));
+
+namespace {
+
+TEST(LevelPassRangeReads, GiveTheTableEntryForEveryIndex) {
+    const std::vector<float> lut = unrelatedTable();
+    // Every index in order (vectors wholly below 128, across 128 and 256,
+    // and above), then shuffled (small and large indices in one vector),
+    // then small indices with one large one per 64.
+    std::vector<int32_t> idx(EXP_LUT_ENTRIES);
+    for (int i = 0; i < EXP_LUT_ENTRIES; i++) idx[i] = i;
+    std::vector<int32_t> shuffled = idx;
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
+    idx.insert(idx.end(), shuffled.begin(), shuffled.end());
+    // The one large index steps up from 128 and from 256, so that a
+    // register read that reaches one entry too far shows.
+    for (int i = 0; i < 4096; i++) idx.push_back(i % 64 == 17 ? 128 + i / 64 : i % 128);
+    for (int i = 0; i < 4096; i++) idx.push_back(i % 64 == 9 ? 256 + i / 64 % 2 : (i * 7) % 256);
+    while (idx.size() % 64 != 0) idx.push_back(255);
+    testsupport::forEachTarget([&](int) {
+        for (bool oneSample : {false, true}) {
+            std::vector<float> out(idx.size(), -1.0f);
+            simd::rangeLookup(lut.data(), oneSample, idx.data(), idx.size(), out.data());
+            for (size_t x = 0; x < idx.size(); x++)
+                ASSERT_EQ(std::memcmp(&out[x], &lut[idx[x]], sizeof(float)), 0)
+                    << "index " << idx[x] << " at " << x << " one-sample " << oneSample;
+        }
+    });
+}
+
+// Two colours whose squared CIELab distance, as the filter computes it, lies
+// in [lo, hi), searched over a grid of the RGB cube.
+bool coloursAtDistance(float lo, float hi, unsigned char *c1, unsigned char *c2) {
+    for (int r1 = 0; r1 < 256; r1 += 51)
+        for (int g1 = 0; g1 < 256; g1 += 51)
+            for (int b1 = 0; b1 < 256; b1 += 51) {
+                const LABData &p = labLUT[r1][g1][b1];
+                for (int r2 = 0; r2 < 256; r2 += 3)
+                    for (int g2 = 0; g2 < 256; g2 += 3)
+                        for (int b2 = 0; b2 < 256; b2 += 3) {
+                            const LABData &q = labLUT[r2][g2][b2];
+                            const float dL = q.l - p.l, dA = q.a - p.a, dB = q.b - p.b;
+                            const float d = dL * dL + dA * dA + dB * dB;
+                            if (d >= lo && d < hi) {
+                                c1[0] = (unsigned char)r1, c1[1] = (unsigned char)g1;
+                                c1[2] = (unsigned char)b1;
+                                c2[0] = (unsigned char)r2, c2[1] = (unsigned char)g2;
+                                c2[2] = (unsigned char)b2;
+                                return true;
+                            }
+                        }
+            }
+    return false;
+}
+
+enum class Picture { Noise, TwoColours, BlackWhite };
+enum class Table { Unrelated, Sigma001, Sigma10 };
+
+struct Case {
+    const char *name;
+    int iMax, jMax, spp;
+    Picture picture;
+    float lo, hi;       // TwoColours: squared distance of the two colours
+    float weightScale;  // spatial weights sum to about this
+    float centreWeight; // the centre entry's spatial weight (0: random)
+    Table table;
+    int level;          // 2 with map: the bright map steers the kernels
+    bool map;
+    int gaussOnly;
+};
+
+Bytes picture(const Case &c, std::mt19937 &gen) {
+    Bytes img((size_t)c.iMax * c.jMax * c.spp);
+    unsigned char c1[3] = {0, 0, 0}, c2[3] = {255, 255, 255};
+    if (c.picture == Picture::TwoColours) {
+        EXPECT_TRUE(coloursAtDistance(c.lo, c.hi, c1, c2)) << c.lo << ".." << c.hi;
+    }
+    for (int y = 0; y < c.jMax; y++)
+        for (int x = 0; x < c.iMax; x++) {
+            const bool second = (x * 7 + y * 3 + (int)(gen() % 5)) % 4 < 2;
+            for (int s = 0; s < c.spp; s++) {
+                unsigned char v = (unsigned char)(gen() % 256);
+                if (c.picture != Picture::Noise) v = second ? c2[s] : c1[s];
+                img[((size_t)y * c.iMax + x) * c.spp + s] = v;
+            }
+        }
+    return img;
+}
+
+void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
+
+struct LevelPassSpeedups : testing::TestWithParam<Case> {
+    static void SetUpTestSuite() { CIELab_Init(2); }
+};
+
+TEST_P(LevelPassSpeedups, FastPassGivesThePlainBytes) {
+    const Case &c = GetParam();
+    std::mt19937 gen(std::hash<std::string>()(c.name) & 0xFFFF);
+    // Spatial weights summing to about weightScale, the centre's set apart.
+    std::vector<KernelEntry> normal = randomKernel(gen, 2, 50, 1.0f), fine = randomKernel(gen, 2, 90, 1.0f);
+    for (auto *k : {&normal, &fine}) {
+        float sum = 0.0f;
+        for (const auto &e : *k) sum += e.factor;
+        for (auto &e : *k) e.factor = e.factor * c.weightScale / sum;
+        if (c.centreWeight > 0.0f) (*k)[k->size() / 2].factor = c.centreWeight;
+    }
+    std::vector<float> expLut = unrelatedTable();
+    if (c.table != Table::Unrelated)
+        fusion2lut(c.table == Table::Sigma001 ? 0.01f : 10.0f, 255, expLut.data());
+    Bytes in = picture(c, gen);
+    Bytes map((size_t)c.iMax * c.jMax);
+    for (size_t k = 0; k < map.size(); k++) {
+        const unsigned char bands[] = {0, 5, 30, 50, 70, 90, 110, 130, 150, 230};
+        map[k] = bands[(k / 3 + k % 7) % 10];
+    }
+    ImageWithBorder img{.inputImage = in.data(), .borderWidth = 2, .mainImageHasBorders = 1};
+    ASSERT_NE(createOutsideImageBorders(c.iMax, c.jMax, c.spp, 8, &img), -4);
+    LevelPassArgs a = levelArgs(img, c.iMax, c.jMax, c.spp, 2, normal, fine, expLut.data(),
+                                c.map ? map.data() : nullptr);
+    a.levelGaussOnly = c.gaussOnly;
+    a.level = c.level;
+    const Bytes want = passBytes(a, in.size(), true);
+    testsupport::forEachTarget([&](int) {
+        EXPECT_EQ(testsupport::firstDifference(want, passBytes(a, in.size(), false), c.iMax, c.spp), "")
+            << "rows from jMax are the smoothed copy";
+    });
+    freeOutsideImageBorders(&img);
+}
+
+// Widths 1, 15, 17, 33, 47: rows that end inside a vector of every target.
+const Case kCases[] = {
+    {"ColourNoise", 47, 6, 3, Picture::Noise, 0, 0, 1.0f, 0, Table::Unrelated, 1, false, 0},
+    {"ColourAtTableEnd", 33, 5, 3, Picture::TwoColours, 19999.0f, 20000.0f, 1.3f, 0,
+     Table::Unrelated, 1, false, 0},
+    {"ColourPastTableEnd", 17, 5, 3, Picture::TwoColours, 20000.0f, 30000.0f, 1.3f, 0,
+     Table::Unrelated, 1, false, 0},
+    {"ColourSmallDistances", 40, 4, 3, Picture::TwoColours, 30.0f, 127.0f, 1.3f, 0,
+     Table::Unrelated, 1, false, 0},
+    {"ColourWeightSumsBelowOne", 15, 7, 3, Picture::Noise, 0, 0, 0.9f, 0, Table::Unrelated, 1,
+     false, 0},
+    {"ColourSigma001", 33, 5, 3, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma001, 1, false, 0},
+    {"ColourSigma10", 33, 5, 3, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma10, 1, false, 0},
+    {"ColourMap", 47, 8, 3, Picture::Noise, 0, 0, 1.2f, 0, Table::Unrelated, 2, true, 0},
+    {"ColourGauss", 17, 4, 3, Picture::Noise, 0, 0, 1.3f, 0, Table::Unrelated, 1, false, 1},
+    {"OneSampleNoise", 47, 6, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Unrelated, 1, false, 0},
+    {"OneSampleWidthOne", 1, 9, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Unrelated, 1, false, 0},
+    // Black and white with a light centre entry and heavy others: brightness
+    // differences of 256 (entry weight minus centre weight at least 1).
+    {"OneSampleIndex256", 33, 6, 1, Picture::BlackWhite, 0, 0, 12.0f, 0.25f, Table::Unrelated,
+     1, false, 0},
+    {"OneSampleIndexPast256", 17, 6, 1, Picture::BlackWhite, 0, 0, 60.0f, 0.1f,
+     Table::Unrelated, 1, false, 0},
+    {"OneSampleWeightSumsBelowOne", 33, 5, 1, Picture::Noise, 0, 0, 0.8f, 0, Table::Unrelated,
+     1, false, 0},
+    {"OneSampleSigma001", 33, 5, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma001, 1, false, 0},
+    {"OneSampleSigma10", 33, 5, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma10, 1, false, 0},
+    {"OneSampleMap", 47, 8, 1, Picture::Noise, 0, 0, 1.2f, 0, Table::Unrelated, 2, true, 0},
+    {"OneSampleGauss", 15, 4, 1, Picture::Noise, 0, 0, 1.3f, 0, Table::Unrelated, 1, false, 1},
+};
+INSTANTIATE_TEST_SUITE_P(Cases, LevelPassSpeedups, testing::ValuesIn(kCases),
+                         [](const testing::TestParamInfo<Case> &i) { return i.param.name; });
+
+}  // namespace
