@@ -88,46 +88,4 @@ TEST(Convolution, StoresTheLowBitsOfTheTruncatedSum) {
     KernelEntry almost{0, 0, 254.9999f / 255.0f, 0, 0, 0};
     convolveFastSimple8(white, &out, 1, 1, nullptr, nullptr, 1, &almost);
     EXPECT_EQ(out, 254);
-    unsigned short white16 = 65535, out16;
-    KernelEntry over16{0, 0, 1.01f, 0, 0, 0};  // 66190.35
-    convolveFastSimple16(&white16, &out16, 1, 1, nullptr, nullptr, 1, &over16, 1);
-    EXPECT_EQ(out16, 66190 - 65536);
-}
-
-// The edge variant reads through the separate borders; it must give the
-// direct variant's bytes on a built-in bordered copy (mirrored sides and
-// corners).
-template <typename Sample>
-void checkEdgeConvolution(int spp) {
-    const int iMax = 6, jMax = 5, b = 2, bps = 8 * (int)sizeof(Sample), ers = (iMax + 2 * b) * spp;
-    Bytes bytes = testsupport::randomImage(iMax * (int)sizeof(Sample), jMax, spp, 29);
-    ImageWithBorder built{.inputImage = bytes.data(), .borderWidth = b, .mainImageHasBorders = 1};
-    ImageWithBorder separate{.inputImage = bytes.data(), .borderWidth = b};
-    ASSERT_EQ(createOutsideImageBorders(iMax, jMax, spp, bps, &built), jMax);
-    ASSERT_EQ(createOutsideImageBorders(iMax, jMax, spp, bps, &separate), jMax);
-    std::vector<KernelEntry> kernel;
-    for (int x = 0; x < 5; x++)
-        for (int y = 0; y < 5; y++) kernel.push_back({x, y, 0.01f * (1 + x + 5 * y), 0, 0, 0});
-    Sample *copy = reinterpret_cast<Sample *>(built.image);
-    for (int y = 0; y < jMax; y++)
-        for (int x = 0; x < iMax; x++) {
-            Sample got[3], want[3];
-            convolveFastIncludingEdges(&separate, reinterpret_cast<unsigned char *>(got), iMax,
-                                       jMax, spp, bps, iMax * spp, nullptr, x, y, 25,
-                                       kernel.data(), 5);
-            if constexpr (sizeof(Sample) == 1)
-                convolveFastSimple8(copy + y * ers + x * spp, want, spp, ers, nullptr, nullptr, 25,
-                                    kernel.data());
-            else
-                convolveFastSimple16(copy + y * ers + x * spp, want, spp, ers, nullptr, nullptr, 25,
-                                     kernel.data(), 5);
-            for (int s = 0; s < spp; s++) EXPECT_EQ(got[s], want[s]) << x << "," << y << " sample " << s;
-        }
-    freeOutsideImageBorders(&built);
-    freeOutsideImageBorders(&separate);
-}
-
-TEST(Convolution, EdgeVariantReadsBordersAndCornersLikeBuiltInCopy) {
-    checkEdgeConvolution<unsigned char>(3);
-    checkEdgeConvolution<unsigned short>(1);
 }

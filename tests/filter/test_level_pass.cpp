@@ -150,63 +150,6 @@ TEST(LevelPass, BrightMapChoosesCopyNormalOrFineKernelFromLevelTwoOn) {
 
 namespace {
 
-struct LevelPassSimd : testing::TestWithParam<int> {
-    void TearDown() override { simd::levelPassBandRows = 0; }
-};
-
-}  // namespace
-
-// Seeds 28..31: every anti-diagonal period under a kernel wide enough that a
-// row's sparse fine pixels fill several blocks. The reference runs on one
-// thread; every fourth seed the SIMD pass on a team of two or three.
-TEST_P(LevelPassSimd, MatchesPlainPassWithHandMadeKernels) {
-    CIELab_Init(2);
-    std::vector<float> expLut = unrelatedTable();
-    const int sizes[][2] = {{1, 3}, {5, 1}, {7, 9}, {16, 5}, {17, 6}, {33, 4}, {64, 30}};
-    const int seed = GetParam();
-    std::mt19937 gen(seed);
-    const bool periodic = seed >= 28;
-    const int iMax = periodic ? 163 : sizes[seed % 7][0];
-    const int jMax = periodic ? 9 : sizes[seed % 7][1];
-    const int spp = seed % 2 ? 3 : 1;
-    const int gaussOnly = !periodic && seed % 4 == 2;
-    const int b = periodic ? 12 : 1 + (int)(gen() % 3);
-    const int nbProc = seed % 4 != 3 ? 1 : 2 + seed / 4 % 2;
-    // Weights around 1/n or above: sums straddle 1, so some pixels of a
-    // vector are normalised and others not; gauss-only weights summing to
-    // about 1.3 make the stores of bright areas wrap.
-    const float scale = gaussOnly ? 2.6f : 3.0f;
-    std::vector<KernelEntry> normal = randomKernel(gen, b, 45, scale);
-    std::vector<KernelEntry> fine = randomKernel(gen, b, 85, scale);
-    Bytes in = testsupport::testPicture(seed / 2 % 6, iMax, jMax, spp, seed);
-    Bytes map = testsupport::brightMap(periodic ? 4 : 1 + seed % 3, iMax, jMax, seed);
-    ImageWithBorder img{.inputImage = in.data(), .borderWidth = b, .mainImageHasBorders = 1};
-    ASSERT_NE(createOutsideImageBorders(iMax, jMax, spp, 8, &img), -4);
-    LevelPassArgs a = levelArgs(img, iMax, jMax, spp, b, normal, fine, expLut.data(), map.data());
-    a.largestHalfKernelSize = (int)(gen() % (b + 1));  // where copied pixels come from
-    a.levelGaussOnly = gaussOnly;
-    a.level = !periodic && seed % 5 == 0 ? 1 : 2;
-    SCOPED_TRACE(testing::Message() << iMax << "x" << jMax << " spp " << spp << " b " << b
-                                    << " gauss " << gaussOnly << " level " << a.level);
-
-    const Bytes want = passBytes(a, in.size(), true);
-    testsupport::forEachTarget([&](int) {
-        simd::LevelPlan *plan = simd::planLevel(nbProc, a);
-        EXPECT_NE(plan, nullptr) << "the SIMD path must cover these levels";
-        simd::releaseLevelPlan(plan);
-        for (int rows : {0, 1, 3, 7}) {  // bands of rows (0: the usual size)
-            simd::levelPassBandRows = rows;
-            EXPECT_EQ(testsupport::firstDifference(want, passBytes(a, in.size(), false, nbProc),
-                                                   iMax, spp), "")
-                << "band " << rows << " (rows jMax.. are the smoothed copy)";
-        }
-    });
-    freeOutsideImageBorders(&img);
-}
-INSTANTIATE_TEST_SUITE_P(Seeds, LevelPassSimd, testing::Range(0, 32));
-
-namespace {
-
 TEST(LevelPassRangeReads, GiveTheTableEntryForEveryIndex) {
     const std::vector<float> lut = unrelatedTable();
     // Every index in order (vectors wholly below 128, across 128 and 256,
@@ -264,14 +207,16 @@ enum class Table { Unrelated, Sigma001, Sigma10 };
 struct Case {
     const char *name;
     int iMax, jMax, spp;
-    Picture picture;
-    float lo, hi;       // TwoColours: squared distance of the two colours
-    float weightScale;  // spatial weights sum to about this
-    float centreWeight; // the centre entry's spatial weight (0: random)
-    Table table;
-    int level;          // 2 with map: the bright map steers the kernels
-    bool map;
-    int gaussOnly;
+    Picture picture = Picture::Noise;
+    float lo = 0, hi = 0;      // TwoColours: squared distance of the two colours
+    float weightScale = 1.0f;  // spatial weights sum to this
+    float centreWeight = 0;    // the centre entry's spatial weight (0: as drawn)
+    Table table = Table::Unrelated;
+    int level = 1;             // 2 with a map: the bright map steers the kernels
+    int map = 0;               // 0 none, else the kind of testsupport::brightMap
+    int gaussOnly = 0;
+    int b = 2;                 // half the kernel's window
+    int nbProc = 1;
 };
 
 Bytes picture(const Case &c, std::mt19937 &gen) {
@@ -294,15 +239,17 @@ Bytes picture(const Case &c, std::mt19937 &gen) {
 
 void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
 
-struct LevelPassSpeedups : testing::TestWithParam<Case> {
+struct LevelPassSimd : testing::TestWithParam<Case> {
     static void SetUpTestSuite() { CIELab_Init(2); }
+    void TearDown() override { simd::levelPassBandRows = 0; }
 };
 
-TEST_P(LevelPassSpeedups, FastPassGivesThePlainBytes) {
+// The plain pass on one thread, then the SIMD pass on the case's team, in
+// bands of 1, 3 or 7 rows or the usual size: the same bytes.
+TEST_P(LevelPassSimd, GivesThePlainBytes) {
     const Case &c = GetParam();
     std::mt19937 gen(std::hash<std::string>()(c.name) & 0xFFFF);
-    // Spatial weights summing to about weightScale, the centre's set apart.
-    std::vector<KernelEntry> normal = randomKernel(gen, 2, 50, 1.0f), fine = randomKernel(gen, 2, 90, 1.0f);
+    std::vector<KernelEntry> normal = randomKernel(gen, c.b, 50, 1.0f), fine = randomKernel(gen, c.b, 90, 1.0f);
     for (auto *k : {&normal, &fine}) {
         float sum = 0.0f;
         for (const auto &e : *k) sum += e.factor;
@@ -313,56 +260,68 @@ TEST_P(LevelPassSpeedups, FastPassGivesThePlainBytes) {
     if (c.table != Table::Unrelated)
         fusion2lut(c.table == Table::Sigma001 ? 0.01f : 10.0f, 255, expLut.data());
     Bytes in = picture(c, gen);
-    Bytes map((size_t)c.iMax * c.jMax);
-    for (size_t k = 0; k < map.size(); k++) {
-        const unsigned char bands[] = {0, 5, 30, 50, 70, 90, 110, 130, 150, 230};
-        map[k] = bands[(k / 3 + k % 7) % 10];
-    }
-    ImageWithBorder img{.inputImage = in.data(), .borderWidth = 2, .mainImageHasBorders = 1};
+    Bytes map = testsupport::brightMap(std::max(c.map, 1), c.iMax, c.jMax, 7);
+    ImageWithBorder img{.inputImage = in.data(), .borderWidth = c.b, .mainImageHasBorders = 1};
     ASSERT_NE(createOutsideImageBorders(c.iMax, c.jMax, c.spp, 8, &img), -4);
-    LevelPassArgs a = levelArgs(img, c.iMax, c.jMax, c.spp, 2, normal, fine, expLut.data(),
+    LevelPassArgs a = levelArgs(img, c.iMax, c.jMax, c.spp, c.b, normal, fine, expLut.data(),
                                 c.map ? map.data() : nullptr);
+    a.largestHalfKernelSize = c.b - 1;  // copied pixels come from a narrower level's frame
     a.levelGaussOnly = c.gaussOnly;
     a.level = c.level;
     const Bytes want = passBytes(a, in.size(), true);
     testsupport::forEachTarget([&](int) {
-        EXPECT_EQ(testsupport::firstDifference(want, passBytes(a, in.size(), false), c.iMax, c.spp), "")
-            << "rows from jMax are the smoothed copy";
+        simd::LevelPlan *plan = simd::planLevel(c.nbProc, a);
+        EXPECT_NE(plan, nullptr) << "the SIMD path must cover these levels";
+        simd::releaseLevelPlan(plan);
+        for (int rows : {0, 1, 3, 7}) {
+            simd::levelPassBandRows = rows;
+            EXPECT_EQ(testsupport::firstDifference(want, passBytes(a, in.size(), false, c.nbProc),
+                                                   c.iMax, c.spp), "")
+                << "band " << rows << " (rows from jMax are the smoothed copy)";
+        }
     });
     freeOutsideImageBorders(&img);
 }
 
-// Widths 1, 15, 17, 33, 47: rows that end inside a vector of every target.
+// Widths 1, 15, 17, 33, 47 and 163: rows that end inside a vector of every
+// target. The bright maps: every band of bright values (kind 2), or every
+// anti-diagonal period under a kernel wide enough that a row's sparse fine
+// pixels fill several blocks, beside whole vectors of fine lanes (kind 4).
 const Case kCases[] = {
-    {"ColourNoise", 47, 6, 3, Picture::Noise, 0, 0, 1.0f, 0, Table::Unrelated, 1, false, 0},
-    {"ColourAtTableEnd", 33, 5, 3, Picture::TwoColours, 19999.0f, 20000.0f, 1.3f, 0,
-     Table::Unrelated, 1, false, 0},
-    {"ColourPastTableEnd", 17, 5, 3, Picture::TwoColours, 20000.0f, 30000.0f, 1.3f, 0,
-     Table::Unrelated, 1, false, 0},
-    {"ColourSmallDistances", 40, 4, 3, Picture::TwoColours, 30.0f, 127.0f, 1.3f, 0,
-     Table::Unrelated, 1, false, 0},
-    {"ColourWeightSumsBelowOne", 15, 7, 3, Picture::Noise, 0, 0, 0.9f, 0, Table::Unrelated, 1,
-     false, 0},
-    {"ColourSigma001", 33, 5, 3, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma001, 1, false, 0},
-    {"ColourSigma10", 33, 5, 3, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma10, 1, false, 0},
-    {"ColourMap", 47, 8, 3, Picture::Noise, 0, 0, 1.2f, 0, Table::Unrelated, 2, true, 0},
-    {"ColourGauss", 17, 4, 3, Picture::Noise, 0, 0, 1.3f, 0, Table::Unrelated, 1, false, 1},
-    {"OneSampleNoise", 47, 6, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Unrelated, 1, false, 0},
-    {"OneSampleWidthOne", 1, 9, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Unrelated, 1, false, 0},
+    {.name = "ColourNoise", .iMax = 47, .jMax = 6, .spp = 3},
+    {.name = "ColourAtTableEnd", .iMax = 33, .jMax = 5, .spp = 3, .picture = Picture::TwoColours,
+     .lo = 19999.0f, .hi = 20000.0f, .weightScale = 1.3f},
+    {.name = "ColourPastTableEnd", .iMax = 17, .jMax = 5, .spp = 3,
+     .picture = Picture::TwoColours, .lo = 20000.0f, .hi = 30000.0f, .weightScale = 1.3f},
+    {.name = "ColourSmallDistances", .iMax = 40, .jMax = 4, .spp = 3,
+     .picture = Picture::TwoColours, .lo = 30.0f, .hi = 127.0f, .weightScale = 1.3f},
+    {.name = "ColourWeightSumsBelowOne", .iMax = 15, .jMax = 7, .spp = 3, .weightScale = 0.9f},
+    {.name = "ColourSigma001", .iMax = 33, .jMax = 5, .spp = 3, .table = Table::Sigma001},
+    {.name = "ColourSigma10", .iMax = 33, .jMax = 5, .spp = 3, .table = Table::Sigma10},
+    {.name = "ColourMap", .iMax = 47, .jMax = 8, .spp = 3, .weightScale = 1.2f, .level = 2,
+     .map = 2, .nbProc = 2},
+    {.name = "ColourMapWide", .iMax = 163, .jMax = 9, .spp = 3, .weightScale = 1.5f, .level = 2,
+     .map = 4, .b = 12, .nbProc = 3},
+    {.name = "ColourGauss", .iMax = 17, .jMax = 4, .spp = 3, .weightScale = 1.3f, .gaussOnly = 1},
+    {.name = "OneSampleNoise", .iMax = 47, .jMax = 6, .spp = 1, .nbProc = 2},
+    {.name = "OneSampleWidthOne", .iMax = 1, .jMax = 9, .spp = 1},
     // Black and white with a light centre entry and heavy others: brightness
     // differences of 256 (entry weight minus centre weight at least 1).
-    {"OneSampleIndex256", 33, 6, 1, Picture::BlackWhite, 0, 0, 12.0f, 0.25f, Table::Unrelated,
-     1, false, 0},
-    {"OneSampleIndexPast256", 17, 6, 1, Picture::BlackWhite, 0, 0, 60.0f, 0.1f,
-     Table::Unrelated, 1, false, 0},
-    {"OneSampleWeightSumsBelowOne", 33, 5, 1, Picture::Noise, 0, 0, 0.8f, 0, Table::Unrelated,
-     1, false, 0},
-    {"OneSampleSigma001", 33, 5, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma001, 1, false, 0},
-    {"OneSampleSigma10", 33, 5, 1, Picture::Noise, 0, 0, 1.0f, 0, Table::Sigma10, 1, false, 0},
-    {"OneSampleMap", 47, 8, 1, Picture::Noise, 0, 0, 1.2f, 0, Table::Unrelated, 2, true, 0},
-    {"OneSampleGauss", 15, 4, 1, Picture::Noise, 0, 0, 1.3f, 0, Table::Unrelated, 1, false, 1},
+    {.name = "OneSampleIndex256", .iMax = 33, .jMax = 6, .spp = 1, .picture = Picture::BlackWhite,
+     .weightScale = 12.0f, .centreWeight = 0.25f},
+    {.name = "OneSampleIndexPast256", .iMax = 17, .jMax = 6, .spp = 1,
+     .picture = Picture::BlackWhite, .weightScale = 60.0f, .centreWeight = 0.1f},
+    {.name = "OneSampleWeightSumsBelowOne", .iMax = 33, .jMax = 5, .spp = 1, .weightScale = 0.8f},
+    {.name = "OneSampleSigma001", .iMax = 33, .jMax = 5, .spp = 1, .table = Table::Sigma001},
+    {.name = "OneSampleSigma10", .iMax = 33, .jMax = 5, .spp = 1, .table = Table::Sigma10},
+    {.name = "OneSampleMap", .iMax = 47, .jMax = 8, .spp = 1, .weightScale = 1.2f, .level = 2,
+     .map = 2},
+    {.name = "OneSampleMapWide", .iMax = 163, .jMax = 9, .spp = 1, .weightScale = 1.5f,
+     .level = 2, .map = 4, .b = 12, .nbProc = 2},
+    {.name = "OneSampleGauss", .iMax = 15, .jMax = 4, .spp = 1, .weightScale = 1.3f,
+     .gaussOnly = 1},
 };
-INSTANTIATE_TEST_SUITE_P(Cases, LevelPassSpeedups, testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Cases, LevelPassSimd, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<Case> &i) { return i.param.name; });
 
 }  // namespace

@@ -6,9 +6,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "core/switches.h"
 #include "tables/tables.h"
@@ -91,23 +88,4 @@ TEST(CIELabTable, EveryEntryEqualsPointConversionWhateverPathAndTeamSize) {
         EXPECT_EQ(labLUT[17][200], block);
         EXPECT_EQ(tableHash(), hash) << (plain ? "plain" : "fast") << " fill by 3 threads";
     }
-}
-
-TEST(CIELabCubeRoot, WithinBoundOfGeneralPower) {
-    std::vector<double> t = {std::nextafter(ep, 1.0), ep * (1 + 1e-12), 1.0, std::nextafter(1.0, 0.0),
-                             1.0 / 64, std::nextafter(1.0 / 64, 0.0), std::nextafter(1.0 / 64, 1.0),
-                             0.125, std::nextafter(0.125, 0.0), 0.4685349, 0.4685349 / 8, 0.99611};
-    std::mt19937_64 gen(3);
-    std::uniform_real_distribution<double> logT(std::log(ep), 0.0);
-    for (int n = 0; n < 1000000; n++) t.push_back(std::min(1.0, std::max(std::exp(logT(gen)), ep)));
-    t.push_back(0.5);  // an odd count reaches the partial last vector
-    std::vector<double> root(t.size());
-    labCubeRoots(t.data(), root.data(), t.size());
-    double worst = 0;
-    for (size_t n = 0; n < t.size(); n++) {
-        const double p = std::pow(t[n], 0.3333333333333333);
-        worst = std::max(worst, std::fabs(root[n] / p - 1));
-        ASSERT_LE(std::fabs(root[n] / p - 1), LAB_CUBE_ROOT_ERROR) << "t = " << t[n];
-    }
-    RecordProperty("worstRelativeError", std::to_string(worst));
 }
