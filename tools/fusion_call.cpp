@@ -2,11 +2,25 @@
 // passes, and cropped back.
 #include "fusion_call.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace lumora_fuse {
 namespace {
+
+// Gives the whole pages inside [data, data + size) back to the system. Their
+// contents read as zeros afterwards: only for copies no one reads again. The
+// partial pages at the ends stay, with the allocator's bookkeeping beside them.
+void releasePages(const unsigned char *data, size_t size) {
+    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t first = (uintptr_t(data) + page - 1) / page * page, end = (uintptr_t(data) + size) / page * page;
+    if (end > first)
+        madvise(reinterpret_cast<void *>(first), end - first, MADV_DONTNEED);
+}
 
 // Reflection about the edge pixel without repeating it (the way the library
 // mirrors its own borders), repeated as often as needed; a one-pixel side
@@ -132,6 +146,8 @@ FusionStatus fuseExposures(const FusionJob &job, unsigned char *out) {
             for (int x = 0; x < w; ++x)
                 memcpy(to + size_t(x) * 3, row + size_t(mirror(area.x + x, pw)) * 3, 3);
         }
+        if (job.releaseExposures)
+            releasePages(image.rgb.data(), image.rgb.size());
     }
 
     // The library writes straight into out unless the area had to grow.

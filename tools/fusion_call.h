@@ -40,6 +40,10 @@ struct FusionJob {
     // Called with the fraction of the whole job (both passes), 1.0 only at its
     // very end; may set *cancel. May be null.
     ProgressCallback progress = nullptr;
+    // The exposures' pages may be given back to the system once they are
+    // copied for the library: set by a forked fusion process, whose copies
+    // are the tool's and are never read or freed again there.
+    bool releaseExposures = false;
 };
 
 enum class FusionStatus {

@@ -71,6 +71,7 @@ int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigs
     job.threads = run.threads;
     job.depth = run.depth;
     job.progress = onChildProgress;
+    job.releaseExposures = true;  // this process's copies: a fork's, read once
     gChildBar = run.bar;
     const FusionStatus status = fuseExposures(job, out);
     if (run.bar)
