@@ -107,7 +107,10 @@ int availableCores() {
 // entries of 12 bytes), 3 bytes per picture pixel for every decoded exposure,
 // and per fused pixel 24 bytes plus 13 per exposure (its copy for the
 // library, its weights and levels). 3 to 9% above the measured peaks from 4
-// to 50 MP, 19% at 1 MP.
+// to 50 MP, 19% at 1 MP, when it was fitted. Since the fusion process gives
+// its copy of the decoded exposures back, the peaks are lower (12 MP: 906
+// MiB, 4 MP: 499, 1 MP: 300; the estimate 21, 10 and 14% above): left as it
+// is until the 50 MP peak has been measured again.
 double fusionBytes(double picturePixels, double fusedPixels, int exposures) {
     return 272.0 * 1024 * 1024 + picturePixels * 3 * exposures + fusedPixels * (24 + 13 * exposures);
 }
