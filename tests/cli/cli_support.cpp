@@ -14,6 +14,8 @@
 #include <numeric>
 #include <sstream>
 
+#include <opencv2/imgproc.hpp>
+
 extern char **environ;
 
 namespace fs = std::filesystem;
@@ -50,18 +52,20 @@ Image crop(const Image &in, int x0, int y0, int w, int h) {
 }
 
 Image scaled(const Image &in, int w, int h) {
-    Image out{w, h, {}};
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 3; ++c) {
-                const int x0 = x * in.width / w, nx = std::max(1, (x + 1) * in.width / w - x0);
-                const int y0 = y * in.height / h, ny = std::max(1, (y + 1) * in.height / h - y0);
-                int sum = 0;
-                for (int i = 0; i < nx * ny; ++i)
-                    sum += in.rgb[((size_t(y0) + i / nx) * in.width + x0 + i % nx) * 3 + c];
-                out.rgb.push_back((unsigned char)(sum / (nx * ny)));
-            }
+    Image out{w, h, std::vector<unsigned char>(size_t(w) * h * 3)};
+    const cv::Mat from(in.height, in.width, CV_8UC3, const_cast<unsigned char *>(in.rgb.data()));
+    cv::Mat to(h, w, CV_8UC3, out.rgb.data());
+    cv::resize(from, to, to.size(), 0, 0, cv::INTER_AREA);
     return out;
+}
+
+void writePng(const std::string &path, int w, int h, png_uint_32 format, const void *pixels,
+              const std::vector<png_color> &palette) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = png_uint_32(w), image.height = png_uint_32(h), image.format = format;
+    image.colormap_entries = png_uint_32(palette.size());
+    ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, palette.data())) << image.message;
 }
 
 double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <png.h>
 
 #include "image_io.h"
 
@@ -22,8 +23,11 @@ void spill(const std::string &path, const std::string &bytes);
 Image load(const std::string &path);
 void save(const std::string &path, const Image &image, int quality = 98);
 Image crop(const Image &in, int x0, int y0, int w, int h);
-// Resampled to w x h: box averages when shrinking, nearest neighbours when enlarging.
+// Resampled to w x h (box averages when shrinking).
 Image scaled(const Image &in, int w, int h);
+// A PNG in one of the layouts the tool converts (libpng's PNG_FORMAT_GA, _RGBA, _RGB_COLORMAP, ...).
+void writePng(const std::string &path, int w, int h, png_uint_32 format, const void *pixels,
+              const std::vector<png_color> &palette = {});
 double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b);
 // The shipped 512x384 bracket, darkest first (0 to 2).
 const Image &sample(int i);
@@ -40,13 +44,8 @@ struct Launch {
     int resource = -1;
     rlim_t limit = 0;
     int errFd = -1;
-    std::vector<std::string> env;
+    std::vector<std::string> env = {};
 };
-inline Launch lowered(int resource, rlim_t limit) {
-    Launch how;
-    how.resource = resource, how.limit = limit;
-    return how;
-}
 
 class ToolTest : public ::testing::Test {
 protected:

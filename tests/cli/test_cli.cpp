@@ -12,12 +12,13 @@
 #include <cstring>
 #include <filesystem>
 #include <numeric>
+#include <regex>
 #include <sstream>
 #include <thread>
 
 #include <exiv2/exiv2.hpp>
-#include <png.h>
 #include <tiffio.h>
+#include <zlib.h>
 
 #include "cli_support.h"
 
@@ -26,44 +27,6 @@ using namespace lumora_fuse;
 using namespace lumora_cli;
 
 namespace {
-
-// A 128x96 PNG in one of the layouts the tool converts (grey+alpha, palette).
-void writePng(const std::string &path, png_uint_32 format, const std::vector<unsigned char> &pixels,
-              const std::vector<png_color> &palette = {}) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = 128, image.height = 96, image.format = format, image.colormap_entries = palette.size();
-    ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels.data(), 0, palette.data())) << image.message;
-}
-
-// A 128x96 16-bit RGB output read back native-endian; empty unless the file holds 16-bit samples.
-std::vector<uint16_t> read16(const std::string &path) {
-    std::vector<uint16_t> out(128 * 96 * 3);
-    bool deep = false;
-    if (formatFromExtension(path) == FileFormat::Png) {
-        FILE *fp = fopen(path.c_str(), "rb");
-        png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-        png_infop info = png_create_info_struct(png);
-        png_init_io(png, fp);
-        png_read_png(png, info, PNG_TRANSFORM_SWAP_ENDIAN, nullptr);
-        deep = png_get_bit_depth(png, info) == 16 && png_get_rowbytes(png, info) == 768 &&
-               png_get_image_height(png, info) == 96;
-        for (int y = 0; y < 96 && deep; ++y) memcpy(&out[y * 384], png_get_rows(png, info)[y], 768);
-        png_destroy_read_struct(&png, &info, nullptr);
-        fclose(fp);
-    } else {
-        TIFF *tif = TIFFOpen(path.c_str(), "r");
-        uint32_t h = 0;
-        uint16_t bits = 0;
-        TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &bits);
-        TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
-        deep = bits == 16 && TIFFScanlineSize(tif) == 768 && h == 96;
-        for (uint32_t y = 0; y < 96 && deep; ++y) TIFFReadScanline(tif, &out[y * 384], y, 0);
-        TIFFClose(tif);
-    }
-    if (!deep) out.clear();
-    return out;
-}
 
 // A minimal ICC profile: a header with its own size and the 'acsp' signature, no tags.
 const std::string kIcc = std::string("\0\0\0\x84\0\0\0\0\x02\0\0\0mntrRGB XYZ ", 24) + std::string(12, '\0') +
@@ -75,11 +38,18 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> kOutOfRange 
     {"--start-radius", {"0", "21"}}, {"--radius-growth", {"0", "-5", "51"}}, {"--spatial-sigma", {"0", "-0.2", "11"}},
     {"--range-sigma", {"0", "-0.2", "11"}}, {"--highlight-influence", {"-1", "10.5"}}};
 
-// EXIF written into an image file: {key, value} with rationals as "n/d".
-void tag(const std::string &path, const std::vector<std::pair<std::string, std::string>> &tags) {
+// Metadata written into an image file: {key, value} with rationals as "n/d", and an ICC profile.
+void tag(const std::string &path, const std::vector<std::pair<std::string, std::string>> &tags,
+         const std::string &icc = "") {
     auto image = Exiv2::ImageFactory::open(path);
     image->readMetadata();
-    for (const auto &[key, value] : tags) image->exifData()[key] = value;
+    for (const auto &[key, value] : tags)
+        if (key.rfind("Xmp.", 0) == 0)
+            image->xmpData()[key] = value;
+        else
+            image->exifData()[key] = value;
+    Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte *>(icc.data()), long(icc.size()));
+    if (!icc.empty()) image->setIccProfile(profile, true);
     image->writeMetadata();
 }
 
@@ -126,61 +96,53 @@ TEST_F(Cli, FusesTwoOrThreeExposuresOfEveryFormatIntoEveryFormatWhateverTheOrder
     EXPECT_LT(meanAbsDiff(fused.rgb, load(at("f.jpg")).rgb), 2.0);
 }
 
-TEST_F(Cli, SixteenBitPngAndTiffKeepSixteenBitsAndHighlightPreservationDarkensHighlights) {
+TEST_F(Cli, SixteenBitOutputsKeepTheirPrecisionInputsAreConvertedWithANoteAndHighlightsDarken) {
     writeBracket({"d.png", "m.png", "b.png"});
     ASSERT_EQ(run("@d.png @m.png @b.png -o @kept.png").status, 0);
     for (const std::string name : {"f16.png", "f16.tif", "plain.png"})
         ASSERT_EQ(run("--no-preserve-highlights --depth " + std::string(name[1] == '1' ? "16" : "8") +
                       " @d.png @m.png @b.png -o @" + name).status, 0) << name;
-    const std::vector<uint16_t> png = read16(at("f16.png"));
-    ASSERT_EQ(png.size(), 128 * 96 * 3u) << "read back at 16 bits";
-    EXPECT_EQ(png, read16(at("f16.tif")));
+    // Read back as stored, native-endian: libpng leaves 16-bit samples without a gamma chunk as they are.
+    png_image deep{};
+    deep.version = PNG_IMAGE_VERSION;
+    ASSERT_TRUE(png_image_begin_read_from_file(&deep, at("f16.png").c_str()));
+    ASSERT_TRUE(deep.format & PNG_FORMAT_FLAG_LINEAR && deep.width == 128 && deep.height == 96) << "16-bit samples";
+    deep.format = PNG_FORMAT_LINEAR_RGB;
+    std::vector<uint16_t> png(128 * 96 * 3);
+    ASSERT_TRUE(png_image_finish_read(&deep, nullptr, png.data(), 0, nullptr)) << deep.message;
+    Image tiff;  // read by the tool, rounded to 8 bits
+    std::vector<std::string> notes;
+    std::string error;
+    ASSERT_TRUE(readImage(at("f16.tif"), tiff, error, &notes)) << error;
+    EXPECT_EQ(notes, std::vector<std::string>{"16-bit samples reduced to 8 bits"});
     const Image plain = load(at("plain.png")), kept = load(at("kept.png"));
-    size_t same = 0, fine = 0;
-    for (size_t i = 0; i < png.size(); ++i) same += (png[i] >> 8) == plain.rgb[i], fine += (png[i] & 0xFF) != 0;
+    size_t same = 0, fine = 0, rounded = 0;
+    for (size_t i = 0; i < png.size(); ++i) {
+        same += (png[i] >> 8) == plain.rgb[i], fine += (png[i] & 0xFF) != 0;
+        rounded += tiff.rgb[i] == (png[i] + 128) / 257;
+    }
     EXPECT_GT(same, png.size() * 99 / 100) << "the high byte is the 8-bit result";
     EXPECT_GT(fine, png.size() / 2) << "the low byte carries real precision";
+    EXPECT_EQ(rounded, png.size()) << "the TIFF holds the PNG's samples, read back at the nearest 8-bit value";
     auto lum = [](const Image &image, size_t i) { return (image.rgb[i] + image.rgb[i + 1] + image.rgb[i + 2]) / 3; };
     double keptSum = 0, plainSum = 0, count = 0;
     for (size_t i = 0; i < plain.rgb.size(); i += 3)
         if (lum(plain, i) > 230) plainSum += lum(plain, i), keptSum += lum(kept, i), ++count;
     ASSERT_GT(count, 50) << "the scene has bright windows";
     EXPECT_LT(keptSum / count, plainSum / count - 5) << "the highlights come from the dark exposure";
-}
 
-TEST_F(Cli, ConvertsSixteenBitGreyAlphaAndPaletteInputsWithOneNoteEach) {
-    const int n = 128 * 96;
-    std::vector<uint16_t> rgb16(n * 3), flat16(n * 3, 40000);
-    std::vector<unsigned char> greyAlpha(n * 2), indexed(n);
-    std::vector<png_color> palette;
-    for (int i = 0; i < 216; ++i)
-        palette.push_back({png_byte(i / 36 * 51), png_byte(i / 6 % 6 * 51), png_byte(i % 6 * 51)});
-    for (int i = 0; i < n; ++i) {
-        const unsigned char *d = &bracket_[0].rgb[i * 3], *m = &bracket_[1].rgb[i * 3], *b = &bracket_[2].rgb[i * 3];
-        for (int c = 0; c < 3; ++c) rgb16[i * 3 + c] = uint16_t(d[c] * 257);
-        greyAlpha[i * 2] = (unsigned char)((m[0] * 2 + m[1] * 5 + m[2]) / 8);
-        greyAlpha[i * 2 + 1] = 200;
-        indexed[i] = (unsigned char)((b[0] + 25) / 51 * 36 + (b[1] + 25) / 51 * 6 + (b[2] + 25) / 51);
-    }
-    std::string error;
-    ASSERT_TRUE(writeImage(at("d16.png"), FileFormat::Png, 128, 96, 16, rgb16.data(), 98, error)) << error;
-    ASSERT_TRUE(writeImage(at("f16.tif"), FileFormat::Tiff, 128, 96, 16, flat16.data(), 98, error)) << error;
-    writePng(at("mga.png"), PNG_FORMAT_GA, greyAlpha);
-    writePng(at("bpal.png"), PNG_FORMAT_RGB_COLORMAP, indexed, palette);
-    const ToolRun r = run("--no-preserve-highlights @d16.png @mga.png @bpal.png -o @f.png");
+    std::vector<unsigned char> greyAlpha(128 * 96 * 2, 200), indexed(128 * 96, 1);
+    writePng(at("ga.png"), 128, 96, PNG_FORMAT_GA, greyAlpha.data());
+    writePng(at("pal.png"), 128, 96, PNG_FORMAT_RGB_COLORMAP, indexed.data(), {{0, 0, 0}, {90, 140, 200}});
+    const ToolRun r = run("--no-preserve-highlights @f16.png @ga.png @pal.png -o @f.png");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, expand("lumora-fuse: @d16.png: 16-bit samples reduced to 8 bits\n"
-                            "lumora-fuse: @mga.png: greyscale expanded to RGB\n"
-                            "lumora-fuse: @mga.png: alpha channel dropped\n"
-                            "lumora-fuse: @bpal.png: palette expanded to RGB\n"));
-    Image tiff;
-    std::vector<std::string> notes;
-    ASSERT_TRUE(readImage(at("f16.tif"), tiff, error, &notes)) << error;
-    EXPECT_EQ(notes, std::vector<std::string>{"16-bit samples reduced to 8 bits"}) << "TIFFs too";
-    EXPECT_EQ(tiff.rgb[0], (40000 + 128) / 257) << "rounded to the nearest 8-bit value";
+    EXPECT_EQ(r.err, expand("lumora-fuse: @f16.png: 16-bit samples reduced to 8 bits\n"
+                            "lumora-fuse: @ga.png: greyscale expanded to RGB\n"
+                            "lumora-fuse: @ga.png: alpha channel dropped\n"
+                            "lumora-fuse: @pal.png: palette expanded to RGB\n"));
 }
 
-TEST_F(Cli, LoupeFusesOnlyItsRegionWithTheWholePicturesRadii) {
+TEST_F(Cli, LoupeFusesOnlyItsRegionWithTheWholePicturesRadiiAndPicturesNarrowerThanTheFilterKeepTheirSize) {
     writeBracket({"d.png", "m.png", "b.png"});
     for (int i = 0; i < 3; ++i) save(at("crop" + std::to_string(i) + ".png"), crop(bracket_[i], 40, 24, 64, 48));
     ASSERT_EQ(run("@d.png @m.png @b.png -o @full.png").status, 0);
@@ -193,21 +155,23 @@ TEST_F(Cli, LoupeFusesOnlyItsRegionWithTheWholePicturesRadii) {
     EXPECT_LT(here * 3, meanAbsDiff(loupe.rgb, crop(full, 0, 0, 64, 48).rgb)) << "the loupe shows its own region";
     EXPECT_LT(here, meanAbsDiff(load(at("alone.png")).rgb, crop(full, 40, 24, 64, 48).rgb))
         << "filtered with the radii of the whole picture, not of the region";
+    for (const auto &[w, h] : {std::pair{1, 1}, {1, 7}, {31, 40}}) {
+        const std::string size = std::to_string(w) + "x" + std::to_string(h);
+        SCOPED_TRACE(size);
+        for (int i = 0; i < 3; ++i) save(at(std::to_string(i) + size + ".png"), crop(bracket_[i], 40, 30, w, h));
+        ASSERT_EQ(run("-q @2" + size + ".png @0" + size + ".png @1" + size + ".png -o @f.png").status, 0);
+        const Image fused = load(at("f.png"));
+        EXPECT_EQ(std::make_pair(fused.width, fused.height), std::make_pair(w, h));
+    }
 }
 
 TEST_F(Cli, CopiesExifXmpAndIccOfTheMiddleExposure) {
     writeBracket({"d.jpg", "m.jpg", "b.jpg"});
-    for (const char *name : {"d.jpg", "m.jpg", "b.jpg"}) {
-        const bool middle = name[0] == 'm';
-        auto image = Exiv2::ImageFactory::open(at(name));
-        image->exifData()["Exif.Image.Make"] = middle ? "Reference" : "Other";
-        image->exifData()["Exif.Image.Orientation"] = uint16_t(middle ? 6 : 1);
-        image->exifData()["Exif.Photo.PixelXDimension"] = uint32_t(999);
-        image->xmpData()["Xmp.dc.title"] = middle ? "bracket" : "other";
-        Exiv2::DataBuf icc(reinterpret_cast<const Exiv2::byte *>(kIcc.data()), long(kIcc.size()));
-        if (middle) image->setIccProfile(icc, true);
-        image->writeMetadata();
-    }
+    for (const char *name : {"d.jpg", "b.jpg"}) tag(at(name), {{"Exif.Image.Make", "Other"}});
+    tag(at("m.jpg"),
+        {{"Exif.Image.Make", "Reference"}, {"Exif.Image.Orientation", "6"}, {"Exif.Photo.PixelXDimension", "999"},
+         {"Xmp.dc.title", "bracket"}},
+        kIcc);
     for (const std::string name : {"f.jpg", "f.png", "f.tif"}) {
         SCOPED_TRACE(name);
         ASSERT_EQ(run("--no-preserve-highlights @b.jpg @m.jpg @d.jpg -o @" + name).status, 0);
@@ -309,39 +273,6 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
     }
     EXPECT_EQ(slurp(at("b.png")), input) << "an input named as the output is left alone";
     EXPECT_EQ(slurp(at("locked.png")), png) << "so is a write-protected file";
-    for (const char *name : {"whole.jpg", "whole.tif", "a.png", "cut.jpg", "garbled.jpg", "crc.png", "cut.tif",
-                             "header.tif"}) {
-        Image file, memory;  // the in-memory reader (for fuzzing) agrees with the file reader
-        std::string fileError, memoryError, bytes = slurp(at(name));
-        EXPECT_EQ(readImage(at(name), file, fileError),
-                  readImageMemory((const unsigned char *)bytes.data(), bytes.size(), memory, memoryError)) << name;
-        EXPECT_TRUE(fileError == memoryError && file.rgb == memory.rgb) << name << ": " << memoryError;
-    }
-}
-
-TEST_F(Cli, FusesAtTheEdgesOfEveryValidRangeAndPicturesAndLoupesNarrowerThanTheFilter) {
-    writeBracket({"d.png", "m.png", "b.png"});
-    for (const std::string edges :
-         {"--strength=100 --sharpness=20 --saturation=10 --start-radius=20 --radius-growth=50 --spatial-sigma=10 "
-          "--range-sigma=0.01 --highlight-influence=10",
-          "--strength=19 --sharpness=0 --saturation=-9.99 --start-radius=1 --radius-growth=0.01 --spatial-sigma=0.01 "
-          "--range-sigma=10 --highlight-influence=0",
-          "--strength=100 --highlight-influence=0 --no-preserve-highlights"}) {
-        const ToolRun r = run(edges + " @b.png @d.png @m.png -o @f.png");
-        EXPECT_EQ(r.status, 0) << edges << ": " << r.err;
-    }
-    for (const auto &[w, h] : {std::pair{1, 1}, {1, 7}, {8, 8}, {31, 40}}) {
-        const std::string size = std::to_string(w) + "x" + std::to_string(h);
-        SCOPED_TRACE(size);
-        for (int i = 0; i < 3; ++i) save(at(std::to_string(i) + size + ".png"), crop(bracket_[i], 40, 30, w, h));
-        ASSERT_EQ(run("-q @2" + size + ".png @0" + size + ".png @1" + size + ".png -o @f.png").status, 0);
-        ASSERT_EQ(run("-q --loupe 40,30," + std::to_string(w) + "," + std::to_string(h) +
-                      " @d.png @m.png @b.png -o @l.png").status, 0);
-        for (const char *name : {"f.png", "l.png"}) {
-            const Image fused = load(at(name));
-            EXPECT_EQ(std::make_pair(fused.width, fused.height), std::make_pair(w, h)) << name;
-        }
-    }
 }
 
 Image brightened(const Image &in, double factor) {
@@ -371,11 +302,7 @@ TEST_F(Cli, OfManyFramesFusesTheDarkestTheBrightestAndTheNormalOneOrThoseNamed) 
     save(at("i.png"), brightened(crop(bracket_[2], 32, 24, 64, 48), 1.3));
     for (const auto &[name, level] : levels) save(at(name + ".png"), atLevel(mid, level));
     const std::string all = "@e.png @b.png @i.png @c.png @a.png @g.png @d.png @h.png @f.png";
-    const std::string byArgs = expand(all);
-    std::string lines;  // one a line, with blank lines between
-    for (size_t start = 0, end; start < byArgs.size(); start = end + 1)
-        lines += byArgs.substr(start, (end = std::min(byArgs.find(' ', start), byArgs.size())) - start) + "\n\n";
-    spill(at("args"), lines);
+    spill(at("args"), std::regex_replace(expand(all), std::regex(" "), "\n\n"));  // one a line, blank lines between
 
     ToolRun r = run(all + " -o @by-brightness.png");
     EXPECT_EQ(r.status, 0);
@@ -424,9 +351,7 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     EXPECT_NE(r.err.find(expand("lumora-fuse: @in/broken.jpg: not a JPEG, PNG or TIFF image; skipped\n")),
               std::string::npos) << r.err;
     EXPECT_NE(r.err.find(expand("bracket 3 of 3: 3 frames -> @out/s21_fused.png; about ")), std::string::npos);
-    std::set<std::string> made;
-    for (const auto &entry : fs::directory_iterator(at("out"))) made.insert(entry.path().filename().string());
-    EXPECT_EQ(made, std::set<std::string>(outputs.begin(), outputs.end()));
+    EXPECT_EQ(listing("out"), std::set<std::string>(outputs.begin(), outputs.end()));
     ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
     EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
     const std::string report = slurp(at("report.json"));
@@ -557,20 +482,18 @@ void writeTiffHeader(const std::string &path, uint32_t w, uint32_t h, bool tiled
     TIFFClose(tif);
 }
 
-void writePngHeader(const std::string &path, uint32_t w, uint32_t h, int interlace) {
-    FILE *fp = fopen(path.c_str(), "wb");
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    png_init_io(png, fp);
-    png_set_IHDR(png, info, w, h, 8, PNG_COLOR_TYPE_RGB, interlace, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    png_set_compression_buffer_size(png, 8);  // IDAT chunks of 8 bytes: the flush fills one
-    png_write_info(png, info);
-    std::vector<png_byte> row(size_t(w) * 3);
-    png_write_row(png, row.data());
-    png_write_flush(png);  // the reader stops at the first IDAT
-    png_destroy_write_struct(&png, &info);
-    fclose(fp);
+// v as a big-endian number of n bytes at offset at.
+void putBig(std::string &bytes, size_t at, uint32_t v, int n) {
+    for (int i = 0; i < n; ++i) bytes[at + i] = char(v >> (8 * (n - 1 - i)));
+}
+
+// A PNG whose header (IHDR, its checksum redone) claims w x h pixels, interlaced or not.
+std::string claimingPng(std::string png, uint32_t w, uint32_t h, char interlace) {
+    putBig(png, 16, w, 4);
+    putBig(png, 20, h, 4);
+    png[28] = interlace;
+    putBig(png, 29, uint32_t(crc32(0, reinterpret_cast<const Bytef *>(png.data()) + 12, 17)), 4);
+    return png;
 }
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -584,17 +507,18 @@ constexpr bool kAddressSanitizer = false;
 TEST_F(Cli, HugeHeadersAreRefusedBeforeAnyPixelIsAllocated) {
     writeBracket({"d.png", "m.png", "b.png"});
     save(at("m.jpg"), bracket_[1]);
-    const std::string jpg = slurp(at("m.jpg"));
-    const rlim_t limit = kAddressSanitizer ? RLIM_INFINITY : 1L << 30;
+    const std::string jpg = slurp(at("m.jpg")), png = slurp(at("m.png"));
+    const Launch capped{.resource = RLIMIT_AS, .limit = kAddressSanitizer ? RLIM_INFINITY : 1L << 30};
     const long rssBound = kAddressSanitizer ? 1L << 30 : 64 * 1024;
     for (const auto &[w, h] : {std::pair<uint32_t, uint32_t>{60000, 60000}, {8000, 6000}}) {
         if (kAddressSanitizer && w == 8000) continue;
         std::string sof = jpg;  // baseline frame header: FF C0, length, precision, height, width
         const size_t at0 = sof.find("\xFF\xC0");
-        sof[at0 + 5] = char(h >> 8), sof[at0 + 6] = char(h), sof[at0 + 7] = char(w >> 8), sof[at0 + 8] = char(w);
+        putBig(sof, at0 + 5, h, 2);
+        putBig(sof, at0 + 7, w, 2);
         spill(at("h.jpg"), sof);
-        writePngHeader(at("h.png"), w, h, PNG_INTERLACE_NONE);
-        writePngHeader(at("i.png"), w, h, PNG_INTERLACE_ADAM7);
+        spill(at("h.png"), claimingPng(png, w, h, PNG_INTERLACE_NONE));
+        spill(at("i.png"), claimingPng(png, w, h, PNG_INTERLACE_ADAM7));
         writeTiffHeader(at("s.tif"), w, h, false);
         writeTiffHeader(at("t.tif"), w, h, true);
         const std::set<std::string> before = listing();
@@ -602,7 +526,7 @@ TEST_F(Cli, HugeHeadersAreRefusedBeforeAnyPixelIsAllocated) {
         for (const std::string name : {"h.jpg", "h.png", "i.png", "s.tif", "t.tif"}) {
             SCOPED_TRACE(name + " " + size);
             long rss = 0;
-            const ToolRun r = run("-q @" + name + " @" + name + " -o @f.png", lowered(RLIMIT_AS, limit), &rss);
+            const ToolRun r = run("-q @" + name + " @" + name + " -o @f.png", capped, &rss);
             EXPECT_EQ(r.status, 1);
             EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
             if (w == 60000) {
@@ -620,23 +544,8 @@ TEST_F(Cli, HugeHeadersAreRefusedBeforeAnyPixelIsAllocated) {
             EXPECT_LT(rss, rssBound) << "KiB: refused before the pixels were allocated";
             EXPECT_EQ(listing(), before);
         }
-        // A later exposure is held to the first one's size before its pixels are read.
-        long rss = 0;
-        const ToolRun mixed = run("@m.png @s.tif -o @f.png", lowered(RLIMIT_AS, limit), &rss);
-        EXPECT_EQ(mixed.err, expand(std::string("lumora-fuse: @s.tif: ") +
-                                    (w == 60000 ? "image too large: 60000x60000 pixels (at most 100 megapixels)\n"
-                                                : "size 8000x6000 differs from @m.png (128x96); the exposures must "
-                                                  "be of one size\n")));
-        EXPECT_LT(rss, rssBound);
     }
-    // A thin picture is fused extended to 32 pixels across: judged at its header by that size.
-    writeTiffHeader(at("thin.tif"), 1, 3200000, false);
-    long rss = 0;
-    const ToolRun thin = run("@thin.tif @thin.tif -o @f.png", lowered(RLIMIT_AS, limit), &rss);
-    EXPECT_EQ(thin.err, expand("lumora-fuse: @thin.tif: image too large to fuse: 1x3200000 (sides below 32 pixels "
-                               "are extended to 32, and at most 100 megapixels can be fused)\n"));
-    EXPECT_LT(rss, rssBound);
-    const ToolRun normal = run("-q @d.png @m.png @b.png -o @f.png", lowered(RLIMIT_AS, limit));
+    const ToolRun normal = run("-q @d.png @m.png @b.png -o @f.png", capped);
     EXPECT_EQ(normal.status, 0) << "a small bracket fuses under the same limit: " << normal.err;
 }
 
@@ -645,7 +554,7 @@ TEST_F(Cli, AFullDiskOrFileSizeLimitLeavesNoFileAndSaysWhy) {
     const std::set<std::string> before = listing();
     for (const std::string name : {"f.jpg", "f.png", "f.tif"}) {
         SCOPED_TRACE(name);
-        const ToolRun r = run("-q @d.png @m.png @b.png -o @" + name, lowered(RLIMIT_FSIZE, 2048));
+        const ToolRun r = run("-q @d.png @m.png @b.png -o @" + name, {.resource = RLIMIT_FSIZE, .limit = 2048});
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.err, expand("lumora-fuse: @" + name + ": cannot write the output: File too large\n"));
         EXPECT_EQ(listing(), before) << "no output, no temporary file";
@@ -659,40 +568,10 @@ TEST_F(Cli, AFullDiskOrFileSizeLimitLeavesNoFileAndSaysWhy) {
     auto image = Exiv2::ImageFactory::open(at("m.png"));
     image->xmpData()["Xmp.dc.description"] = std::string(20000, 'x');
     image->writeMetadata();
-    const ToolRun r = run("-q @d.png @m.png @b.png -o @f.jpg", lowered(RLIMIT_FSIZE, plain.size() + 1000));
+    const ToolRun r = run("-q @d.png @m.png @b.png -o @f.jpg", {.resource = RLIMIT_FSIZE, .limit = plain.size() + 1000});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, expand("lumora-fuse: @f.jpg: metadata of @m.png not copied: File too large\n"));
     EXPECT_TRUE(slurp(at("f.jpg")) == plain) << "the plain picture, whole";
-}
-
-TEST_F(Cli, AnOutputFolderThatVanishesBeforeTheWriteLeavesNothing) {
-    writeBracket({"d.png", "m.png", "b.png"});
-    fs::create_directory(at("out"));
-    const std::set<std::string> before = listing();
-    const pid_t pid = start("-q @d.png @m.png @b.png -o @out/f.png");
-    // The tool opens its temporary file in the folder (unnamed, or hidden where the file system has
-    // no unnamed files) before the fusion starts, which takes a second or more; the tool is held
-    // still while its folder goes.
-    const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
-    auto writesInOut = [&] {
-        std::error_code error;
-        for (const auto &fd : fs::directory_iterator(fds, error))
-            if (fs::read_symlink(fd.path(), error).string().rfind(at("out/"), 0) == 0) return true;
-        return false;
-    };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!writesInOut() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    kill(pid, SIGSTOP);
-    EXPECT_FALSE(fs::exists(at("out/f.png"))) << "the tool finished before its folder could go";
-    fs::remove_all(at("out"));
-    kill(pid, SIGCONT);
-    const ToolRun r = finish(pid);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, expand("lumora-fuse: @out/f.png: cannot write the output: No such file or directory\n"));
-    std::set<std::string> expected = before;
-    expected.erase("out");
-    EXPECT_EQ(listing(), expected) << "the folder is gone and nothing was written elsewhere";
 }
 
 }  // namespace
