@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,8 +14,6 @@
 #include <sstream>
 
 #include <opencv2/imgproc.hpp>
-
-extern char **environ;
 
 namespace fs = std::filesystem;
 using namespace lumora_fuse;
@@ -107,17 +104,12 @@ std::set<std::string> ToolTest::listing(const std::string &folder) const {
 
 pid_t ToolTest::start(const std::string &line, const Launch &how) const {
     // Everything the child needs is made before the fork.
-    std::vector<std::string> words{LUMORA_FUSE_BINARY}, env = how.env;
+    std::vector<std::string> words{LUMORA_FUSE_BINARY};
     std::istringstream split(expand(line));
     words.insert(words.end(), std::istream_iterator<std::string>(split), {});
-    for (char **e = environ; *e; ++e)
-        if (std::none_of(how.env.begin(), how.env.end(),
-                         [&](const std::string &v) { return strncmp(*e, v.c_str(), v.find('=') + 1) == 0; }))
-            env.emplace_back(*e);
-    std::vector<char *> argv, envp;
+    std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(w.data());
-    for (std::string &e : env) envp.push_back(e.data());
-    argv.push_back(nullptr), envp.push_back(nullptr);
+    argv.push_back(nullptr);
     // Both files are emptied before the tool starts, not when it gets to it.
     const int outFd = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const int errFd = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -129,8 +121,8 @@ pid_t ToolTest::start(const std::string &line, const Launch &how) const {
             signal(SIGXFSZ, SIG_IGN);
         }
         dup2(outFd, 1);
-        dup2(how.errFd >= 0 ? how.errFd : errFd, 2);
-        execve(LUMORA_FUSE_BINARY, argv.data(), envp.data());
+        dup2(errFd, 2);
+        execv(LUMORA_FUSE_BINARY, argv.data());
         _exit(127);
     }
     close(outFd), close(errFd);

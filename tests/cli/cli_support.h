@@ -38,13 +38,10 @@ struct ToolRun {
 };
 
 // How to start the tool: one resource lowered (SIGXFSZ then ignored, so that a
-// write past RLIMIT_FSIZE fails with EFBIG), standard error on a descriptor
-// of the caller's, and extra environment entries that replace their names.
+// write past RLIMIT_FSIZE fails with EFBIG).
 struct Launch {
     int resource = -1;
     rlim_t limit = 0;
-    int errFd = -1;
-    std::vector<std::string> env = {};
 };
 
 class ToolTest : public ::testing::Test {
