@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include <opencv2/imgproc.hpp>
+#include <tiffio.h>
 
 namespace fs = std::filesystem;
 using namespace lumora_fuse;
@@ -63,6 +64,23 @@ void writePng(const std::string &path, int w, int h, png_uint_32 format, const v
     image.width = png_uint_32(w), image.height = png_uint_32(h), image.format = format;
     image.colormap_entries = png_uint_32(palette.size());
     ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, palette.data())) << image.message;
+}
+
+void writeTiff(const std::string &path, uint32_t w, uint32_t h, const std::vector<unsigned char> &rgba) {
+    TIFF *tif = TIFFOpen(path.c_str(), "w");
+    const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
+    TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
+    for (auto [tag, value] : {std::pair<uint32_t, uint32_t>{TIFFTAG_IMAGEWIDTH, w}, {TIFFTAG_IMAGELENGTH, h},
+                              {TIFFTAG_ROWSPERSTRIP, h}})
+        TIFFSetField(tif, tag, value);
+    for (auto [tag, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 4}, {TIFFTAG_BITSPERSAMPLE, 8},
+                              {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_COMPRESSION, COMPRESSION_LZW}})
+        TIFFSetField(tif, tag, uint16_t(value));
+    unsigned char byte = 0;
+    EXPECT_GT(rgba.empty() ? TIFFWriteRawStrip(tif, 0, &byte, 1)
+                           : TIFFWriteEncodedStrip(tif, 0, const_cast<unsigned char *>(rgba.data()), tmsize_t(rgba.size())),
+              0) << path;
+    TIFFClose(tif);
 }
 
 double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b) {

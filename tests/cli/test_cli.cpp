@@ -13,7 +13,6 @@
 #include <thread>
 
 #include <exiv2/exiv2.hpp>
-#include <tiffio.h>
 #include <zlib.h>
 
 #include "cli_support.h"
@@ -49,31 +48,15 @@ void tag(const std::string &path, const std::vector<std::pair<std::string, std::
     image->writeMetadata();
 }
 
-// A tiny TIFF whose header claims a w x h picture; its one strip or tile holds one byte.
-void writeTiffHeader(const std::string &path, uint32_t w, uint32_t h, bool tiled) {
-    TIFF *tif = TIFFOpen(path.c_str(), "w");
-    for (auto [tag, value] : {std::pair<uint32_t, uint32_t>{TIFFTAG_IMAGEWIDTH, w}, {TIFFTAG_IMAGELENGTH, h},
-                              {tiled ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, tiled ? w : h},
-                              {tiled ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, h}})
-        TIFFSetField(tif, tag, value);
-    for (auto [tag, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 3}, {TIFFTAG_BITSPERSAMPLE, 8},
-                              {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_COMPRESSION, COMPRESSION_LZW}})
-        TIFFSetField(tif, tag, uint16_t(value));
-    unsigned char byte = 0;  // the one strip or tile holds a single compressed byte
-    tiled ? TIFFWriteRawTile(tif, 0, &byte, 1) : TIFFWriteRawStrip(tif, 0, &byte, 1);
-    TIFFClose(tif);
-}
-
 // v as a big-endian number of n bytes at offset at.
 void putBig(std::string &bytes, size_t at, uint32_t v, int n) {
     for (int i = 0; i < n; ++i) bytes[at + i] = char(v >> (8 * (n - 1 - i)));
 }
 
-// A PNG whose header (IHDR, its checksum redone) claims w x h pixels, interlaced or not.
-std::string claimingPng(std::string png, uint32_t w, uint32_t h, char interlace) {
+// A PNG whose header (IHDR, its checksum redone) claims w x h pixels.
+std::string claimingPng(std::string png, uint32_t w, uint32_t h) {
     putBig(png, 16, w, 4);
     putBig(png, 20, h, 4);
-    png[28] = interlace;
     putBig(png, 29, uint32_t(crc32(0, reinterpret_cast<const Bytef *>(png.data()) + 12, 17)), 4);
     return png;
 }
@@ -248,12 +231,10 @@ TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAnd
         {"garbled.jpg", garbled}, {"cut.png", png.substr(0, png.size() / 2)}, {"crc.png", badCrc},
         {"cut.tif", tif.substr(0, tif.size() / 2)},
         {"header.tif", std::string("II*\0\x08\0\0\0", 8) + std::string(100, '\xAB')}, {"huge.jpg", huge},
-        {"huge.png", claimingPng(png, 60000, 60000, PNG_INTERLACE_NONE)},
-        {"adam7.png", claimingPng(png, 60000, 60000, PNG_INTERLACE_ADAM7)}};
+        {"huge.png", claimingPng(png, 60000, 60000)}};
     for (const auto &[name, bytes] : files) spill(at(name), bytes);
-    writeTiffHeader(at("huge.tif"), 60000, 60000, false);
-    writeTiffHeader(at("tiled.tif"), 60000, 60000, true);
-    writeTiffHeader(at("big.tif"), 8000, 6000, false);
+    writeTiff(at("huge.tif"), 60000, 60000);
+    writeTiff(at("big.tif"), 8000, 6000);
     fs::create_directory(at("folder.png"));
     spill(at("locked.png"), png);
     fs::permissions(at("locked.png"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
@@ -314,7 +295,7 @@ TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAnd
          "2.8 GiB, more than the 1.0 GiB address-space limit of the process",
          {.resource = RLIMIT_AS, .limit = 1L << 30}},
     };
-    for (const std::string name : {"huge.jpg", "huge.png", "adam7.png", "huge.tif", "tiled.tif"})
+    for (const std::string name : {"huge.jpg", "huge.png", "huge.tif"})
         cases.push_back({"@" + name + " @" + name + " -o @f.png", 1,
                          "@" + name + ": image too large: 60000x60000 pixels (at most 100 megapixels)"});
     for (const auto &[option, values] : kOutOfRange)

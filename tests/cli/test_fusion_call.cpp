@@ -37,11 +37,10 @@ struct Fused {
     std::vector<unsigned char> bytes;  // the result, or kUntouched where nothing was written
 };
 
-Fused fuse(const std::vector<Image> &images, int threads, int depth = 8, Loupe region = {},
-           ProgressCallback progress = nullptr) {
+Fused fuse(const std::vector<Image> &images, int threads, int depth = 8, Loupe region = {}) {
     float params[kFusionParamCount];
     init_realistic_param(params);  // highlights preserved: two library passes
-    FusionJob job{{}, region, params, threads, depth, progress};
+    FusionJob job{{}, region, params, threads, depth, nullptr};
     for (const Image &image : images) job.exposures.push_back(&image);
     const size_t size = size_t(region.enabled ? region.width * region.height : images[0].width * images[0].height) *
                         3 * size_t(depth / 8);
@@ -84,49 +83,6 @@ TEST(FusionCall, ASmallPictureFusesLikeItsMirroredExtensionCroppedBack) {
     for (int y = dy; y < dy + h; ++y)
         crop.insert(crop.end(), whole.bytes.begin() + (y * 32 + dx) * 3, whole.bytes.begin() + (y * 32 + dx + w) * 3);
     EXPECT_TRUE(fused.bytes == crop);
-}
-
-TEST(FusionCall, NarrowRegionsGrowInsideThePictureAndSmallPicturesAreCentred) {
-    struct Case {
-        int pw, ph;
-        Loupe region;
-        std::vector<int> area;  // x, y, width, height, picture width and height
-    };
-    for (const Case &c : {Case{20, 20, {}, {-6, -6, 32, 32, 32, 32}}, Case{31, 40, {}, {0, 0, 32, 40, 32, 40}},
-                          Case{64, 48, {true, 60, 45, 4, 3}, {32, 16, 32, 32, 64, 48}},
-                          Case{64, 48, {true, 10, 10, 5, 30}, {0, 9, 32, 32, 64, 48}},
-                          Case{64, 48, {true, 10, 5, 40, 40}, {10, 5, 40, 40, 64, 48}},
-                          Case{1, 7, {true, 0, 3, 1, 1}, {-15, -12, 32, 32, 32, 32}}}) {
-        const FusionArea a = fusionArea(c.pw, c.ph, c.region);
-        EXPECT_EQ(std::vector<int>({a.x, a.y, a.width, a.height, a.pictureWidth, a.pictureHeight}), c.area)
-            << c.pw << "x" << c.ph << " region " << c.region.x << "," << c.region.y;
-    }
-}
-
-std::vector<float> gReports;
-int gCancelAt = -1;  // the report (counted from 0) that asks to stop
-
-void record(int *cancel, float amount) {
-    if (int(gReports.size()) == gCancelAt) *cancel = 1;
-    gReports.push_back(amount);
-}
-
-// The order and end of the reports are checked on every fuzz_fusion input.
-TEST(FusionCall, ACancelInEitherPassLeavesNoResult) {
-    const std::vector<Image> bracket = bracketOf(5, 3, 7);
-    ASSERT_EQ(fuse(bracket, 2, 8, {}, record).status, FusionStatus::Done);
-    // Stop at the first report, then at the first one of the second pass (with
-    // three exposures the first pass ends at 7/13 of the bar).
-    const int secondPass = int(std::find_if(gReports.begin(), gReports.end(),
-                                            [](float v) { return v > 7.0f / 13.0f + 1e-4f; }) - gReports.begin());
-    ASSERT_LT(secondPass, int(gReports.size()) - 1);
-    for (int at : {0, secondPass}) {
-        gReports.clear();
-        gCancelAt = at;
-        const Fused fused = fuse(bracket, 2, 8, {}, record);
-        EXPECT_EQ(fused.status, FusionStatus::Stopped) << at;
-        EXPECT_EQ(std::count(fused.bytes.begin(), fused.bytes.end(), kUntouched), long(fused.bytes.size())) << at;
-    }
 }
 
 // Every committed fuzz input (among them what the fuzzers once found) through
