@@ -66,7 +66,7 @@ void writePng(const std::string &path, int w, int h, png_uint_32 format, const v
     ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, palette.data())) << image.message;
 }
 
-void writeTiff(const std::string &path, uint32_t w, uint32_t h, const std::vector<unsigned char> &rgba) {
+void writeTiff(const std::string &path, uint32_t w, uint32_t h, std::vector<unsigned char> rgba) {
     TIFF *tif = TIFFOpen(path.c_str(), "w");
     const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
     TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
@@ -76,9 +76,9 @@ void writeTiff(const std::string &path, uint32_t w, uint32_t h, const std::vecto
     for (auto [tag, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 4}, {TIFFTAG_BITSPERSAMPLE, 8},
                               {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_COMPRESSION, COMPRESSION_LZW}})
         TIFFSetField(tif, tag, uint16_t(value));
-    unsigned char byte = 0;
+    unsigned char byte = 0;  // without pixels, the one strip holds a single compressed byte
     EXPECT_GT(rgba.empty() ? TIFFWriteRawStrip(tif, 0, &byte, 1)
-                           : TIFFWriteEncodedStrip(tif, 0, const_cast<unsigned char *>(rgba.data()), tmsize_t(rgba.size())),
+                           : TIFFWriteEncodedStrip(tif, 0, rgba.data(), tmsize_t(rgba.size())),
               0) << path;
     TIFFClose(tif);
 }
@@ -89,13 +89,9 @@ double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsign
 }
 
 const Image &sample(int i) {
-    static const std::vector<Image> bracket = [] {
-        std::vector<Image> images;
-        for (const char *name : {"0_dark.png", "1_mid.png", "2_bright.png"})
-            images.push_back(load(std::string(LUMORA_SAMPLES_DIR) + "/belgium_house/" + name));
-        return images;
-    }();
-    return bracket[size_t(i)];
+    static const std::string dir = std::string(LUMORA_SAMPLES_DIR) + "/belgium_house/";
+    static const Image bracket[] = {load(dir + "0_dark.png"), load(dir + "1_mid.png"), load(dir + "2_bright.png")};
+    return bracket[i];
 }
 
 void ToolTest::SetUp() {

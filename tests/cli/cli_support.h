@@ -29,7 +29,7 @@ Image scaled(const Image &in, int w, int h);
 void writePng(const std::string &path, int w, int h, png_uint_32 format, const void *pixels,
               const std::vector<png_color> &palette = {});
 // A TIFF of w x h RGBA pixels in one strip, or (without pixels) one whose header claims w x h over one byte.
-void writeTiff(const std::string &path, uint32_t w, uint32_t h, const std::vector<unsigned char> &rgba = {});
+void writeTiff(const std::string &path, uint32_t w, uint32_t h, std::vector<unsigned char> rgba = {});
 double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b);
 // The shipped 512x384 bracket, darkest first (0 to 2).
 const Image &sample(int i);
