@@ -7,14 +7,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <numeric>
 #include <sstream>
 
-extern char **environ;
+#include <opencv2/imgproc.hpp>
+#include <tiffio.h>
 
 namespace fs = std::filesystem;
 using namespace lumora_fuse;
@@ -50,18 +50,37 @@ Image crop(const Image &in, int x0, int y0, int w, int h) {
 }
 
 Image scaled(const Image &in, int w, int h) {
-    Image out{w, h, {}};
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 3; ++c) {
-                const int x0 = x * in.width / w, nx = std::max(1, (x + 1) * in.width / w - x0);
-                const int y0 = y * in.height / h, ny = std::max(1, (y + 1) * in.height / h - y0);
-                int sum = 0;
-                for (int i = 0; i < nx * ny; ++i)
-                    sum += in.rgb[((size_t(y0) + i / nx) * in.width + x0 + i % nx) * 3 + c];
-                out.rgb.push_back((unsigned char)(sum / (nx * ny)));
-            }
+    Image out{w, h, std::vector<unsigned char>(size_t(w) * h * 3)};
+    const cv::Mat from(in.height, in.width, CV_8UC3, const_cast<unsigned char *>(in.rgb.data()));
+    cv::Mat to(h, w, CV_8UC3, out.rgb.data());
+    cv::resize(from, to, to.size(), 0, 0, cv::INTER_AREA);
     return out;
+}
+
+void writePng(const std::string &path, int w, int h, png_uint_32 format, const void *pixels,
+              const std::vector<png_color> &palette) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = png_uint_32(w), image.height = png_uint_32(h), image.format = format;
+    image.colormap_entries = png_uint_32(palette.size());
+    ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, palette.data())) << image.message;
+}
+
+void writeTiff(const std::string &path, uint32_t w, uint32_t h, std::vector<unsigned char> rgba) {
+    TIFF *tif = TIFFOpen(path.c_str(), "w");
+    const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
+    TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
+    for (auto [tag, value] : {std::pair<uint32_t, uint32_t>{TIFFTAG_IMAGEWIDTH, w}, {TIFFTAG_IMAGELENGTH, h},
+                              {TIFFTAG_ROWSPERSTRIP, h}})
+        TIFFSetField(tif, tag, value);
+    for (auto [tag, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 4}, {TIFFTAG_BITSPERSAMPLE, 8},
+                              {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_COMPRESSION, COMPRESSION_LZW}})
+        TIFFSetField(tif, tag, uint16_t(value));
+    unsigned char byte = 0;  // without pixels, the one strip holds a single compressed byte
+    EXPECT_GT(rgba.empty() ? TIFFWriteRawStrip(tif, 0, &byte, 1)
+                           : TIFFWriteEncodedStrip(tif, 0, rgba.data(), tmsize_t(rgba.size())),
+              0) << path;
+    TIFFClose(tif);
 }
 
 double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b) {
@@ -70,13 +89,9 @@ double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsign
 }
 
 const Image &sample(int i) {
-    static const std::vector<Image> bracket = [] {
-        std::vector<Image> images;
-        for (const char *name : {"0_dark.png", "1_mid.png", "2_bright.png"})
-            images.push_back(load(std::string(LUMORA_SAMPLES_DIR) + "/belgium_house/" + name));
-        return images;
-    }();
-    return bracket[size_t(i)];
+    static const std::string dir = std::string(LUMORA_SAMPLES_DIR) + "/belgium_house/";
+    static const Image bracket[] = {load(dir + "0_dark.png"), load(dir + "1_mid.png"), load(dir + "2_bright.png")};
+    return bracket[i];
 }
 
 void ToolTest::SetUp() {
@@ -103,17 +118,12 @@ std::set<std::string> ToolTest::listing(const std::string &folder) const {
 
 pid_t ToolTest::start(const std::string &line, const Launch &how) const {
     // Everything the child needs is made before the fork.
-    std::vector<std::string> words{LUMORA_FUSE_BINARY}, env = how.env;
+    std::vector<std::string> words{LUMORA_FUSE_BINARY};
     std::istringstream split(expand(line));
     words.insert(words.end(), std::istream_iterator<std::string>(split), {});
-    for (char **e = environ; *e; ++e)
-        if (std::none_of(how.env.begin(), how.env.end(),
-                         [&](const std::string &v) { return strncmp(*e, v.c_str(), v.find('=') + 1) == 0; }))
-            env.emplace_back(*e);
-    std::vector<char *> argv, envp;
+    std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(w.data());
-    for (std::string &e : env) envp.push_back(e.data());
-    argv.push_back(nullptr), envp.push_back(nullptr);
+    argv.push_back(nullptr);
     // Both files are emptied before the tool starts, not when it gets to it.
     const int outFd = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const int errFd = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -125,8 +135,8 @@ pid_t ToolTest::start(const std::string &line, const Launch &how) const {
             signal(SIGXFSZ, SIG_IGN);
         }
         dup2(outFd, 1);
-        dup2(how.errFd >= 0 ? how.errFd : errFd, 2);
-        execve(LUMORA_FUSE_BINARY, argv.data(), envp.data());
+        dup2(errFd, 2);
+        execv(LUMORA_FUSE_BINARY, argv.data());
         _exit(127);
     }
     close(outFd), close(errFd);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <png.h>
 
 #include "image_io.h"
 
@@ -22,8 +23,13 @@ void spill(const std::string &path, const std::string &bytes);
 Image load(const std::string &path);
 void save(const std::string &path, const Image &image, int quality = 98);
 Image crop(const Image &in, int x0, int y0, int w, int h);
-// Resampled to w x h: box averages when shrinking, nearest neighbours when enlarging.
+// Resampled to w x h (box averages when shrinking).
 Image scaled(const Image &in, int w, int h);
+// A PNG in one of the layouts the tool converts (libpng's PNG_FORMAT_GA, _RGBA, _RGB_COLORMAP, ...).
+void writePng(const std::string &path, int w, int h, png_uint_32 format, const void *pixels,
+              const std::vector<png_color> &palette = {});
+// A TIFF of w x h RGBA pixels in one strip, or (without pixels) one whose header claims w x h over one byte.
+void writeTiff(const std::string &path, uint32_t w, uint32_t h, std::vector<unsigned char> rgba = {});
 double meanAbsDiff(const std::vector<unsigned char> &a, const std::vector<unsigned char> &b);
 // The shipped 512x384 bracket, darkest first (0 to 2).
 const Image &sample(int i);
@@ -34,19 +40,11 @@ struct ToolRun {
 };
 
 // How to start the tool: one resource lowered (SIGXFSZ then ignored, so that a
-// write past RLIMIT_FSIZE fails with EFBIG), standard error on a descriptor
-// of the caller's, and extra environment entries that replace their names.
+// write past RLIMIT_FSIZE fails with EFBIG).
 struct Launch {
     int resource = -1;
     rlim_t limit = 0;
-    int errFd = -1;
-    std::vector<std::string> env;
 };
-inline Launch lowered(int resource, rlim_t limit) {
-    Launch how;
-    how.resource = resource, how.limit = limit;
-    return how;
-}
 
 class ToolTest : public ::testing::Test {
 protected:

@@ -5,8 +5,6 @@
 #include <filesystem>
 
 #include <opencv2/imgproc.hpp>
-#include <png.h>
-#include <tiffio.h>
 
 #include "align.h"
 #include "cli_support.h"
@@ -34,8 +32,6 @@ cv::Matx23d frameToSample(const Pose &pose) {
 
 cv::Matx33d square(const cv::Matx23d &m) { return {m(0, 0), m(0, 1), m(0, 2), m(1, 0), m(1, 1), m(1, 2), 0, 0, 1}; }
 
-cv::Matx33d affine33(const Affine &m) { return {m[0], m[1], m[2], m[3], m[4], m[5], 0, 0, 1}; }
-
 Image render(const Image &sample, const cv::Matx23d &toSample, int width, int height) {
     Image out{width, height, std::vector<unsigned char>(size_t(width) * height * 3), {}};
     const cv::Mat in(sample.height, sample.width, CV_8UC3, const_cast<unsigned char *>(sample.rgb.data()));
@@ -51,30 +47,14 @@ protected:
         std::vector<unsigned char> rgba;
         for (size_t i = 0; i < alpha.size(); ++i)
             rgba.insert(rgba.end(), {image.rgb[i * 3], image.rgb[i * 3 + 1], image.rgb[i * 3 + 2], alpha[i]});
-        if (formatFromExtension(name) == FileFormat::Png) {
-            png_image png{};
-            png.version = PNG_IMAGE_VERSION, png.width = image.width, png.height = image.height;
-            png.format = PNG_FORMAT_RGBA;
-            ASSERT_TRUE(png_image_write_to_file(&png, at(name).c_str(), 0, rgba.data(), 0, nullptr)) << png.message;
-            return;
-        }
-        TIFF *tif = TIFFOpen(at(name).c_str(), "w");
-        const uint16_t extra[] = {EXTRASAMPLE_UNASSALPHA};
-        TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(image.width));
-        TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(image.height));
-        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), extra);
-        for (auto [field, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 4}, {TIFFTAG_BITSPERSAMPLE, 8},
-                                    {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG}})
-            TIFFSetField(tif, field, uint16_t(value));
-        for (int y = 0; y < image.height; ++y)
-            ASSERT_EQ(TIFFWriteScanline(tif, &rgba[size_t(y) * image.width * 4], uint32_t(y), 0), 1);
-        TIFFClose(tif);
+        if (formatFromExtension(name) == FileFormat::Png)
+            return writePng(at(name), image.width, image.height, PNG_FORMAT_RGBA, rgba.data());
+        writeTiff(at(name), uint32_t(image.width), uint32_t(image.height), rgba);
     }
-    // The frames in the given poses: the dark, mid and bright exposures, or the mid one thrice.
-    static std::vector<Image> bracket(const std::vector<Pose> &poses, bool oneExposure = false) {
+    // The dark, mid and bright exposures in the given poses.
+    static std::vector<Image> bracket(const std::vector<Pose> &poses) {
         std::vector<Image> frames;
-        for (int i = 0; i < 3; ++i)
-            frames.push_back(render(sample(oneExposure ? 1 : i), frameToSample(poses[i]), kWidth, kHeight));
+        for (int i = 0; i < 3; ++i) frames.push_back(render(sample(i), frameToSample(poses[i]), kWidth, kHeight));
         return frames;
     }
     void saveAll(const std::vector<Image> &frames, const std::vector<std::string> &names) const {
@@ -83,52 +63,14 @@ protected:
 };
 
 // Moves of up to 5% of the width and turns of up to 2 degrees, different for every frame.
-const std::vector<std::vector<Pose>> kPoses = {
-    {{0, 25.6, 0}, {0, 0, 0}, {0, -12.3, 9.5}},
-    {{2, -7.3, 4.1}, {-0.5, 3, -2}, {-1.5, 20.2, -15.7}},
-    {{-2, 0, 19.2}, {1, 0.4, 0.6}, {0.7, -25.6, -3}},
-    {{0.1, 0.5, -0.3}, {0, 0, 0}, {-0.05, 1.2, 0.8}},
-};
-
-// The sample bracket was itself taken by hand: its exposures lie a fraction
-// of a pixel apart. Across exposures, the truth is the known move combined
-// with that offset as found on the unmoved frames (so a bias common to both
-// would go unseen there; within one exposure the truth is the move alone).
-TEST_F(Align, RecoversKnownMovesWithinAThirdOfAPixelAtEveryCorner) {
-    std::vector<Affine> unmoved;
-    int failed = -1;
-    ASSERT_TRUE(estimateTransforms(bracket({{0, 0, 0}, {0, 0, 0}, {0, 0, 0}}), 1, 0, unmoved, failed));
-    const cv::Matx33d place = square(frameToSample({0, 0, 0}));
-    for (const bool oneExposure : {true, false})
-        for (size_t c = 0; c < kPoses.size(); ++c) {
-            const std::vector<Pose> &poses = kPoses[c];
-            std::vector<Affine> found;
-            ASSERT_TRUE(estimateTransforms(bracket(poses, oneExposure), 1, 0, found, failed))
-                << "case " << c << ", frame " << failed;
-            for (int i : {0, 2}) {
-                const cv::Matx33d offset = oneExposure ? cv::Matx33d::eye() : affine33(unmoved[i]);
-                const cv::Matx33d expected =
-                    square(frameToSample(poses[i])).inv() * place * offset * place.inv() * square(frameToSample(poses[1]));
-                const cv::Matx33d m = affine33(found[i]);
-                double worst = 0;
-                for (const auto &[x, y] : {std::pair{0, 0}, {kWidth - 1, 0}, {0, kHeight - 1}, {kWidth - 1, kHeight - 1}})
-                    worst = std::max(worst, cv::norm(m * cv::Vec3d(x, y, 1) - expected * cv::Vec3d(x, y, 1)));
-                EXPECT_LT(worst, 0.3) << (oneExposure ? "one exposure" : "bracket") << ", case " << c << ", frame " << i;
-            }
-        }
-}
+const std::vector<Pose> kPoses = {{2, -7.3, 4.1}, {-0.5, 3, -2}, {-1.5, 20.2, -15.7}};
 
 TEST_F(Align, TheCommonAreaIsTheLargestRectangleInsideEveryMovedFrame) {
     const Affine still{1, 0, 0, 0, 1, 0};
     auto moved = [](double dx, double dy) { return Affine{1, 0, dx, 0, 1, dy}; };
     const double a = 2 * M_PI / 180, c = std::cos(a), s = std::sin(a), cx = 215.5, cy = 151.5;
     const Affine turned{c, -s, cx - c * cx + s * cy, s, c, cy - s * cx - c * cy};
-    struct Case {
-        std::vector<Affine> transforms;
-        Rect expected;
-        bool exact = true;  // else only checked to be large and to lie inside every frame
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<std::vector<Affine>, Rect>> cases = {  // transforms, expected area
         {{still, still}, {0, 0, kWidth, kHeight}},
         {{moved(0.05, -0.05), still}, {0, 0, kWidth, kHeight}},
         {{Affine{1, -1e-5, 0.01, 1e-5, 1, -0.01}, still}, {0, 0, kWidth, kHeight}},
@@ -137,29 +79,18 @@ TEST_F(Align, TheCommonAreaIsTheLargestRectangleInsideEveryMovedFrame) {
         {{moved(-0.5, -0.5), still}, {1, 1, kWidth - 1, kHeight - 1}},
         {{moved(kWidth, 0), still}, {0, 0, 0, 0}},
         {{moved(-300, 0), still, moved(200, 0)}, {0, 0, 0, 0}},
-        {{turned, still}, {}, false},
+        {{turned, still}, {5, 8, 422, 288}},  // its corners lie within 0.1 pixel inside the turned frame
     };
     for (size_t i = 0; i < cases.size(); ++i) {
-        const Rect r = commonArea(kWidth, kHeight, cases[i].transforms);
-        const Rect &e = cases[i].expected;
-        if (cases[i].exact) {
-            EXPECT_EQ(std::vector<int>({r.x, r.y, r.width, r.height}), std::vector<int>({e.x, e.y, e.width, e.height}))
-                << "case " << i;
-            continue;
-        }
-        EXPECT_GT(r.area(), kWidth * kHeight * 85 / 100) << "case " << i;
-        for (const Affine &m : cases[i].transforms)
-            for (const auto &[x, y] : {std::pair{r.x, r.y}, {r.x + r.width - 1, r.y}, {r.x, r.y + r.height - 1},
-                                       {r.x + r.width - 1, r.y + r.height - 1}}) {
-                const double fx = m[0] * x + m[1] * y + m[2], fy = m[3] * x + m[4] * y + m[5];
-                EXPECT_TRUE(fx > -0.1 && fx < kWidth - 0.9 && fy > -0.1 && fy < kHeight - 0.9)
-                    << "case " << i << ": corner " << x << "," << y;
-            }
+        const Rect r = commonArea(kWidth, kHeight, cases[i].first);
+        const Rect &e = cases[i].second;
+        EXPECT_EQ(std::vector<int>({r.x, r.y, r.width, r.height}), std::vector<int>({e.x, e.y, e.width, e.height}))
+            << "case " << i;
     }
 }
 
 TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
-    const std::vector<Image> frames = bracket(kPoses[1]);
+    const std::vector<Image> frames = bracket(kPoses);
     saveAll(frames, {"d.png", "m.png", "b.png"});
     std::vector<Image> expected = frames;
     AlignSummary summary;
@@ -167,18 +98,14 @@ TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
     ASSERT_TRUE(alignFrames(expected, 1, summary, error)) << error;
     for (const Image &frame : expected)
         ASSERT_EQ(std::make_pair(frame.width, frame.height), std::make_pair(summary.crop.width, summary.crop.height));
-    // Each aligned frame shows the mid frame's part of the sample: compared with
-    // that part rendered directly from the frame's own exposure.
-    for (int i : {0, 2}) {
-        const Rect &c = summary.crop;
-        const cv::Matx23d toSample = frameToSample(kPoses[1][1]);
-        const cv::Matx23d shifted(toSample(0, 0), toSample(0, 1), toSample(0, 2) + toSample(0, 0) * c.x + toSample(0, 1) * c.y,
-                                  toSample(1, 0), toSample(1, 1), toSample(1, 2) + toSample(1, 0) * c.x + toSample(1, 1) * c.y);
-        const Image direct = render(sample(i), shifted, c.width, c.height);
-        double sum = 0;
-        for (size_t k = 0; k < direct.rgb.size(); ++k) sum += std::abs(direct.rgb[k] - expected[i].rgb[k]);
-        EXPECT_LT(sum / double(direct.rgb.size()), 4.0) << "frame " << i;
-    }
+    // Each aligned frame shows the mid frame's part of the sample: compared with that part rendered directly
+    // from the frame's own exposure. A registration a quarter of a pixel off takes frame 0 from 0.43 to 0.79,
+    // frame 2 (whose exposure lies a fraction of a pixel from the others') from 2.55 to 4.08.
+    const Rect &c = summary.crop;
+    const cv::Matx33d toCrop = square(frameToSample(kPoses[1])) * cv::Matx33d(1, 0, c.x, 0, 1, c.y, 0, 0, 1);
+    for (const auto &[i, bound] : {std::pair{0, 0.7}, {2, 3.3}})
+        EXPECT_LT(meanAbsDiff(render(sample(i), toCrop.get_minor<2, 3>(0, 0), c.width, c.height).rgb, expected[i].rgb),
+                  bound) << "frame " << i;
 
     const ToolRun aligned = run("--align @b.png @d.png @m.png -o @aligned.png");
     ASSERT_EQ(aligned.status, 0) << aligned.err;
@@ -196,7 +123,7 @@ TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
     EXPECT_EQ(run("-q @b.png @d.png @m.png -o @quiet.png").err, "") << "no suggestion under -q";
 }
 
-TEST_F(Align, TransparentEdgesAreCutAwayAndNoCommonOpaquePixelIsRefused) {
+TEST_F(Align, TransparentEdgesAreCutAwayAcrossPngAndTiffAlpha) {
     const std::vector<Image> frames = bracket({{0, 0, 0}, {0, 0, 0}, {0, 0, 0}});
     // Clear for 10 columns on the left in one frame; for 6 rows at the bottom
     // and from a half-transparent column at x = 420 on in another.
@@ -215,15 +142,6 @@ TEST_F(Align, TransparentEdgesAreCutAwayAndNoCommonOpaquePixelIsRefused) {
                      "the part opaque in every frame\n");
     const Image out = load(at("f.png"));
     EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(410, 298));
-
-    std::vector<unsigned char> right(kWidth * kHeight, 255);
-    for (int i = 0; i < kWidth * kHeight; ++i) left[i] = i % kWidth < kWidth / 2 ? 0 : 255, right[i] = 255 - left[i];
-    saveWithAlpha("d.png", frames[0], left);
-    saveWithAlpha("b.png", frames[2], right);
-    const ToolRun none = run("@d.png @m.tif @b.png -o @none.png");
-    EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.err, "lumora-fuse: no pixel is opaque in every frame: their transparent parts leave nothing to fuse\n");
-    EXPECT_FALSE(fs::exists(at("none.png")));
 }
 
 TEST_F(Align, FramesWithNothingInCommonAreRefusedInOneLine) {

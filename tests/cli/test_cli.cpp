@@ -1,23 +1,19 @@
 // test_cli.cpp: lumora-fuse run as a user runs it, on files made here from
 // the shipped sample bracket, with its outputs read back by the image
 // libraries.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <numeric>
+#include <regex>
 #include <sstream>
 #include <thread>
 
 #include <exiv2/exiv2.hpp>
-#include <png.h>
-#include <tiffio.h>
+#include <zlib.h>
 
 #include "cli_support.h"
 
@@ -26,44 +22,6 @@ using namespace lumora_fuse;
 using namespace lumora_cli;
 
 namespace {
-
-// A 128x96 PNG in one of the layouts the tool converts (grey+alpha, palette).
-void writePng(const std::string &path, png_uint_32 format, const std::vector<unsigned char> &pixels,
-              const std::vector<png_color> &palette = {}) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = 128, image.height = 96, image.format = format, image.colormap_entries = palette.size();
-    ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels.data(), 0, palette.data())) << image.message;
-}
-
-// A 128x96 16-bit RGB output read back native-endian; empty unless the file holds 16-bit samples.
-std::vector<uint16_t> read16(const std::string &path) {
-    std::vector<uint16_t> out(128 * 96 * 3);
-    bool deep = false;
-    if (formatFromExtension(path) == FileFormat::Png) {
-        FILE *fp = fopen(path.c_str(), "rb");
-        png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-        png_infop info = png_create_info_struct(png);
-        png_init_io(png, fp);
-        png_read_png(png, info, PNG_TRANSFORM_SWAP_ENDIAN, nullptr);
-        deep = png_get_bit_depth(png, info) == 16 && png_get_rowbytes(png, info) == 768 &&
-               png_get_image_height(png, info) == 96;
-        for (int y = 0; y < 96 && deep; ++y) memcpy(&out[y * 384], png_get_rows(png, info)[y], 768);
-        png_destroy_read_struct(&png, &info, nullptr);
-        fclose(fp);
-    } else {
-        TIFF *tif = TIFFOpen(path.c_str(), "r");
-        uint32_t h = 0;
-        uint16_t bits = 0;
-        TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &bits);
-        TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
-        deep = bits == 16 && TIFFScanlineSize(tif) == 768 && h == 96;
-        for (uint32_t y = 0; y < 96 && deep; ++y) TIFFReadScanline(tif, &out[y * 384], y, 0);
-        TIFFClose(tif);
-    }
-    if (!deep) out.clear();
-    return out;
-}
 
 // A minimal ICC profile: a header with its own size and the 'acsp' signature, no tags.
 const std::string kIcc = std::string("\0\0\0\x84\0\0\0\0\x02\0\0\0mntrRGB XYZ ", 24) + std::string(12, '\0') +
@@ -75,13 +33,41 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> kOutOfRange 
     {"--start-radius", {"0", "21"}}, {"--radius-growth", {"0", "-5", "51"}}, {"--spatial-sigma", {"0", "-0.2", "11"}},
     {"--range-sigma", {"0", "-0.2", "11"}}, {"--highlight-influence", {"-1", "10.5"}}};
 
-// EXIF written into an image file: {key, value} with rationals as "n/d".
-void tag(const std::string &path, const std::vector<std::pair<std::string, std::string>> &tags) {
+// Metadata written into an image file: {key, value} with rationals as "n/d", and an ICC profile.
+void tag(const std::string &path, const std::vector<std::pair<std::string, std::string>> &tags,
+         const std::string &icc = "") {
     auto image = Exiv2::ImageFactory::open(path);
     image->readMetadata();
-    for (const auto &[key, value] : tags) image->exifData()[key] = value;
+    for (const auto &[key, value] : tags)
+        if (key.rfind("Xmp.", 0) == 0)
+            image->xmpData()[key] = value;
+        else
+            image->exifData()[key] = value;
+    Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte *>(icc.data()), long(icc.size()));
+    if (!icc.empty()) image->setIccProfile(profile, true);
     image->writeMetadata();
 }
+
+// v as a big-endian number of n bytes at offset at.
+void putBig(std::string &bytes, size_t at, uint32_t v, int n) {
+    for (int i = 0; i < n; ++i) bytes[at + i] = char(v >> (8 * (n - 1 - i)));
+}
+
+// A PNG whose header (IHDR, its checksum redone) claims w x h pixels.
+std::string claimingPng(std::string png, uint32_t w, uint32_t h) {
+    putBig(png, 16, w, 4);
+    putBig(png, 20, h, 4);
+    putBig(png, 29, uint32_t(crc32(0, reinterpret_cast<const Bytef *>(png.data()) + 12, 17)), 4);
+    return png;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// The address sanitizer reserves terabytes of shadow memory, so a tool built with it cannot run
+// under an address-space limit: there the memory-at-hand refusal is not checked, and nothing is limited.
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
 
 class Cli : public ToolTest {
 protected:
@@ -126,58 +112,50 @@ TEST_F(Cli, FusesTwoOrThreeExposuresOfEveryFormatIntoEveryFormatWhateverTheOrder
     EXPECT_LT(meanAbsDiff(fused.rgb, load(at("f.jpg")).rgb), 2.0);
 }
 
-TEST_F(Cli, SixteenBitPngAndTiffKeepSixteenBitsAndHighlightPreservationDarkensHighlights) {
+TEST_F(Cli, SixteenBitOutputsKeepTheirPrecisionInputsAreConvertedWithANoteAndHighlightsDarken) {
     writeBracket({"d.png", "m.png", "b.png"});
     ASSERT_EQ(run("@d.png @m.png @b.png -o @kept.png").status, 0);
     for (const std::string name : {"f16.png", "f16.tif", "plain.png"})
         ASSERT_EQ(run("--no-preserve-highlights --depth " + std::string(name[1] == '1' ? "16" : "8") +
                       " @d.png @m.png @b.png -o @" + name).status, 0) << name;
-    const std::vector<uint16_t> png = read16(at("f16.png"));
-    ASSERT_EQ(png.size(), 128 * 96 * 3u) << "read back at 16 bits";
-    EXPECT_EQ(png, read16(at("f16.tif")));
+    // Read back as stored, native-endian: libpng leaves 16-bit samples without a gamma chunk as they are.
+    png_image deep{};
+    deep.version = PNG_IMAGE_VERSION;
+    ASSERT_TRUE(png_image_begin_read_from_file(&deep, at("f16.png").c_str()));
+    ASSERT_TRUE(deep.format & PNG_FORMAT_FLAG_LINEAR && deep.width == 128 && deep.height == 96) << "16-bit samples";
+    deep.format = PNG_FORMAT_LINEAR_RGB;
+    std::vector<uint16_t> png(128 * 96 * 3);
+    ASSERT_TRUE(png_image_finish_read(&deep, nullptr, png.data(), 0, nullptr)) << deep.message;
+    Image tiff;  // read by the tool, rounded to 8 bits
+    std::vector<std::string> notes;
+    std::string error;
+    ASSERT_TRUE(readImage(at("f16.tif"), tiff, error, &notes)) << error;
+    EXPECT_EQ(notes, std::vector<std::string>{"16-bit samples reduced to 8 bits"});
     const Image plain = load(at("plain.png")), kept = load(at("kept.png"));
-    size_t same = 0, fine = 0;
-    for (size_t i = 0; i < png.size(); ++i) same += (png[i] >> 8) == plain.rgb[i], fine += (png[i] & 0xFF) != 0;
+    size_t same = 0, fine = 0, rounded = 0;
+    for (size_t i = 0; i < png.size(); ++i) {
+        same += (png[i] >> 8) == plain.rgb[i], fine += (png[i] & 0xFF) != 0;
+        rounded += tiff.rgb[i] == (png[i] + 128) / 257;
+    }
     EXPECT_GT(same, png.size() * 99 / 100) << "the high byte is the 8-bit result";
     EXPECT_GT(fine, png.size() / 2) << "the low byte carries real precision";
+    EXPECT_EQ(rounded, png.size()) << "the TIFF holds the PNG's samples, read back at the nearest 8-bit value";
     auto lum = [](const Image &image, size_t i) { return (image.rgb[i] + image.rgb[i + 1] + image.rgb[i + 2]) / 3; };
     double keptSum = 0, plainSum = 0, count = 0;
     for (size_t i = 0; i < plain.rgb.size(); i += 3)
         if (lum(plain, i) > 230) plainSum += lum(plain, i), keptSum += lum(kept, i), ++count;
     ASSERT_GT(count, 50) << "the scene has bright windows";
     EXPECT_LT(keptSum / count, plainSum / count - 5) << "the highlights come from the dark exposure";
-}
 
-TEST_F(Cli, ConvertsSixteenBitGreyAlphaAndPaletteInputsWithOneNoteEach) {
-    const int n = 128 * 96;
-    std::vector<uint16_t> rgb16(n * 3), flat16(n * 3, 40000);
-    std::vector<unsigned char> greyAlpha(n * 2), indexed(n);
-    std::vector<png_color> palette;
-    for (int i = 0; i < 216; ++i)
-        palette.push_back({png_byte(i / 36 * 51), png_byte(i / 6 % 6 * 51), png_byte(i % 6 * 51)});
-    for (int i = 0; i < n; ++i) {
-        const unsigned char *d = &bracket_[0].rgb[i * 3], *m = &bracket_[1].rgb[i * 3], *b = &bracket_[2].rgb[i * 3];
-        for (int c = 0; c < 3; ++c) rgb16[i * 3 + c] = uint16_t(d[c] * 257);
-        greyAlpha[i * 2] = (unsigned char)((m[0] * 2 + m[1] * 5 + m[2]) / 8);
-        greyAlpha[i * 2 + 1] = 200;
-        indexed[i] = (unsigned char)((b[0] + 25) / 51 * 36 + (b[1] + 25) / 51 * 6 + (b[2] + 25) / 51);
-    }
-    std::string error;
-    ASSERT_TRUE(writeImage(at("d16.png"), FileFormat::Png, 128, 96, 16, rgb16.data(), 98, error)) << error;
-    ASSERT_TRUE(writeImage(at("f16.tif"), FileFormat::Tiff, 128, 96, 16, flat16.data(), 98, error)) << error;
-    writePng(at("mga.png"), PNG_FORMAT_GA, greyAlpha);
-    writePng(at("bpal.png"), PNG_FORMAT_RGB_COLORMAP, indexed, palette);
-    const ToolRun r = run("--no-preserve-highlights @d16.png @mga.png @bpal.png -o @f.png");
+    std::vector<unsigned char> greyAlpha(128 * 96 * 2, 200), indexed(128 * 96, 1);
+    writePng(at("ga.png"), 128, 96, PNG_FORMAT_GA, greyAlpha.data());
+    writePng(at("pal.png"), 128, 96, PNG_FORMAT_RGB_COLORMAP, indexed.data(), {{0, 0, 0}, {90, 140, 200}});
+    const ToolRun r = run("--no-preserve-highlights @f16.png @ga.png @pal.png -o @f.png");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, expand("lumora-fuse: @d16.png: 16-bit samples reduced to 8 bits\n"
-                            "lumora-fuse: @mga.png: greyscale expanded to RGB\n"
-                            "lumora-fuse: @mga.png: alpha channel dropped\n"
-                            "lumora-fuse: @bpal.png: palette expanded to RGB\n"));
-    Image tiff;
-    std::vector<std::string> notes;
-    ASSERT_TRUE(readImage(at("f16.tif"), tiff, error, &notes)) << error;
-    EXPECT_EQ(notes, std::vector<std::string>{"16-bit samples reduced to 8 bits"}) << "TIFFs too";
-    EXPECT_EQ(tiff.rgb[0], (40000 + 128) / 257) << "rounded to the nearest 8-bit value";
+    EXPECT_EQ(r.err, expand("lumora-fuse: @f16.png: 16-bit samples reduced to 8 bits\n"
+                            "lumora-fuse: @ga.png: greyscale expanded to RGB\n"
+                            "lumora-fuse: @ga.png: alpha channel dropped\n"
+                            "lumora-fuse: @pal.png: palette expanded to RGB\n"));
 }
 
 TEST_F(Cli, LoupeFusesOnlyItsRegionWithTheWholePicturesRadii) {
@@ -197,17 +175,11 @@ TEST_F(Cli, LoupeFusesOnlyItsRegionWithTheWholePicturesRadii) {
 
 TEST_F(Cli, CopiesExifXmpAndIccOfTheMiddleExposure) {
     writeBracket({"d.jpg", "m.jpg", "b.jpg"});
-    for (const char *name : {"d.jpg", "m.jpg", "b.jpg"}) {
-        const bool middle = name[0] == 'm';
-        auto image = Exiv2::ImageFactory::open(at(name));
-        image->exifData()["Exif.Image.Make"] = middle ? "Reference" : "Other";
-        image->exifData()["Exif.Image.Orientation"] = uint16_t(middle ? 6 : 1);
-        image->exifData()["Exif.Photo.PixelXDimension"] = uint32_t(999);
-        image->xmpData()["Xmp.dc.title"] = middle ? "bracket" : "other";
-        Exiv2::DataBuf icc(reinterpret_cast<const Exiv2::byte *>(kIcc.data()), long(kIcc.size()));
-        if (middle) image->setIccProfile(icc, true);
-        image->writeMetadata();
-    }
+    for (const char *name : {"d.jpg", "b.jpg"}) tag(at(name), {{"Exif.Image.Make", "Other"}});
+    tag(at("m.jpg"),
+        {{"Exif.Image.Make", "Reference"}, {"Exif.Image.Orientation", "6"}, {"Exif.Photo.PixelXDimension", "999"},
+         {"Xmp.dc.title", "bracket"}},
+        kIcc);
     for (const std::string name : {"f.jpg", "f.png", "f.tif"}) {
         SCOPED_TRACE(name);
         ASSERT_EQ(run("--no-preserve-highlights @b.jpg @m.jpg @d.jpg -o @" + name).status, 0);
@@ -231,29 +203,44 @@ TEST_F(Cli, CopiesExifXmpAndIccOfTheMiddleExposure) {
     EXPECT_EQ(other->exifData()["Exif.Image.Make"].toString(), "Other") << "--metadata-from chooses the source";
 }
 
-TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
+// Every refusal, and every failed write, in one line that names the file; nothing is left behind, and the
+// headers of huge pictures are refused before their pixels are allocated.
+TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAndWritesNothing) {
     writeBracket({"a.png", "b.png", "c.png"});
     for (const auto &[name, image] : {std::pair<const char *, Image>{"other.png", crop(bracket_[2], 0, 0, 64, 48)},
                                       {"whole.jpg", bracket_[1]}, {"whole.tif", bracket_[1]}})
         save(at(name), image);
     const std::string jpg = slurp(at("whole.jpg")), png = slurp(at("a.png")), tif = slurp(at("whole.tif")),
                       input = slurp(at("b.png"));
-    std::string garbled = jpg, badCrc = png;
+    std::string garbled = jpg, badCrc = png, huge = jpg;
     for (size_t i = garbled.size() / 3; i < garbled.size() / 3 + 64; ++i) garbled[i] = char(0xFF - i % 7);
     badCrc[png.find("IDAT") + 40] ^= 0x5A;
+    const size_t frame = huge.find("\xFF\xC0");  // baseline frame header: FF C0, length, precision, height, width
+    putBig(huge, frame + 5, 60000, 2);
+    putBig(huge, frame + 7, 60000, 2);
     const std::pair<const char *, std::string> files[] = {
         {"text.png", "This is not a picture.\n"}, {"empty.jpg", ""}, {"cut.jpg", jpg.substr(0, jpg.size() / 2)},
         {"garbled.jpg", garbled}, {"cut.png", png.substr(0, png.size() / 2)}, {"crc.png", badCrc},
         {"cut.tif", tif.substr(0, tif.size() / 2)},
-        {"header.tif", std::string("II*\0\x08\0\0\0", 8) + std::string(100, '\xAB')}};
+        {"header.tif", std::string("II*\0\x08\0\0\0", 8) + std::string(100, '\xAB')}, {"huge.jpg", huge},
+        {"huge.png", claimingPng(png, 60000, 60000)}};
     for (const auto &[name, bytes] : files) spill(at(name), bytes);
+    writeTiff(at("huge.tif"), 60000, 60000);
+    writeTiff(at("big.tif"), 8000, 6000);
     fs::create_directory(at("folder.png"));
     spill(at("locked.png"), png);
     fs::permissions(at("locked.png"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
     const std::set<std::string> before = listing();
 
-    // {command line, exit status, part of the first line}
-    std::vector<std::tuple<std::string, int, std::string>> cases = {
+    const Launch capped{.resource = RLIMIT_AS, .limit = kAddressSanitizer ? RLIM_INFINITY : 1L << 30};
+    const Launch fsize{.resource = RLIMIT_FSIZE, .limit = 2048};
+    struct Case {
+        std::string line;
+        int status;
+        std::string message;  // part of the first line
+        Launch how = {};      // else under the address-space limit
+    };
+    std::vector<Case> cases = {
         {"@a.png @missing.png -o @f.jpg", 1, "@missing.png: No such file or directory"},
         {"@a.png @text.png -o @f.jpg", 1, "@text.png: not a JPEG, PNG or TIFF image"},
         {"@empty.jpg @a.png -o @f.jpg", 1, "@empty.jpg: empty file, not an image"},
@@ -268,7 +255,6 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"@a.png -o @f.jpg", 2, "expected 2 or more images, got 1"},
         {"@a.png @b.png @c.png @other.png -o @f.jpg", 1, "@other.png: size 64x48 differs from @a.png (128x96)"},
         {"--frames @a.png,@c.png @a.png @b.png -o @f.jpg", 2, "--frames: @c.png is not one of the frames given"},
-        {"--frames @a.png @a.png @b.png -o @f.jpg", 2, "--frames: '@a.png' is not two or three file names"},
         {"%@missing.args -o @f.jpg", 2, "@missing.args: cannot read the arguments: No such file or directory"},
         {"--metadata-from @missing.jpg @a.png @b.png -o @f.jpg", 1, "@missing.jpg: cannot read the metadata"},
         {"--group 3 @a.png @b.png -o @f.jpg", 2, "--group: only with --batch"},
@@ -284,7 +270,6 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"--threads 0 @a.png @b.png -o @f.jpg", 2, "--threads: '0' is not valid"},
         {"--loupe 1,2,3 @a.png @b.png -o @f.jpg", 2, "--loupe: '1,2,3' is not X,Y,W,H"},
         {"--loupe 100,0,64,48 @a.png @b.png -o @f.jpg", 2, "does not fit in the 128x96 picture"},
-        {"--loupe 0,0,0,8 @a.png @b.png -o @f.jpg", 2, "--loupe: region 0x8 is empty"},
         {"--frobnicate @a.png @b.png -o @f.jpg", 2, "--frobnicate"},
         {"-q -v @a.png @b.png -o @f.jpg", 2, "--quiet and --verbose exclude each other"},
         {"--strength lots @a.png @b.png -o @f.jpg", 2, "--strength: 'lots' is not a number"},
@@ -292,90 +277,49 @@ TEST_F(Cli, RejectsBadInputAndOptionsWithOneClearLineAndWritesNothing) {
         {"--start-radius 2.5 @a.png @b.png -o @f.jpg", 2, "--start-radius: '2.5' is not a whole number"},
         {"--strength 20 --highlight-influence 9.5 @a.png @b.png -o @f.jpg", 2,
          "--strength 20: above 19 only with --highlight-influence 10"},
+        {"@a.png @b.png -o @f.jpg", 1, "@f.jpg: cannot write the output: File too large", fsize},
+        {"@a.png @b.png -o @f.png", 1, "@f.png: cannot write the output: File too large", fsize},
+        {"@a.png @b.png -o @f.tif", 1, "@f.tif: cannot write the output: File too large", fsize},
+        {"@big.tif @big.tif -o @f.png", 1,
+         "@big.tif: image too large for the memory at hand: 8000x6000 pixels; fusing 2 such exposures needs about "
+         "2.8 GiB, more than the 1.0 GiB address-space limit of the process",
+         {.resource = RLIMIT_AS, .limit = 1L << 30}},
     };
+    for (const std::string name : {"huge.jpg", "huge.png", "huge.tif"})
+        cases.push_back({"@" + name + " @" + name + " -o @f.png", 1,
+                         "@" + name + ": image too large: 60000x60000 pixels (at most 100 megapixels)"});
     for (const auto &[option, values] : kOutOfRange)
         for (const std::string &value : values)
             cases.push_back({option + "=" + value + " @a.png @b.png -o @f.jpg", 2,
                              "lumora-fuse: " + option + ": " + value + " is out of range (valid: "});
-    for (const auto &[line, status, message] : cases) {
-        SCOPED_TRACE(line);
-        const ToolRun r = run(line);
-        EXPECT_EQ(r.status, status) << r.err;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.line);
+        // A tool built with the address sanitizer, whose shadow memory takes terabytes, cannot run under the limit.
+        if (kAddressSanitizer && c.how.resource == RLIMIT_AS) continue;
+        long rss = 0;
+        const ToolRun r = run(c.line, c.how.resource >= 0 ? c.how : capped, &rss);
+        EXPECT_EQ(r.status, c.status) << r.err;
         const std::string first = r.err.substr(0, r.err.find('\n'));
         EXPECT_EQ(first.rfind("lumora-fuse: ", 0), 0u) << r.err;
-        EXPECT_NE(first.find(expand(message)), std::string::npos) << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), status == 2 ? 2 : 1) << "plus a hint on usage";
+        EXPECT_NE(first.find(expand(c.message)), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), c.status == 2 ? 2 : 1) << "plus a hint on usage";
         EXPECT_EQ(listing(), before) << "nothing written, no temporary file left";
+        if (c.how.resource != RLIMIT_FSIZE) {  // refused before a fusion, or any pixel of a huge picture, is begun
+            EXPECT_LT(rss, kAddressSanitizer ? 1L << 30 : 64 * 1024) << "KiB";
+        }
     }
     EXPECT_EQ(slurp(at("b.png")), input) << "an input named as the output is left alone";
     EXPECT_EQ(slurp(at("locked.png")), png) << "so is a write-protected file";
-    for (const char *name : {"whole.jpg", "whole.tif", "a.png", "cut.jpg", "garbled.jpg", "crc.png", "cut.tif",
-                             "header.tif"}) {
-        Image file, memory;  // the in-memory reader (for fuzzing) agrees with the file reader
-        std::string fileError, memoryError, bytes = slurp(at(name));
-        EXPECT_EQ(readImage(at(name), file, fileError),
-                  readImageMemory((const unsigned char *)bytes.data(), bytes.size(), memory, memoryError)) << name;
-        EXPECT_TRUE(fileError == memoryError && file.rgb == memory.rgb) << name << ": " << memoryError;
-    }
-}
-
-TEST_F(Cli, FusesAtTheEdgesOfEveryValidRangeAndPicturesAndLoupesNarrowerThanTheFilter) {
-    writeBracket({"d.png", "m.png", "b.png"});
-    for (const std::string edges :
-         {"--strength=100 --sharpness=20 --saturation=10 --start-radius=20 --radius-growth=50 --spatial-sigma=10 "
-          "--range-sigma=0.01 --highlight-influence=10",
-          "--strength=19 --sharpness=0 --saturation=-9.99 --start-radius=1 --radius-growth=0.01 --spatial-sigma=0.01 "
-          "--range-sigma=10 --highlight-influence=0",
-          "--strength=100 --highlight-influence=0 --no-preserve-highlights"}) {
-        const ToolRun r = run(edges + " @b.png @d.png @m.png -o @f.png");
-        EXPECT_EQ(r.status, 0) << edges << ": " << r.err;
-    }
-    for (const auto &[w, h] : {std::pair{1, 1}, {1, 7}, {8, 8}, {31, 40}}) {
-        const std::string size = std::to_string(w) + "x" + std::to_string(h);
-        SCOPED_TRACE(size);
-        for (int i = 0; i < 3; ++i) save(at(std::to_string(i) + size + ".png"), crop(bracket_[i], 40, 30, w, h));
-        ASSERT_EQ(run("-q @2" + size + ".png @0" + size + ".png @1" + size + ".png -o @f.png").status, 0);
-        ASSERT_EQ(run("-q --loupe 40,30," + std::to_string(w) + "," + std::to_string(h) +
-                      " @d.png @m.png @b.png -o @l.png").status, 0);
-        for (const char *name : {"f.png", "l.png"}) {
-            const Image fused = load(at(name));
-            EXPECT_EQ(std::make_pair(fused.width, fused.height), std::make_pair(w, h)) << name;
-        }
-    }
-}
-
-Image brightened(const Image &in, double factor) {
-    Image out = in;
-    for (unsigned char &v : out.rgb) v = (unsigned char)std::min(255.0, std::round(v * factor));
-    return out;
-}
-
-double meanOf(const Image &image) {
-    return std::accumulate(image.rgb.begin(), image.rgb.end(), 0.0) / double(image.rgb.size());
-}
-
-// Brightened (with clipping) to the given mean sample value.
-Image atLevel(const Image &in, double level) {
-    double lo = 0, hi = 10;
-    for (int i = 0; i < 30; ++i) (meanOf(brightened(in, (lo + hi) / 2)) < level ? lo : hi) = (lo + hi) / 2;
-    return brightened(in, lo);
+    EXPECT_EQ(run("-q @a.png @b.png @c.png -o @f.png", capped).status, 0) << "a small bracket fuses under the limit";
 }
 
 TEST_F(Cli, OfManyFramesFusesTheDarkestTheBrightestAndTheNormalOneOrThoseNamed) {
-    // Nine 64x48 frames, named out of brightness order: a and i from the dark and bright samples,
-    // the others the middle one brightened to mean levels around mid-grey (e: 118).
-    const Image dark = crop(bracket_[0], 32, 24, 64, 48), mid = crop(bracket_[1], 32, 24, 64, 48);
-    const std::vector<std::pair<std::string, double>> levels = {
-        {"b", 60}, {"c", 85}, {"d", 100}, {"e", 118}, {"f", 136}, {"g", 150}, {"h", 165}};
-    save(at("a.png"), brightened(dark, 0.5));
-    save(at("i.png"), brightened(crop(bracket_[2], 32, 24, 64, 48), 1.3));
-    for (const auto &[name, level] : levels) save(at(name + ".png"), atLevel(mid, level));
+    // Nine flat 64x48 frames, named out of brightness order, at mean levels around mid-grey (e: 118).
+    for (const auto &[name, level] : std::vector<std::pair<std::string, int>>{
+             {"a", 30}, {"b", 60}, {"c", 85}, {"d", 100}, {"e", 118}, {"f", 136}, {"g", 150}, {"h", 165}, {"i", 200}})
+        save(at(name + ".png"), Image{64, 48, std::vector<unsigned char>(64 * 48 * 3, (unsigned char)level)});
     const std::string all = "@e.png @b.png @i.png @c.png @a.png @g.png @d.png @h.png @f.png";
-    const std::string byArgs = expand(all);
-    std::string lines;  // one a line, with blank lines between
-    for (size_t start = 0, end; start < byArgs.size(); start = end + 1)
-        lines += byArgs.substr(start, (end = std::min(byArgs.find(' ', start), byArgs.size())) - start) + "\n\n";
-    spill(at("args"), lines);
+    spill(at("args"), std::regex_replace(expand(all), std::regex(" "), "\n\n"));  // one a line, blank lines between
 
     ToolRun r = run(all + " -o @by-brightness.png");
     EXPECT_EQ(r.status, 0);
@@ -423,10 +367,7 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     EXPECT_EQ(r.status, 1) << "a file failed";
     EXPECT_NE(r.err.find(expand("lumora-fuse: @in/broken.jpg: not a JPEG, PNG or TIFF image; skipped\n")),
               std::string::npos) << r.err;
-    EXPECT_NE(r.err.find(expand("bracket 3 of 3: 3 frames -> @out/s21_fused.png; about ")), std::string::npos);
-    std::set<std::string> made;
-    for (const auto &entry : fs::directory_iterator(at("out"))) made.insert(entry.path().filename().string());
-    EXPECT_EQ(made, std::set<std::string>(outputs.begin(), outputs.end()));
+    EXPECT_EQ(listing("out"), std::set<std::string>(outputs.begin(), outputs.end()));
     ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
     EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
     const std::string report = slurp(at("report.json"));
@@ -434,12 +375,10 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
                                   "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
         EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
 
-    const auto written = fs::last_write_time(at("out/s01_fused.png"));
     r = run("--batch --format png --report @report.json @in -o @out");
     EXPECT_EQ(r.status, 1);
     for (const std::string &name : outputs)
         EXPECT_NE(r.err.find(expand("@out/" + name + ": exists; skipped")), std::string::npos) << r.err;
-    EXPECT_EQ(fs::last_write_time(at("out/s01_fused.png")), written);
     EXPECT_NE(slurp(at("report.json")).find("\"fused\": 0, \"skipped\": 3, \"failed\": 1"), std::string::npos);
 
     // Without capture times the frames go by --group in name order.
@@ -448,64 +387,19 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     r = run("--batch @plain -o @plain");
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("records no capture time; give --group N"), std::string::npos) << r.err;
-    r = run("-q --batch --group 2 --align --report @aligned.json @plain -o @plain");
+    r = run("-q --batch --group 2 @plain -o @plain");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(at("plain/p1_fused.jpg")) && fs::exists(at("plain/p3_fused.jpg")));
-    EXPECT_NE(slurp(at("aligned.json")).find(expand("\"alignment\": \"aligned 2 frames to @plain/p1.png")),
-              std::string::npos) << "the report says what --align did";
-    EXPECT_EQ(run("-q --batch --group 2 @plain -o @plain").status, 0) << "its own outputs are not taken as frames";
-    fs::create_directory(at("again"));
-    for (const char *name : {"p0.png", "p1.png"}) fs::copy_file(at("plain/") + name, at("again/") + name);
-    r = run("-q --batch --group 2 @plain @again -o @out2");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, expand("lumora-fuse: @out2/p1_fused.jpg: another bracket's output has the same name; not fused\n"));
 }
 
-TEST_F(Cli, HelpAndVersionFollowGnuConventions) {
+TEST_F(Cli, HelpFollowsGnuConventionsAndNamesEveryFusionOption) {
     const ToolRun help = run("--help");
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.err, "");
     EXPECT_EQ(help.out.rfind("Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n", 0), 0u);
-    std::string flat;  // the help text with its line breaks and indents folded
-    for (char c : help.out)
-        if (!(c == ' ' || c == '\n') || (!flat.empty() && flat.back() != ' ')) flat += c == '\n' ? ' ' : c;
-    std::vector<std::string> texts = {"(0 to 100, default 15; above 19 only with --highlight-influence 10",
-                                      "(0 to 10, default 10)", "(above -10 up to 10, default 0)",
-                                      "(0.01 to 10, default 0.2)", "--no-preserve-highlights", "--loupe=X,Y,W,H",
-                                      "--threads=N", "-h, --help display this help and exit", "as small as 1x1 pixel"};
-    for (const auto &[option, values] : kOutOfRange) texts.push_back(option + "=");
-    for (const std::string &text : texts) EXPECT_NE(flat.find(text), std::string::npos) << text;
-    const ToolRun version = run("-V");
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out.rfind("lumora-fuse (Lumora Fusion) ", 0), 0u) << version.out;
-}
-
-TEST_F(Cli, TheProgressBarFitsANarrowTerminalAndStaysOnOneLine) {
-    writeBracket({"d.png", "m.png", "b.png"});
-    for (const int columns : {20, 8}) {
-        SCOPED_TRACE(columns);
-        // A new pseudo-terminal reports no size, so the tool goes by COLUMNS.
-        const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-        ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
-        const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY);
-        const pid_t pid =
-            start("@d.png @m.png @b.png -o @f.png", {.errFd = side, .env = {"COLUMNS=" + std::to_string(columns)}});
-        close(side);
-        std::string shown;  // all the tool wrote on the terminal, up to its end (EIO)
-        char buffer[256];
-        for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) shown.append(buffer, size_t(n));
-        close(terminal);
-        EXPECT_EQ(finish(pid).status, 0);
-        EXPECT_EQ(shown.find('\n'), std::string::npos) << "never a new line: " << shown;
-        std::istringstream updates(shown);
-        int drawn = 0;
-        for (std::string update; std::getline(updates, update, '\r');) {
-            if (update.find('%') == std::string::npos) continue;
-            EXPECT_LT(update.size(), size_t(columns)) << update << ": the last column stays free";
-            drawn += 1;
-        }
-        EXPECT_GT(drawn, 2) << shown;
-    }
+    for (const auto &[option, values] : kOutOfRange)
+        EXPECT_NE(help.out.find(option + "="), std::string::npos) << option;
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 79u) << line;
 }
 
 // The process a running tool fuses in, or 0.
@@ -542,157 +436,15 @@ TEST_F(Cli, SigintCancelsSigkillTakesTheFusionAlongAndADyingLibraryIsReportedWit
     prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
-// Tiny files whose headers claim a w x h picture and hold (almost) no pixels.
-void writeTiffHeader(const std::string &path, uint32_t w, uint32_t h, bool tiled) {
-    TIFF *tif = TIFFOpen(path.c_str(), "w");
-    for (auto [tag, value] : {std::pair<uint32_t, uint32_t>{TIFFTAG_IMAGEWIDTH, w}, {TIFFTAG_IMAGELENGTH, h},
-                              {tiled ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, tiled ? w : h},
-                              {tiled ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, h}})
-        TIFFSetField(tif, tag, value);
-    for (auto [tag, value] : {std::pair<uint32_t, int>{TIFFTAG_SAMPLESPERPIXEL, 3}, {TIFFTAG_BITSPERSAMPLE, 8},
-                              {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB}, {TIFFTAG_COMPRESSION, COMPRESSION_LZW}})
-        TIFFSetField(tif, tag, uint16_t(value));
-    unsigned char byte = 0;  // the one strip or tile holds a single compressed byte
-    tiled ? TIFFWriteRawTile(tif, 0, &byte, 1) : TIFFWriteRawStrip(tif, 0, &byte, 1);
-    TIFFClose(tif);
-}
-
-void writePngHeader(const std::string &path, uint32_t w, uint32_t h, int interlace) {
-    FILE *fp = fopen(path.c_str(), "wb");
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    png_init_io(png, fp);
-    png_set_IHDR(png, info, w, h, 8, PNG_COLOR_TYPE_RGB, interlace, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    png_set_compression_buffer_size(png, 8);  // IDAT chunks of 8 bytes: the flush fills one
-    png_write_info(png, info);
-    std::vector<png_byte> row(size_t(w) * 3);
-    png_write_row(png, row.data());
-    png_write_flush(png);  // the reader stops at the first IDAT
-    png_destroy_write_struct(&png, &info);
-    fclose(fp);
-}
-
-#if defined(__SANITIZE_ADDRESS__)
-// The address sanitizer reserves terabytes of shadow memory, so a tool built with it cannot run
-// under an address-space limit: there only the pixel-count refusal is checked, without limits.
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-
-TEST_F(Cli, HugeHeadersAreRefusedBeforeAnyPixelIsAllocated) {
+TEST_F(Cli, MetadataThatNoLongerFitAreLeftOutOfAWholePicture) {
     writeBracket({"d.png", "m.png", "b.png"});
-    save(at("m.jpg"), bracket_[1]);
-    const std::string jpg = slurp(at("m.jpg"));
-    const rlim_t limit = kAddressSanitizer ? RLIM_INFINITY : 1L << 30;
-    const long rssBound = kAddressSanitizer ? 1L << 30 : 64 * 1024;
-    for (const auto &[w, h] : {std::pair<uint32_t, uint32_t>{60000, 60000}, {8000, 6000}}) {
-        if (kAddressSanitizer && w == 8000) continue;
-        std::string sof = jpg;  // baseline frame header: FF C0, length, precision, height, width
-        const size_t at0 = sof.find("\xFF\xC0");
-        sof[at0 + 5] = char(h >> 8), sof[at0 + 6] = char(h), sof[at0 + 7] = char(w >> 8), sof[at0 + 8] = char(w);
-        spill(at("h.jpg"), sof);
-        writePngHeader(at("h.png"), w, h, PNG_INTERLACE_NONE);
-        writePngHeader(at("i.png"), w, h, PNG_INTERLACE_ADAM7);
-        writeTiffHeader(at("s.tif"), w, h, false);
-        writeTiffHeader(at("t.tif"), w, h, true);
-        const std::set<std::string> before = listing();
-        const std::string size = std::to_string(w) + "x" + std::to_string(h);
-        for (const std::string name : {"h.jpg", "h.png", "i.png", "s.tif", "t.tif"}) {
-            SCOPED_TRACE(name + " " + size);
-            long rss = 0;
-            const ToolRun r = run("-q @" + name + " @" + name + " -o @f.png", lowered(RLIMIT_AS, limit), &rss);
-            EXPECT_EQ(r.status, 1);
-            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-            if (w == 60000) {
-                EXPECT_EQ(r.err, expand("lumora-fuse: @" + name + ": image too large: 60000x60000 pixels (at most "
-                                        "100 megapixels)\n"));
-            } else {
-                const std::string head = expand("lumora-fuse: @" + name + ": image too large for the memory at hand: "
-                                                "8000x6000 pixels; fusing 2 such exposures needs about ");
-                ASSERT_EQ(r.err.substr(0, head.size()), head) << r.err;
-                const double gib = atof(r.err.c_str() + head.size());  // 48 MP at 50-80 bytes a pixel
-                EXPECT_TRUE(gib > 2.4 && gib < 4.0) << r.err;
-                EXPECT_NE(r.err.find("GiB, more than the 1.0 GiB address-space limit of the process\n"),
-                          std::string::npos) << r.err;
-            }
-            EXPECT_LT(rss, rssBound) << "KiB: refused before the pixels were allocated";
-            EXPECT_EQ(listing(), before);
-        }
-        // A later exposure is held to the first one's size before its pixels are read.
-        long rss = 0;
-        const ToolRun mixed = run("@m.png @s.tif -o @f.png", lowered(RLIMIT_AS, limit), &rss);
-        EXPECT_EQ(mixed.err, expand(std::string("lumora-fuse: @s.tif: ") +
-                                    (w == 60000 ? "image too large: 60000x60000 pixels (at most 100 megapixels)\n"
-                                                : "size 8000x6000 differs from @m.png (128x96); the exposures must "
-                                                  "be of one size\n")));
-        EXPECT_LT(rss, rssBound);
-    }
-    // A thin picture is fused extended to 32 pixels across: judged at its header by that size.
-    writeTiffHeader(at("thin.tif"), 1, 3200000, false);
-    long rss = 0;
-    const ToolRun thin = run("@thin.tif @thin.tif -o @f.png", lowered(RLIMIT_AS, limit), &rss);
-    EXPECT_EQ(thin.err, expand("lumora-fuse: @thin.tif: image too large to fuse: 1x3200000 (sides below 32 pixels "
-                               "are extended to 32, and at most 100 megapixels can be fused)\n"));
-    EXPECT_LT(rss, rssBound);
-    const ToolRun normal = run("-q @d.png @m.png @b.png -o @f.png", lowered(RLIMIT_AS, limit));
-    EXPECT_EQ(normal.status, 0) << "a small bracket fuses under the same limit: " << normal.err;
-}
-
-TEST_F(Cli, AFullDiskOrFileSizeLimitLeavesNoFileAndSaysWhy) {
-    writeBracket({"d.png", "m.png", "b.png"});
-    const std::set<std::string> before = listing();
-    for (const std::string name : {"f.jpg", "f.png", "f.tif"}) {
-        SCOPED_TRACE(name);
-        const ToolRun r = run("-q @d.png @m.png @b.png -o @" + name, lowered(RLIMIT_FSIZE, 2048));
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.err, expand("lumora-fuse: @" + name + ": cannot write the output: File too large\n"));
-        EXPECT_EQ(listing(), before) << "no output, no temporary file";
-        std::string error;  // every encoder names the system's reason
-        EXPECT_FALSE(writeImage("/dev/full", formatFromExtension(name), 128, 96, 8, bracket_[0].rgb.data(), 95, error));
-        EXPECT_EQ(error, "No space left on device");
-    }
-    // Metadata that no longer fit: the pixels are written again, whole, without them.
     ASSERT_EQ(run("-q @d.png @m.png @b.png -o @plain.jpg").status, 0);
     const std::string plain = slurp(at("plain.jpg"));
-    auto image = Exiv2::ImageFactory::open(at("m.png"));
-    image->xmpData()["Xmp.dc.description"] = std::string(20000, 'x');
-    image->writeMetadata();
-    const ToolRun r = run("-q @d.png @m.png @b.png -o @f.jpg", lowered(RLIMIT_FSIZE, plain.size() + 1000));
+    tag(at("m.png"), {{"Xmp.dc.description", std::string(20000, 'x')}});
+    const ToolRun r = run("@d.png @m.png @b.png -o @f.jpg", {.resource = RLIMIT_FSIZE, .limit = plain.size() + 1000});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, expand("lumora-fuse: @f.jpg: metadata of @m.png not copied: File too large\n"));
     EXPECT_TRUE(slurp(at("f.jpg")) == plain) << "the plain picture, whole";
-}
-
-TEST_F(Cli, AnOutputFolderThatVanishesBeforeTheWriteLeavesNothing) {
-    writeBracket({"d.png", "m.png", "b.png"});
-    fs::create_directory(at("out"));
-    const std::set<std::string> before = listing();
-    const pid_t pid = start("-q @d.png @m.png @b.png -o @out/f.png");
-    // The tool opens its temporary file in the folder (unnamed, or hidden where the file system has
-    // no unnamed files) before the fusion starts, which takes a second or more; the tool is held
-    // still while its folder goes.
-    const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
-    auto writesInOut = [&] {
-        std::error_code error;
-        for (const auto &fd : fs::directory_iterator(fds, error))
-            if (fs::read_symlink(fd.path(), error).string().rfind(at("out/"), 0) == 0) return true;
-        return false;
-    };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!writesInOut() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    kill(pid, SIGSTOP);
-    EXPECT_FALSE(fs::exists(at("out/f.png"))) << "the tool finished before its folder could go";
-    fs::remove_all(at("out"));
-    kill(pid, SIGCONT);
-    const ToolRun r = finish(pid);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, expand("lumora-fuse: @out/f.png: cannot write the output: No such file or directory\n"));
-    std::set<std::string> expected = before;
-    expected.erase("out");
-    EXPECT_EQ(listing(), expected) << "the folder is gone and nothing was written elsewhere";
 }
 
 }  // namespace

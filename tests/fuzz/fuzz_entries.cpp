@@ -58,18 +58,6 @@ std::string checkAccepted(const Options &o) {
     return "";
 }
 
-std::string checkHelpText() {
-    const std::string help = helpText();
-    size_t start = 0;
-    while (start < help.size()) {
-        const size_t end = help.find('\n', start);
-        if (end == std::string::npos) return "the help text does not end in a newline";
-        if (end - start > 79) return "help line wider than 79 columns: " + help.substr(start, end - start);
-        start = end + 1;
-    }
-    return "";
-}
-
 // parseOptions on a command line; its status.
 int parse(const std::vector<std::string> &args, Options &options, std::string &message) {
     std::vector<const char *> argv;
@@ -119,9 +107,6 @@ std::string fuzzReadImage(const uint8_t *data, size_t size) {
 }
 
 std::string fuzzOptions(const uint8_t *data, size_t size) {
-    static const std::string helpProblem = checkHelpText();
-    if (!helpProblem.empty())
-        return helpProblem;
     std::vector<std::string> args = {"lumora-fuse"};
     std::string current;
     for (size_t i = 0; i < size; ++i)
