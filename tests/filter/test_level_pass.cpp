@@ -7,7 +7,6 @@
 // weight sums below 1, one-sample brightness differences of 256 and more,
 // and range sigmas that give zero, subnormal and all-one weights.
 #include <gtest/gtest.h>
-#include <hwy/targets.h>
 
 #include <algorithm>
 #include <cstdint>

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <random>
 #include <sstream>
 
@@ -57,14 +56,6 @@ Bytes brightMap(int kind, int iMax, int jMax, uint32_t seed) {
                                 : x / 32 == 1 ? 255
                                               : periods[(y + seed) % 7]);
     return map;
-}
-
-std::string tempPath(const std::string &name) {
-    const auto *info = testing::UnitTest::GetInstance()->current_test_info();
-    std::filesystem::path dir = std::filesystem::temp_directory_path() / "lumora-tests";
-    if (info) dir /= std::string(info->test_suite_name()) + "." + info->name();
-    std::filesystem::create_directories(dir);
-    return (dir / name).string();
 }
 
 Bytes sample(int k, int x0, int y0, int w, int h) {

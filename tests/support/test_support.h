@@ -24,9 +24,6 @@ Bytes testPicture(int kind, int iMax, int jMax, int spp, uint32_t seed);
 // columns 32..63 all fine (whole vectors of fine lanes among sparse ones).
 Bytes brightMap(int kind, int iMax, int jMax, uint32_t seed);
 
-// A file name in a fresh per-test temporary folder.
-std::string tempPath(const std::string &name);
-
 // Exposure k (0 darkest, 1, 2 brightest) of the shipped 512x384 bracket, or
 // its w x h window at (x0, y0).
 Bytes sample(int k, int x0 = 0, int y0 = 0, int w = 512, int h = 384);
