@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "BilateralFilter.h"
+#include "core/layout.h"
 
 // Always-on assertion, whatever NDEBUG says. The message names the module
 // ("BilateralFilter") rather than the file the code lives in, so that a host

@@ -248,10 +248,10 @@ void dumpSourceTowers(const FusionConstants &c, const FusionArgs &a, const Fusio
     for (int lev = 0; lev < c.numLevels; lev++) {
         std::snprintf(name, sizeof name, "image-bilateral-%d-lev%d.jpg", k, lev);
         dbgSaveTestImage(name, a.iMax, a.jMax, a.spp, a.bpsIn,
-                         buf.outputImageTower[k * c.numLevels + lev]);
+                         buf.outputImageTower[towerSlot(k, lev, c.numLevels)]);
         std::snprintf(name, sizeof name, "image-bilateral-diff-%d-lev%d.jpg", k, lev);
         dbgSaveTestImage(name, a.iMax, a.jMax, a.spp, a.bpsIn,
-                         buf.outputImageDiffTower[k * c.numLevels + lev]);
+                         buf.outputImageDiffTower[towerSlot(k, lev, c.numLevels)]);
     }
 }
 
@@ -279,7 +279,8 @@ bool filterSources(const FusionConstants &c, const FusionArgs &a, FusionBuffers 
                  c.rangeSigma, 0, a.iMax, a.jMax, a.spp, a.bpsIn, input, a.spp, a.bpsIn, nullptr,
                  thisBrightImage, thisBrightImage ? hlPreserveAccuracy : nullptr,
                  thisBrightImage ? hlPreserveHighAccuracy : nullptr,
-                 buf.outputImageDiffTower + k * c.numLevels, buf.outputImageTower + k * c.numLevels,
+                 buf.outputImageDiffTower + towerSlot(k, 0, c.numLevels),
+                 buf.outputImageTower + towerSlot(k, 0, c.numLevels),
                  nullptr);
         if (!prog.advance(c.mainFilterProgressProportion / a.kMax)) return false;
         if (dbgTestImage) dumpSourceTowers(c, a, buf, k);
@@ -313,7 +314,7 @@ void computeRawWeights(const FusionConstants &c, const FusionArgs &a, FusionBuff
             poidsInPtrs[k] = k == 0 ? a.fusedResult : a.imagesBuffer;
         else
             poidsInPtrs[k] = a.imagesBuffer + k * c.imageStride;
-        poidsOutPtrs[k] = buf.poidsBuffer + k * c.poidsImageStride;
+        poidsOutPtrs[k] = buf.poidsBuffer + weightPlaneOffset(0, k, a.kMax, c.poidsImageStride);
     }
     // Kept: one table for both arguments, so the last image is not doubled.
     rawWeights({a.kMax, a.iMax, a.jMax, poidsInPtrs, poidsOutPtrs, coeffErreur, coeffErreur,
@@ -327,14 +328,15 @@ bool filterWeights(const FusionConstants &c, const FusionArgs &a, FusionBuffers 
     unsigned char *poidsBuffer = buf.poidsBuffer;
     const size_t plane = c.poidsImageStride;
     for (int k = 0; k < a.kMax; k++) {
-        unsigned char *poidsTower[2] = {poidsBuffer + (1 * a.kMax + k) * plane,
-                                        poidsBuffer + (2 * a.kMax + k) * plane};
+        unsigned char *rawPoids = poidsBuffer + weightPlaneOffset(0, k, a.kMax, plane);
+        unsigned char *poidsTower[2] = {poidsBuffer + weightPlaneOffset(1, k, a.kMax, plane),
+                                        poidsBuffer + weightPlaneOffset(2, k, a.kMax, plane)};
         if (debugMain)
             std::fprintf(stderr,
                          "\n\n((((((((((((((((((((((((((((((((((POIDS-FILTER))))))))))))))))))))))))))))))))))\n");
         __k = k;
         fusion2a(c.nbProc, c.numLevels, c.kernelSize, c.spatialRadiusMult, c.spatialSigma,
-                 c.rangeSigma, 0, a.iMax, a.jMax, 1, a.bpsIn, poidsBuffer + k * plane, 1, a.bpsIn,
+                 c.rangeSigma, 0, a.iMax, a.jMax, 1, a.bpsIn, rawPoids, 1, a.bpsIn,
                  nullptr, buf.brightImage, buf.brightImage ? hlPreserveAccuracy : nullptr,
                  buf.brightImage ? poidsHighAccFactor : nullptr, nullptr, poidsTower, nullptr);
         if (!prog.advance(c.poidsFilterProgressProportion / a.kMax)) return false;
