@@ -130,10 +130,48 @@ void checkLevelWeights(int kMax, const float *poidsLev);
 // for a coefficient of exactly 0.
 void adjustSaturation(float satCoeff, float *fvals);
 
-// Row j's level entries (e = (numLevels - lev) * kMax + k): the samples added
-// to the sum, the samples its weights are judged by, and its weight plane.
+// Row j's level entries (e = blendEntry(lev, k)): the samples added to the
+// sum, the samples its weights are judged by, and its weight plane.
 void reconstructionRowEntries(const ReconstructionArgs &args, int j, unsigned char **images,
                               unsigned char **smoothed, unsigned char **poids);
+
+// The entries of a pixel's sum: at most three images on at most three levels.
+constexpr int MAX_BLEND_ENTRIES = 9;
+
+// Row j's pointers, each at the row's first pixel: entry e of each array
+// as in reconstructionRowEntries.
+struct RowView {
+    unsigned char **images = nullptr;    // samples added to the sum
+    unsigned char **smoothed = nullptr;  // samples the weights are judged by
+    unsigned char **poids = nullptr;     // weight plane
+    const unsigned char *fused = nullptr;  // highlight mode: the fused pixels
+    const unsigned char *dark = nullptr;   // and the dark ones
+};
+void startRowView(const ReconstructionArgs &args, int j, RowView &row);
+
+// Tables of one reconstruction call, entry by entry from the per-pixel
+// steps: they replace per-sample work that depends on one byte alone.
+struct ReconTables {
+    float detail[256];   // a detail byte's difference from max7, sharpened
+    float factor1[256];  // dark-merge factor by darkMergeLum
+    float factor2[256];  // dark-cut factor by darkCutLum
+    float mergeF;        // the blend of smoothed and fused luminance (threshold 140..169)
+};
+void buildReconTables(const ReconstructionArgs &args, ReconTables *tables);
+
+// The per-pixel reference of the reconstruction, in the phases the SIMD rows
+// take a row at a time; those fall back on it for the pixels they leave.
+// Pixel x's weights at every level into w[e * stride], reduced in
+// highlight mode and checked, with the aborts and reports of a bad weight.
+void pixelWeights(const ReconstructionArgs &args, const RowView &row, int x, int j, float *w,
+                  size_t stride);
+// Pixel x's level blend of its three samples into acc[s * accStride]: per
+// sample from 0, entry by entry (the coarsest level first, images in order).
+void pixelBlend(const ReconstructionArgs &args, const ReconTables &tables, const RowView &row,
+                const float *w, size_t stride, int x, int j, float *acc, size_t accStride);
+// The saturation step of the pixel's three sums, then the channel order:
+// samples as they are stored.
+void finishPixel(const ReconstructionArgs &args, float *fvals, float *samples);
 
 // ---------------------------------------------------------------------------
 // SIMD reconstruction (reconstruction_hwy.cpp)

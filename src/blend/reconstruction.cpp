@@ -14,10 +14,10 @@
 
 namespace lumora {
 
-// Row j's level entries, e = (numLevels - lev) * kMax + k for lev from
-// numLevels down to 0: the samples that enter the sum (the coarsest smoothed
-// image, then the detail images), the samples the weights are judged by, and
-// the level's weight plane, each at the row's first pixel.
+// Row j's level entries, e = blendEntry(lev, k): the samples that enter the
+// sum (the coarsest smoothed image, then the detail images), the samples the
+// weights are judged by, and the level's weight plane, each at the row's
+// first pixel.
 void reconstructionRowEntries(const ReconstructionArgs &a, int j, unsigned char **images,
                               unsigned char **smoothed, unsigned char **poids) {
     const int kMax = a.kMax;
@@ -28,16 +28,16 @@ void reconstructionRowEntries(const ReconstructionArgs &a, int j, unsigned char 
     const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
     for (int lev = numLevels; lev >= 0; lev--) {
         for (int k = 0; k < kMax; k++) {
-            const int e = (numLevels - lev) * kMax + k;
+            const int e = blendEntry(lev, k, numLevels, kMax);
             unsigned char *image;
             unsigned char *judged;
             if (lev == numLevels) {
-                image = judged = a.outputImageTower[k * numLevels + numLevels - 1];
+                image = judged = a.outputImageTower[towerSlot(k, numLevels - 1, numLevels)];
             } else if (lev > 0) {
-                image = a.outputImageDiffTower[k * numLevels + lev];
-                judged = a.outputImageTower[k * numLevels + lev - 1];
+                image = a.outputImageDiffTower[towerSlot(k, lev, numLevels)];
+                judged = a.outputImageTower[towerSlot(k, lev - 1, numLevels)];
             } else {
-                image = a.outputImageDiffTower[k * numLevels];
+                image = a.outputImageDiffTower[towerSlot(k, 0, numLevels)];
                 if (a.fusionPreserveHighlights)
                     judged = k == 0 ? a.fusedResult : a.imagesBuffer;
                 else
@@ -45,35 +45,28 @@ void reconstructionRowEntries(const ReconstructionArgs &a, int j, unsigned char 
             }
             images[e] = image + positIn;
             smoothed[e] = judged + positIn;
-            poids[e] = a.poidsBuffer + (size_t)(lev * kMax + k) * planeBytes + poidsPosit;
+            poids[e] = a.poidsBuffer + weightPlaneOffset(lev, k, kMax, planeBytes) + poidsPosit;
         }
     }
 }
 
-
-namespace {
-
-// The per-row pointers of one thread. Entry (numLevels - lev) * kMax + k
-// belongs to level lev of image k; the pointers walk along the row.
-// Fixed arrays, for the driver's at most three images and two levels above
-// the base: nothing is allocated inside the team.
-constexpr int MAX_IMAGES = 3;
-constexpr int MAX_ENTRIES = 3 * MAX_IMAGES;
-struct RowCursor {
-    unsigned char *images[MAX_ENTRIES];    // samples added to the sum
-    unsigned char *smoothed[MAX_ENTRIES];  // samples the weights are judged by
-    unsigned char *poids[MAX_ENTRIES];     // weight plane
-    unsigned char *src[2] = {nullptr, nullptr};  // fused and dark pixel (highlight mode)
-};
-
-inline float readSample(const unsigned char *p, int byteDepth) {
-    if (byteDepth == 1) return (float)*p;
-    unsigned short v;
-    std::memcpy(&v, p, sizeof v);
-    return (float)v;
+void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
+    reconstructionRowEntries(a, j, row.images, row.smoothed, row.poids);
+    if (a.fusionPreserveHighlights) {
+        const size_t positIn = (size_t)a.iMax * j * 3;
+        row.fused = a.fusedResult + positIn;
+        row.dark = a.imagesBuffer + positIn;
+    }
 }
 
-}  // namespace
+void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
+    for (int b = 0; b < 256; b++) {
+        t->detail[b] = sharpenedDetail(a, (float)b);
+        t->factor1[b] = darkMergeFactor(a.darkMergeThreshold, b);
+        t->factor2[b] = darkCutFactor(b);
+    }
+    t->mergeF = darkMergeBlend(a.darkMergeThreshold);
+}
 
 int darkMergeLuminance(int threshold, int smoothLum0, int luminance0) {
     if (threshold <= 139) return smoothLum0;
@@ -143,130 +136,80 @@ void adjustSaturation(float satCoeff, float *fvals) {
     fhsl2rgb(hsl, fvals);
 }
 
+// ---------------------------------------------------------------------------
+// The per-pixel reference, in the phases the SIMD rows take a row at a time:
+// every level's weights, the level blend, then saturation and the store.
+
+void pixelWeights(const ReconstructionArgs &a, const RowView &row, int x, int j, float *w,
+                  size_t stride) {
+    const int kMax = a.kMax;
+    const int bitDepthPoids = a.bitDepthPoids;  // named so that its check reads as written
+    BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
+    float poidsLev[3];
+    for (int lev = a.numLevels; lev >= 0; lev--) {
+        const int base = blendEntry(lev, 0, a.numLevels, kMax);
+        for (int k = 0; k < kMax; k++) poidsLev[k] = row.poids[base + k][x] / 255.0f;
+        // The report names the pixel by its first sample's index in the row.
+        if (a.fusionPreserveHighlights)
+            darkImageReduction(a.darkMergeThreshold, row.fused + 3 * x, row.dark + 3 * x,
+                               row.smoothed[base] + 3 * x, row.smoothed[base + 1] + 3 * x, 3 * x,
+                               j, poidsLev);
+        checkLevelWeights(kMax, poidsLev);
+        for (int k = 0; k < kMax; k++) w[(size_t)(base + k) * stride] = poidsLev[k];
+    }
+}
+
+void pixelBlend(const ReconstructionArgs &a, const ReconTables &t, const RowView &row,
+                const float *w, size_t stride, int x, int j, float *acc, size_t accStride) {
+    const int entries = (a.numLevels + 1) * a.kMax;
+    for (int s = 0; s < 3; s++) {
+        float fval = 0.0f;
+        for (int e = 0; e < entries; e++) {
+            const unsigned char b = row.images[e][3 * x + s];
+            // The coarsest level enters as it is; a detail sharpened.
+            const float imgVal = e < a.kMax ? (float)b : t.detail[b];
+            fval += imgVal * w[(size_t)e * stride];
+            if (dbgTestImage && (e + 1) % a.kMax == 0) {
+                // The sum so far, after each level, for the level dumps.
+                const int lev = a.numLevels - e / a.kMax;
+                a.results[lev * a.imageStride + (size_t)a.iMax * j * 3 + 3 * x + s] =
+                    (unsigned char)(int)fval;
+            }
+        }
+        acc[s * accStride] = fval;
+    }
+    // The dumps show each weight plane as the blend used it.
+    for (int e = 0; dbgTestImage && e < entries; e++) {
+        const int v = (int)(w[(size_t)e * stride] * 256.0f);
+        row.poids[e][x] = (unsigned char)(v < 255 ? v : 255);
+    }
+}
+
+void finishPixel(const ReconstructionArgs &a, float *fvals, float *samples) {
+    adjustSaturation(a.satCoeff, fvals);
+    for (int s = 0; s < 3; s++) samples[s] = a.rgb2bgr ? fvals[2 - s] : fvals[s];
+}
+
 namespace {
 
-// Prepares the level entries of row j.
-void startRow(const ReconstructionArgs &a, int j, RowCursor &cur) {
-    reconstructionRowEntries(a, j, cur.images, cur.smoothed, cur.poids);
-    if (a.fusionPreserveHighlights) {
-        const size_t positIn = (size_t)a.iMax * j * a.spp * a.byteDepthBpsIn;
-        cur.src[0] = a.fusedResult + positIn;
-        cur.src[1] = a.imagesBuffer + positIn;
-    }
-}
-
-// Saturation, channel order, clamping and the store of one pixel.
-void writePixel(const ReconstructionArgs &a, float *fvals, unsigned char *&out) {
-    const int spp = a.spp;
-    if (spp == 3) adjustSaturation(a.satCoeff, fvals);
-    for (int s = 0; s < spp; s++) {
-        float fval = a.rgb2bgr ? fvals[spp - 1 - s] : fvals[s];
-        if (a.byteDepthBpsIn == 1) {
-            storeReconstructedSample(fval, out, a.byteDepthBpsOut);
-        } else {
-            // 16-bit input: unreachable through hx_fusion2, which asserts
-            // 8-bit input, and not defined further. Kept minimal: 16-bit
-            // output stores the clamped sample, 8-bit output adds the high
-            // byte to what the output already holds.
-            if (fval < 0.0f) fval = 0.0f;
-            if (fval > 65535.0f) fval = 65535.0f;
-            if (a.byteDepthBpsOut == 2) {
-                const unsigned short v = (unsigned short)(int)fval;
-                std::memcpy(out, &v, sizeof v);
-            } else {
-                *out = (unsigned char)(*out + ((int)fval >> 8));
-            }
-        }
-        out += a.byteDepthBpsOut;
-    }
-}
-
-// Level lev's weights of the pixel starting at sample i of row j, into
-// poidsLev: read from the weight planes, reduced in highlight-preserving
-// mode, and checked. Moves the level's judged samples on by a pixel.
-void levelWeights(const ReconstructionArgs &a, RowCursor &cur, int lev, size_t i, int j,
-                  float *poidsLev) {
-    const int kMax = a.kMax;
-    const int base = (a.numLevels - lev) * kMax;
-    const int byteDepthIn = a.byteDepthBpsIn;
-    const int bitDepthPoids = a.bitDepthPoids;  // named so that its check reads as written
-    if (byteDepthIn == 1) {
-        BF_ASSERT_IN(bitDepthPoids == 8, "hx_fusion2");
-        for (int k = 0; k < kMax; k++) poidsLev[k] = *cur.poids[base + k] / 255.0f;
-    } else {
-        // 16-bit input: unreachable through hx_fusion2, which asserts 8-bit
-        // input, and not defined further; kept minimal: weights of the
-        // level's smoothed pixels, with a warning past 1.
-        unsigned short *smoothed16[MAX_IMAGES];
-        for (int k = 0; k < kMax; k++)
-            smoothed16[k] = reinterpret_cast<unsigned short *>(cur.smoothed[base + k]);
-        calculatePoids16Alt(kMax, smoothed16, a.coeffErreur, poidsLev);
-        const int poidsInt = (int)(poidsLev[0] * 255.0f);
-        if (poidsInt > 255)
-            std::fprintf(stderr, "---> poids=%f,%f poidsInt=%d!\n", poidsLev[0],
-                         kMax > 1 ? poidsLev[1] : 0.0f, poidsInt);
-    }
-    if (a.fusionPreserveHighlights)
-        darkImageReduction(a.darkMergeThreshold, cur.src[0], cur.src[1], cur.smoothed[base],
-                           cur.smoothed[base + 1], (int)i, j, poidsLev);
-    checkLevelWeights(kMax, poidsLev);
-    for (int k = 0; k < kMax; k++) cur.smoothed[base + k] += 3 * byteDepthIn;
-}
-
-// fval plus level lev's part of sample i: every image's sample (a detail
-// sharpened) times its weight. Moves the level's samples and, after a
-// pixel's third sample, its weights on.
-float addLevel(const ReconstructionArgs &a, RowCursor &cur, int lev, size_t i,
-               const float *poidsLev, float fval) {
-    const int base = (a.numLevels - lev) * a.kMax;
-    for (int k = 0; k < a.kMax; k++) {
-        const int e = base + k;
-        float imgVal = readSample(cur.images[e], a.byteDepthBpsIn);
-        cur.images[e] += a.byteDepthBpsIn;
-        const float poidsVal = poidsLev[k];
-        if (dbgTestImage) {
-            const int v = (int)(poidsVal * 256.0f);
-            *cur.poids[e] = (unsigned char)(v < 255 ? v : 255);
-        }
-        if (i % 3 == 2) cur.poids[e] += a.byteDepthPoids;
-        if (lev != a.numLevels) imgVal = sharpenedDetail(a, imgVal);
-        fval += imgVal * poidsVal;
-    }
-    return fval;
-}
-
-// Rows [rowBegin, rowEnd) of the output, with this thread's scratch.
+// Rows [rowBegin, rowEnd) of the output through the reference, one pixel
+// at a time: no buffer beyond a few values on the stack. Eight-bit input
+// with three samples a pixel, as hx_fusion2 has asserted before any of this.
 void reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
-    const int spp = a.spp;
-    const int byteDepthIn = a.byteDepthBpsIn;
-    RowCursor cur;
-    float poids[MAX_ENTRIES];  // level lev's weights at poids + kMax * lev
-    float fvals[3];            // the pixel's samples
-
+    ReconTables t;
+    buildReconTables(a, &t);
+    unsigned char *images[MAX_BLEND_ENTRIES], *smoothed[MAX_BLEND_ENTRIES], *poids[MAX_BLEND_ENTRIES];
+    RowView row{images, smoothed, poids};
+    float w[MAX_BLEND_ENTRIES], acc[3], samples[3];
     for (int j = rowBegin; j < rowEnd; j++) {
-        const size_t positIn = (size_t)a.iMax * j * spp * byteDepthIn;
-        const size_t positOut = (size_t)a.rowOut * j * a.byteDepthBpsOut;  // rowOut counts samples
-        unsigned char *out = a.resImage + positOut;
-        startRow(a, j, cur);
-
-        for (size_t i = 0; i < a.rowIn; i++) {
-            float fval = 0.0f;
-            for (int lev = a.numLevels; lev >= 0; lev--) {
-                float *poidsLev = poids + a.kMax * lev;
-                // Weights once per pixel; the 3 is fixed, not spp.
-                if (i % 3 == 0) levelWeights(a, cur, lev, i, j, poidsLev);
-                fval = addLevel(a, cur, lev, i, poidsLev, fval);
-                if (dbgTestImage && byteDepthIn == 1)
-                    a.results[lev * a.imageStride + positIn + i] = (unsigned char)(int)fval;
-            }
-
-            if (a.fusionPreserveHighlights && i % 3 == 2) {
-                cur.src[0] += spp * byteDepthIn;
-                cur.src[1] += spp * byteDepthIn;
-            }
-            fvals[i % 3] = fval;
-
-            if ((int)(i % spp) == spp - 1) writePixel(a, fvals, out);
+        startRowView(a, j, row);
+        unsigned char *out = a.resImage + (size_t)a.rowOut * j * a.byteDepthBpsOut;  // rowOut counts samples
+        for (int x = 0; x < a.iMax; x++) {
+            pixelWeights(a, row, x, j, w, 1);
+            pixelBlend(a, t, row, w, 1, x, j, acc, 1);
+            finishPixel(a, acc, samples);
+            for (int s = 0; s < 3; s++, out += a.byteDepthBpsOut)
+                storeReconstructedSample(samples[s], out, a.byteDepthBpsOut);
         }
     }
 }

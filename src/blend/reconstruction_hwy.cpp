@@ -23,91 +23,11 @@
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
 
-#ifndef LUMORA_SIMD_RECONSTRUCTION_SHARED
-#define LUMORA_SIMD_RECONSTRUCTION_SHARED
-
 #include <cstddef>
 #include <cstdint>
 
 #include "blend/blend.h"
 #include "diag/diag.h"
-
-namespace lumora {
-namespace simd {
-
-// Tables of one reconstruction call.
-struct ReconTables {
-    float detail[256];   // a detail byte's difference from max7, sharpened
-    float factor1[256];  // dark-merge factor by darkMergeLum
-    float factor2[256];  // dark-cut factor by darkCutLum
-    float mergeF;        // the blend of smoothed and fused luminance (threshold 140..169)
-};
-
-// The tables from the per-pixel code's own steps, entry by entry.
-inline void buildReconTables(const ReconstructionArgs &a, ReconTables *t) {
-    for (int b = 0; b < 256; b++) {
-        t->detail[b] = sharpenedDetail(a, (float)b);
-        t->factor1[b] = darkMergeFactor(a.darkMergeThreshold, b);
-        t->factor2[b] = darkCutFactor(b);
-    }
-    t->mergeF = darkMergeBlend(a.darkMergeThreshold);
-}
-
-// Row j's pointers: entry e = (numLevels - lev) * kMax + k as in the
-// per-pixel code, each at the row's first pixel.
-struct RowView {
-    unsigned char **images = nullptr;    // samples added to the sum
-    unsigned char **smoothed = nullptr;  // samples the weights are judged by
-    unsigned char **poids = nullptr;     // weight plane
-    const unsigned char *fused = nullptr;         // highlight mode
-    const unsigned char *dark = nullptr;
-};
-
-inline void startRowView(const ReconstructionArgs &a, int j, RowView &row) {
-    reconstructionRowEntries(a, j, row.images, row.smoothed, row.poids);
-    const size_t positIn = (size_t)a.iMax * j * 3;
-    if (a.fusionPreserveHighlights) {
-        row.fused = a.fusedResult + positIn;
-        row.dark = a.imagesBuffer + positIn;
-    }
-}
-
-// Weights of pixel x at every level into w[e * iMax + x], through the
-// per-pixel code's steps, with its aborts.
-inline void pixelWeights(const ReconstructionArgs &a, const RowView &row, int x, int j, float *w) {
-    const int kMax = a.kMax;
-    float poidsLev[3];
-    for (int lev = a.numLevels; lev >= 0; lev--) {
-        const int base = (a.numLevels - lev) * kMax;
-        for (int k = 0; k < kMax; k++) poidsLev[k] = row.poids[base + k][x] / 255.0f;
-        if (a.fusionPreserveHighlights)
-            darkImageReduction(a.darkMergeThreshold, row.fused + 3 * x, row.dark + 3 * x,
-                               row.smoothed[base] + 3 * x, row.smoothed[base + 1] + 3 * x, 3 * x,
-                               j, poidsLev);
-        checkLevelWeights(kMax, poidsLev);
-        for (int k = 0; k < kMax; k++) w[(size_t)(base + k) * a.iMax + x] = poidsLev[k];
-    }
-}
-
-// The level blend of pixel x into acc[s * iMax + x].
-inline void pixelBlend(const ReconstructionArgs &a, const ReconTables &t, const RowView &row,
-                       const float *w, int x, float *acc) {
-    const int entries = (a.numLevels + 1) * a.kMax;
-    for (int s = 0; s < 3; s++) {
-        float fval = 0.0f;
-        for (int e = 0; e < entries; e++) {
-            const unsigned char b = row.images[e][3 * x + s];
-            const float imgVal = e < a.kMax ? (float)b : t.detail[b];
-            fval += imgVal * w[(size_t)e * a.iMax + x];
-        }
-        acc[(size_t)s * a.iMax + x] = fval;
-    }
-}
-
-}  // namespace simd
-}  // namespace lumora
-
-#endif  // LUMORA_SIMD_RECONSTRUCTION_SHARED
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "blend/reconstruction_hwy.cpp"
@@ -173,7 +93,7 @@ void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView
     if (a.fusionPreserveHighlights) {
         for (; x + N <= iMax; x += N)
             if (!HighlightVector(a, t, row, x, w))
-                for (size_t q = x; q < x + N; q++) pixelWeights(a, row, (int)q, j, w);
+                for (size_t q = x; q < x + N; q++) pixelWeights(a, row, (int)q, j, w + q, iMax);
     } else {
         // A byte over 255.0f never exceeds 1: nothing here can abort.
         const int entries = (a.numLevels + 1) * a.kMax;
@@ -183,13 +103,13 @@ void RowWeights(const ReconstructionArgs &a, const ReconTables &t, const RowView
                 hn::StoreU(hn::Div(hn::ConvertTo(df, LoadBytes(row.poids[e] + x)), inv), df,
                            w + e * iMax + x);
     }
-    for (; x < iMax; x++) pixelWeights(a, row, (int)x, j, w);
+    for (; x < iMax; x++) pixelWeights(a, row, (int)x, j, w + x, iMax);
 }
 
 // Level blend of row j into acc[s * iMax + x]: per sample, from 0, entry by
 // entry (levels from the base down, images in order).
-void BlendRow(const ReconstructionArgs &a, const ReconTables &t, const RowView &row, const float *w,
-              float *acc) {
+void BlendRow(const ReconstructionArgs &a, const ReconTables &t, const RowView &row, int j,
+              const float *w, float *acc) {
     const DF df;
     const size_t N = hn::Lanes(df);
     const size_t iMax = (size_t)a.iMax;
@@ -219,7 +139,7 @@ void BlendRow(const ReconstructionArgs &a, const ReconTables &t, const RowView &
         hn::StoreU(g, df, acc + iMax + x);
         hn::StoreU(b, df, acc + 2 * iMax + x);
     }
-    for (; x < iMax; x++) pixelBlend(a, t, row, w, (int)x, acc);
+    for (; x < iMax; x++) pixelBlend(a, t, row, w + x, iMax, (int)x, j, acc + x, iMax);
 }
 
 // n output samples from f, clamped and truncated; a vector holding
@@ -299,11 +219,10 @@ bool reconstructRows(const ReconstructionArgs &a, int rowBegin, int rowEnd) {
         // Dispatched per row: a pointer kept from before the first dispatch
         // would be the chooser, which asks the processor again on every call.
         HWY_DYNAMIC_DISPATCH(RowWeights)(a, t, row, j, w);
-        HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, w, acc);
+        HWY_DYNAMIC_DISPATCH(BlendRow)(a, t, row, j, w, acc);
         for (size_t x = 0; x < iMax; x++) {
             float fvals[3] = {acc[x], acc[iMax + x], acc[2 * iMax + x]};
-            adjustSaturation(a.satCoeff, fvals);  // the host's, one pixel at a time
-            for (int s = 0; s < 3; s++) samples[3 * x + s] = a.rgb2bgr ? fvals[2 - s] : fvals[s];
+            finishPixel(a, fvals, samples + 3 * x);  // the host's HSL, one pixel at a time
         }
         unsigned char *out = a.resImage + (size_t)a.rowOut * j * a.byteDepthBpsOut;
         HWY_DYNAMIC_DISPATCH(StoreRow)(samples, out, 3 * iMax, a.byteDepthBpsOut);
