@@ -21,8 +21,9 @@
 //             less filtered level 0.
 //   level     lev 0 is the finest (the picture itself, or its detail), lev
 //             numLevels the coarsest smoothed picture.
-//   bright image  the smoothed brightness planes that steer the highlight
-//             pass's kernels (the map levels).
+//   bright image  the highlight mask (where the fused picture is near
+//             white), blurred and stretched: in the highlight pass it picks,
+//             per pixel, which kernel filters there (the map levels).
 #pragma once
 
 #include <cstddef>
