@@ -15,8 +15,10 @@
 #include <set>
 
 #include "cancel.h"
-#include "frames.h"
+#include "console.h"
 #include "fusion_call.h"
+#include "memory.h"
+#include "run.h"
 
 namespace lumora_fuse {
 namespace {
@@ -51,29 +53,8 @@ Prepared prepare(const Bracket &bracket, bool decode) {
     for (const FrameInfo &f : bracket.frames)
         paths.push_back(f.path);
     p.status = chooseFrames(paths, {}, p.choice, p.error);
-    if (p.status != kContinue || !decode)
-        return p;
-    p.images.resize(p.choice.paths.size());
-    for (size_t i = 0; i < p.images.size() && p.status == kContinue; ++i) {
-        const std::string &path = p.choice.paths[i];
-        const SizeCheck check = [&](int w, int h, std::string &message) {
-            if (i == 0)
-                return fusionSizeAllowed(w, h, message);
-            if (w == p.images[0].width && h == p.images[0].height)
-                return true;
-            message = "size " + std::to_string(w) + "x" + std::to_string(h) + " differs from " +
-                      p.choice.paths[0] + "; the exposures must be of one size";
-            return false;
-        };
-        std::vector<std::string> notes;
-        if (!readImage(path, p.images[i], p.error, &notes, check)) {
-            p.status = 1;
-            p.error = path + ": " + p.error;
-            p.images.clear();
-        }
-        for (const std::string &note : notes)
-            p.notes.push_back(path + ": " + note);
-    }
+    if (p.status == kContinue && decode)
+        p.status = readBracket(p.choice.paths, fusionSizeAllowed, p.images, p.notes, p.error);
     return p;
 }
 
@@ -111,43 +92,6 @@ std::vector<std::string> gather(const std::vector<std::string> &args) {
         files.insert(files.end(), inFolder.begin(), inFolder.end());
     }
     return files;
-}
-
-// Brackets by capture time (and repeated exposures), or by count in name order.
-int group(const Options &options, std::vector<FrameInfo> frames, std::vector<Bracket> &brackets,
-          std::string &error) {
-    if (options.group > 0) {
-        std::sort(frames.begin(), frames.end(), [](const FrameInfo &a, const FrameInfo &b) { return a.path < b.path; });
-        for (size_t i = 0; i < frames.size(); i += size_t(options.group)) {
-            brackets.emplace_back();
-            brackets.back().frames.assign(frames.begin() + long(i),
-                                          frames.begin() + long(std::min(frames.size(), i + options.group)));
-        }
-        return kContinue;
-    }
-    for (const FrameInfo &f : frames)
-        if (!f.hasCaptureTime) {
-            error = f.path + ": records no capture time; give --group N to group the frames by N in name order";
-            return 2;
-        }
-    std::stable_sort(frames.begin(), frames.end(), [](const FrameInfo &a, const FrameInfo &b) {
-        return a.captureTime != b.captureTime ? a.captureTime < b.captureTime : a.path < b.path;
-    });
-    std::vector<double> light;
-    const bool recorded = recordedLight(frames, light);
-    size_t first = 0;  // the current bracket's first frame
-    for (size_t i = 0; i < frames.size(); ++i) {
-        bool starts = i == 0 || frames[i].captureTime - frames[i - 1].captureTime - frames[i - 1].exposureTime >
-                                    kBracketGapSeconds;
-        for (size_t j = first; j < i && recorded && !starts; ++j)
-            starts = std::abs(light[j] - light[i]) < 0.01;
-        if (starts) {
-            brackets.emplace_back();
-            first = i;
-        }
-        brackets.back().frames.push_back(frames[i]);
-    }
-    return kContinue;
 }
 
 std::string quoted(const std::string &text) {
@@ -208,11 +152,44 @@ const char *extensionOf(FileFormat format) {
 
 }  // namespace
 
+int groupBrackets(int group, std::vector<FrameInfo> frames, std::vector<BracketFrames> &brackets,
+                  std::string &error) {
+    if (group > 0) {
+        std::sort(frames.begin(), frames.end(), [](const FrameInfo &a, const FrameInfo &b) { return a.path < b.path; });
+        for (size_t i = 0; i < frames.size(); i += size_t(group))
+            brackets.emplace_back(frames.begin() + long(i), frames.begin() + long(std::min(frames.size(), i + group)));
+        return kContinue;
+    }
+    for (const FrameInfo &f : frames)
+        if (!f.hasCaptureTime) {
+            error = f.path + ": records no capture time; give --group N to group the frames by N in name order";
+            return 2;
+        }
+    std::stable_sort(frames.begin(), frames.end(), [](const FrameInfo &a, const FrameInfo &b) {
+        return a.captureTime != b.captureTime ? a.captureTime < b.captureTime : a.path < b.path;
+    });
+    std::vector<double> light;
+    const bool recorded = recordedLight(frames, light);
+    size_t first = 0;  // the current bracket's first frame
+    for (size_t i = 0; i < frames.size(); ++i) {
+        bool starts = i == 0 || frames[i].captureTime - frames[i - 1].captureTime - frames[i - 1].exposureTime >
+                                    kBracketGapSeconds;
+        for (size_t j = first; j < i && recorded && !starts; ++j)
+            starts = std::abs(light[j] - light[i]) < 0.01;
+        if (starts) {
+            brackets.emplace_back();
+            first = i;
+        }
+        brackets.back().push_back(frames[i]);
+    }
+    return kContinue;
+}
+
 namespace {
 
 // The frames of the files and folders given; each unreadable file becomes a
 // failed bracket of its own.
-void readFrames(const Options &options, const BatchHooks &hooks, std::vector<FrameInfo> &frames,
+void readFrames(const Options &options, std::vector<FrameInfo> &frames,
                 std::vector<Bracket> &unreadable) {
     for (const std::string &path : gather(options.images)) {
         FrameInfo info;
@@ -221,7 +198,7 @@ void readFrames(const Options &options, const BatchHooks &hooks, std::vector<Fra
             frames.push_back(info);
             continue;
         }
-        hooks.say(path + ": " + why + "; skipped");
+        say(path + ": " + why + "; skipped");
         unreadable.emplace_back();
         unreadable.back().frames.push_back(info);
         unreadable.back().frames.back().path = path;
@@ -232,8 +209,7 @@ void readFrames(const Options &options, const BatchHooks &hooks, std::vector<Fra
 // Names every bracket's output and returns the brackets to fuse: not those of
 // one frame, those whose output another bracket writes, nor (without
 // --overwrite) those whose output exists.
-std::vector<size_t> bracketsToFuse(const Options &options, const BatchHooks &hooks,
-                                   std::vector<Bracket> &brackets) {
+std::vector<size_t> bracketsToFuse(const Options &options, std::vector<Bracket> &brackets) {
     std::vector<size_t> todo;
     std::set<std::string> names;  // the outputs so far: two brackets never write one file
     std::error_code error;
@@ -244,14 +220,14 @@ std::vector<size_t> bracketsToFuse(const Options &options, const BatchHooks &hoo
                                                  extensionOf(options.outputFormat))).string();
         if (b.frames.size() < 2) {
             b.error = "a bracket of one frame; nothing to fuse it with";
-            hooks.say(b.frames[0].path + ": " + b.error);
+            say(b.frames[0].path + ": " + b.error);
         } else if (!names.insert(b.output).second) {
             b.error = "another bracket's output has the same name";
-            hooks.say(b.output + ": " + b.error + "; not fused");
+            say(b.output + ": " + b.error + "; not fused");
         } else if (!options.overwrite && fs::exists(b.output, error)) {
             b.status = "skipped";
             if (!options.quiet)
-                hooks.say(b.output + ": exists; skipped (--overwrite replaces it)");
+                say(b.output + ": exists; skipped (--overwrite replaces it)");
         } else {
             todo.push_back(i);
         }
@@ -263,7 +239,6 @@ std::vector<size_t> bracketsToFuse(const Options &options, const BatchHooks &hoo
 // next bracket decoded in the background.
 struct BatchRun {
     const Options &options;
-    const BatchHooks &hooks;
     std::vector<Bracket> &brackets;
     const std::vector<size_t> &todo;
     double fusedSeconds = 0;
@@ -277,11 +252,11 @@ struct BatchRun {
                            std::to_string(b.frames.size()) + " frames -> " + b.output;
         if (fusedCount > 0)
             line += "; " + timeLeft(fusedSeconds / fusedCount * double(todo.size() - k));
-        hooks.say(line);
+        say(line);
         if (!p.choice.line.empty())
-            hooks.say(p.choice.line);
+            say(p.choice.line);
         for (const std::string &note : p.notes)
-            hooks.say(note);
+            say(note);
     }
 
     // Fuses bracket k; returns 0 or the single run's exit status.
@@ -293,14 +268,14 @@ struct BatchRun {
         if (k + 1 < todo.size()) {
             const Bracket &after = brackets[todo[k + 1]];
             const double pixels = double(after.frames[0].width) * after.frames[0].height;
-            if (hooks.roomFor(one, b.frames[0].width, b.frames[0].height, pixels * 3 * 4))
+            if (memoryHolds(b.frames[0].width, b.frames[0].height, int(one.images.size()), pixels * 3 * 4))
                 next = prepareInBackground(after);
         }
-        const int result = hooks.fuse(one, p.images);
-        b.alignment = hooks.alignment();
-        if (result != 0)
-            b.error = hooks.lastLine();
-        return result;
+        const RunOutcome outcome = fuseBracket(one, std::move(p.images));
+        b.alignment = outcome.alignment;
+        if (outcome.status != 0)
+            b.error = outcome.lastLine;
+        return outcome.status;
     }
 
     // 0, 1 when a bracket failed, 130 when cancelled.
@@ -313,7 +288,8 @@ struct BatchRun {
             announce(k, b, p);
             int result = p.status;
             if (result != kContinue) {
-                hooks.say(p.error);
+                if (result != 130)
+                    say(p.error);
                 b.error = p.error;
             } else {
                 result = fuse(k, b, p);
@@ -337,22 +313,27 @@ struct BatchRun {
 
 }  // namespace
 
-int runBatch(const Options &options, const BatchHooks &hooks) {
+int runBatch(const Options &options) {
     initMetadataForThreads();
     std::error_code error;
     if (!fs::is_directory(options.output, error) && !fs::create_directory(options.output, error)) {
-        hooks.say(options.output + ": cannot make the output folder: " + error.message());
+        say(options.output + ": cannot make the output folder: " + error.message());
         return 1;
     }
     std::vector<Bracket> unreadable, brackets;
     std::vector<FrameInfo> frames;
-    readFrames(options, hooks, frames, unreadable);
+    readFrames(options, frames, unreadable);
     std::string why;
-    if (group(options, frames, brackets, why) != kContinue)
-        return hooks.usageError(why);
+    std::vector<BracketFrames> groups;
+    if (groupBrackets(options.group, frames, groups, why) != kContinue)
+        return usageError(why);
+    for (BracketFrames &group : groups) {
+        brackets.emplace_back();
+        brackets.back().frames = std::move(group);
+    }
 
-    const std::vector<size_t> todo = bracketsToFuse(options, hooks, brackets);
-    BatchRun run{options, hooks, brackets, todo, 0.0, 0, {}};
+    const std::vector<size_t> todo = bracketsToFuse(options, brackets);
+    BatchRun run{options, brackets, todo, 0.0, 0, {}};
     int status = run.all();
 
     brackets.insert(brackets.begin(), unreadable.begin(), unreadable.end());
@@ -363,7 +344,7 @@ int runBatch(const Options &options, const BatchHooks &hooks) {
         const std::string text = reportText(brackets);
         std::string reason;
         if (!writeFileBytes(options.report, text.data(), text.size(), reason)) {
-            hooks.say(options.report + ": cannot write the report: " + reason);
+            say(options.report + ": cannot write the report: " + reason);
             return status == 130 ? 130 : 1;
         }
     }

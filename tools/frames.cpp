@@ -43,19 +43,6 @@ std::string baseName(const std::string &path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-double meanBrightnessOf(const Image &image) {
-    unsigned long long sum = 0;
-    for (unsigned char v : image.rgb)
-        sum += v;
-    return double(sum) / double(image.rgb.size());
-}
-
-std::string sizeMismatch(const FrameInfo &frame, const FrameInfo &first) {
-    return frame.path + ": size " + std::to_string(frame.width) + "x" + std::to_string(frame.height) +
-           " differs from " + first.path + " (" + std::to_string(first.width) + "x" + std::to_string(first.height) +
-           "); the exposures must be of one size";
-}
-
 }  // namespace
 
 bool readFrameInfo(const std::string &path, FrameInfo &info, std::string &error) {
@@ -123,6 +110,60 @@ bool sameFile(const std::string &a, const std::string &b) {
            sa.st_ino == sb.st_ino;
 }
 
+std::string sizeMismatch(int width, int height, const std::string &first, int firstWidth, int firstHeight) {
+    return "size " + std::to_string(width) + "x" + std::to_string(height) + " differs from " + first + " (" +
+           std::to_string(firstWidth) + "x" + std::to_string(firstHeight) + "); the exposures must be of one size";
+}
+
+int readBracket(const std::vector<std::string> &paths, const SizeCheck &firstCheck, std::vector<Image> &images,
+                std::vector<std::string> &notes, std::string &error) {
+    images.assign(paths.size(), Image());
+    for (size_t i = 0; i < paths.size(); ++i) {
+        const SizeCheck check = [&](int w, int h, std::string &message) {
+            if (i == 0)
+                return !firstCheck || firstCheck(w, h, message);
+            if (w == images[0].width && h == images[0].height)
+                return true;
+            message = sizeMismatch(w, h, paths[0], images[0].width, images[0].height);
+            return false;
+        };
+        std::vector<std::string> frameNotes;
+        if (!readImage(paths[i], images[i], error, &frameNotes, check)) {
+            error = paths[i] + ": " + error;
+            images.clear();
+            return 1;
+        }
+        for (const std::string &note : frameNotes)
+            notes.push_back(paths[i] + ": " + note);
+        if (cancelRequested()) {
+            images.clear();
+            return 130;
+        }
+    }
+    return kContinue;
+}
+
+double meanBrightness(const Image &image) {
+    unsigned long long sum = 0;
+    for (unsigned char v : image.rgb)
+        sum += v;
+    return double(sum) / double(image.rgb.size());
+}
+
+std::vector<int> brightnessOrder(const std::vector<const Image *> &images) {
+    std::vector<double> mean;
+    for (const Image *image : images)
+        mean.push_back(meanBrightness(*image));
+    std::vector<int> order(images.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
+        if (mean[a] != mean[b])
+            return mean[a] < mean[b];
+        return images[a]->rgb < images[b]->rgb;
+    });
+    return order;
+}
+
 int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::string> &named,
                  FrameChoice &choice, std::string &error) {
     choice = FrameChoice();
@@ -157,7 +198,7 @@ int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::
             return 1;
         }
         if (infos[i].width != infos[0].width || infos[i].height != infos[0].height) {
-            error = sizeMismatch(infos[i], infos[0]);
+            error = infos[i].path + ": " + sizeMismatch(infos[i].width, infos[i].height, infos[0].path, infos[0].width, infos[0].height);
             return 1;
         }
     }
@@ -178,7 +219,7 @@ int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::
                 error = path + ": " + error;
                 return 1;
             }
-            light.push_back(meanBrightnessOf(image));
+            light.push_back(meanBrightness(image));
             if (cancelRequested())
                 return 130;
         }

@@ -38,6 +38,25 @@ bool recordedLight(const std::vector<FrameInfo> &frames, std::vector<double> &li
 // The same file, by name or by identity.
 bool sameFile(const std::string &a, const std::string &b);
 
+// "size WxH differs from FIRST (W0xH0); the exposures must be of one size"
+std::string sizeMismatch(int width, int height, const std::string &first, int firstWidth, int firstHeight);
+
+// Decodes the frames at paths, every header checked before its pixels are
+// decoded: the first one's by firstCheck, the others' against the first
+// one's size. The readers' notes on conversions go to notes as "PATH: note".
+// Returns kContinue; 1 with error "PATH: reason" and no images; or 130 when
+// a cancellation came between two frames.
+int readBracket(const std::vector<std::string> &paths, const SizeCheck &firstCheck, std::vector<Image> &images,
+                std::vector<std::string> &notes, std::string &error);
+
+// The mean of all samples.
+double meanBrightness(const Image &image);
+
+// Indices of images, darkest first by mean brightness. Equal means fall back
+// on the pixels themselves, so that the order never depends on the order
+// the images came in.
+std::vector<int> brightnessOrder(const std::vector<const Image *> &images);
+
 // The frames a fusion is given: all of two or three, the ones the user named,
 // or three picked out of more.
 struct FrameChoice {

@@ -86,12 +86,15 @@ bool jobValid(const FusionJob &job) {
     std::string error;
     if (!fusionSizeAllowed(first.width, first.height, error))
         return false;
-    const Loupe &r = job.region;
-    return !r.enabled || (r.x >= 0 && r.y >= 0 && r.width >= 1 && r.height >= 1 &&
-                          long(r.x) + r.width <= first.width && long(r.y) + r.height <= first.height);
+    return !job.region.enabled || loupeFits(job.region, first.width, first.height);
 }
 
 }  // namespace
+
+bool loupeFits(const Loupe &r, int width, int height) {
+    return r.enabled && r.x >= 0 && r.y >= 0 && r.width >= 1 && r.height >= 1 && long(r.x) + r.width <= width &&
+           long(r.y) + r.height <= height;
+}
 
 FusionArea fusionArea(int pictureWidth, int pictureHeight, const Loupe &region) {
     Loupe r = region;

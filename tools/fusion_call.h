@@ -23,6 +23,10 @@ struct FusionArea {
     int pictureWidth = 0, pictureHeight = 0;  // the picture size the library sizes its radii by
 };
 
+// Whether an enabled region holds a pixel and lies inside a width x height
+// picture.
+bool loupeFits(const Loupe &region, int width, int height);
+
 // The area fused for region (the whole picture unless region.enabled). The
 // region must lie inside the picture and hold at least one pixel.
 FusionArea fusionArea(int pictureWidth, int pictureHeight, const Loupe &region);

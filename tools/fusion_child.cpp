@@ -15,6 +15,7 @@
 
 #include "cancel.h"
 #include "fusion_call.h"
+#include "signals.h"
 
 namespace lumora_fuse {
 namespace {
@@ -25,14 +26,6 @@ ProgressBar *gChildBar = nullptr;     // in the fusion process: the bar to draw
 
 // Exit statuses of the fusion process.
 enum ChildStatus { kChildDone = 0, kChildCancelled = 3, kChildIncomplete = 4, kChildRefused = 5 };
-
-void setHandler(int sig, void (*handler)(int)) {
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sigemptyset(&sa.sa_mask);
-    sa.sa_handler = handler;
-    sigaction(sig, &sa, nullptr);
-}
 
 // In the fusion process a signal only raises the flag that the progress
 // callback hands to the library.
@@ -48,10 +41,10 @@ void onChildProgress(int *cancel, float amount) {
 // Runs in the fusion process, with SIGINT and SIGTERM blocked until its own
 // handlers are in place: the tool's would remove its output file.
 int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
-    setHandler(SIGINT, onChildCancelSignal);
-    setHandler(SIGTERM, onChildCancelSignal);
-    for (int sig : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
-        setHandler(sig, SIG_DFL);
+    setSignalHandler(SIGINT, onChildCancelSignal);
+    setSignalHandler(SIGTERM, onChildCancelSignal);
+    for (int sig : kFatalSignals)
+        setSignalHandler(sig, SIG_DFL);
     // A tool killed outright cannot stop its fusion, which would go on using
     // every core for a result no one reads: the kernel kills it instead. The
     // tool may have died before the request was made; then the fusion has

@@ -1,0 +1,33 @@
+// run.h: one run of lumora-fuse, as a function.
+//
+// The command line, the batch (one run per bracket), the tests and other
+// front ends all fuse through these, and learn what happened from the
+// outcome they return: nothing comes back through global state.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "options.h"
+
+namespace lumora_fuse {
+
+// What a run did.
+struct RunOutcome {
+    int status = 0;                  // exit status: 0, 1 failure, 2 usage error, 130 cancelled
+    std::string lastLine;            // the last line said (why, when status is not 0)
+    std::string alignment = "none";  // what the alignment did, as its line says it
+};
+
+// Reads (unless decoded holds the frames already, read and checked), crops
+// transparent edges, aligns or checks the alignment, fuses and writes one
+// bracket: options.images are its two or three frames, in any order, and
+// options.output its file. Says every line on the console.
+RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded = {});
+
+// The whole tool after its options are parsed: checks common to every run,
+// then the batch, or the frame choice and fuseBracket.
+RunOutcome runTool(Options options);
+
+}  // namespace lumora_fuse
