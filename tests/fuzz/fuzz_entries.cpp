@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <numeric>
 #include <vector>
 
+#include "frames.h"
 #include "fusion_call.h"
 #include "image_io.h"
 #include "options.h"
@@ -33,8 +33,20 @@ std::string formatted(double v) {
 
 // The promises parseOptions makes when it lets the tool go on.
 std::string checkAccepted(const Options &o) {
-    if (o.images.size() < 2 || o.images.size() > 3)
+    // A fusion of two or more frames (three of more are picked), or a batch
+    // of at least one file or folder; the options of the one never with the
+    // other.
+    if (o.images.size() < (o.batch ? 1u : 2u))
         return "accepted " + std::to_string(o.images.size()) + " images";
+    if (o.batch ? !o.frames.empty() || o.loupe.enabled
+                : o.group != 0 || o.overwrite || !o.report.empty())
+        return "accepted an option of the other mode (batch " + std::to_string(o.batch) + ")";
+    if (!o.frames.empty() && (o.frames.size() < 2 || o.frames.size() > 3))
+        return "accepted " + std::to_string(o.frames.size()) + " frames to fuse";
+    if (o.group != 0 && (o.group < 2 || o.group > 1000))
+        return "accepted --group " + std::to_string(o.group);
+    if (o.quiet && o.verbose)
+        return "accepted --quiet with --verbose";
     if (o.output.empty() || o.outputFormat == FileFormat::Unknown)
         return "accepted an output without a known format: '" + o.output + "'";
     if (o.depth != 8 && o.depth != 16)
@@ -64,10 +76,6 @@ int parse(const std::vector<std::string> &args, Options &options, std::string &m
     for (const std::string &arg : args) argv.push_back(arg.c_str());
     argv.push_back(nullptr);
     return parseOptions(int(args.size()), argv.data(), options, message);
-}
-
-double meanOf(const Image &image) {
-    return std::accumulate(image.rgb.begin(), image.rgb.end(), 0.0) / double(image.rgb.size());
 }
 
 // Progress as the tool's bar sees it: from 0 to 1, never backwards, and 1
@@ -185,11 +193,9 @@ std::string fuzzFusion(const uint8_t *data, size_t size) {
     for (size_t i = 0; i < pixels * images.size() && restSize > 0; ++i)
         images[i / pixels].rgb[i % pixels] = rest[i % restSize];
     FusionJob job{{}, options.loupe, options.params, options.threads, options.depth, logProgress};
-    for (const Image &image : images) job.exposures.push_back(&image);
-    std::stable_sort(job.exposures.begin(), job.exposures.end(), [](const Image *a, const Image *b) {
-        const double ma = meanOf(*a), mb = meanOf(*b);
-        return ma != mb ? ma < mb : a->rgb < b->rgb;
-    });
+    std::vector<const Image *> given;
+    for (const Image &image : images) given.push_back(&image);
+    for (int i : brightnessOrder(given)) job.exposures.push_back(given[size_t(i)]);
     const int outWidth = loupe ? region.width : width, outHeight = loupe ? region.height : height;
     const size_t outBytes = size_t(outWidth) * outHeight * 3 * size_t(options.depth / 8);
     std::vector<unsigned char> out(outBytes + 64, 0xA5);  // a guard past the result
