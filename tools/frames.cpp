@@ -164,6 +164,17 @@ std::vector<int> brightnessOrder(const std::vector<const Image *> &images) {
     return order;
 }
 
+std::array<size_t, 3> pickThree(const std::vector<double> &light, double normal) {
+    std::vector<size_t> order(light.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return light[a] < light[b]; });
+    size_t middle = order[1];
+    for (size_t i = 1; i + 1 < order.size(); ++i)
+        if (std::abs(light[order[i]] - normal) < std::abs(light[middle] - normal))
+            middle = order[i];
+    return {order.front(), middle, order.back()};
+}
+
 int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::string> &named,
                  FrameChoice &choice, std::string &error) {
     choice = FrameChoice();
@@ -224,14 +235,7 @@ int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::
                 return 130;
         }
     }
-    std::vector<size_t> order(frames.size());
-    std::iota(order.begin(), order.end(), 0);
-    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return light[a] < light[b]; });
-    const size_t darkest = order.front(), brightest = order.back();
-    size_t middle = order[1];
-    for (size_t i = 1; i + 1 < order.size(); ++i)
-        if (std::abs(light[order[i]] - normal) < std::abs(light[middle] - normal))
-            middle = order[i];
+    const auto [darkest, middle, brightest] = pickThree(light, normal);
     choice.paths = {frames[darkest], frames[middle], frames[brightest]};
     choice.line = count + baseName(frames[darkest]) + " (darkest), " + baseName(frames[middle]) + " (normal), " +
                   baseName(frames[brightest]) + " (brightest) by " +

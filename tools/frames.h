@@ -2,6 +2,7 @@
 // two or three of many frames the library is given.
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,11 @@ struct FrameChoice {
     std::vector<std::string> paths;  // 2 or 3
     std::string line;                // what was picked and why; empty when all are fused
 };
+
+// Of three or more frames by their light (higher is brighter): the darkest,
+// of the others the one nearest normal (the first of equals in light order),
+// and the brightest; ties in light keep the frames' order. Indices into light.
+std::array<size_t, 3> pickThree(const std::vector<double> &light, double normal);
 
 // With named frames, those (each one of the frames). With more than three,
 // the darkest, the brightest and, of the others, the one nearest a normal

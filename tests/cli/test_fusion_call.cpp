@@ -1,7 +1,11 @@
-// test_fusion_call.cpp: how lumora-fuse prepares and calls the fusion library
-// (small pictures extended by mirroring and cropped back), and the committed
-// fuzz corpora replayed through the fuzzers' own entry functions.
+// test_fusion_call.cpp: the tool's parts as functions: the frame pick and the
+// batch's grouping, how lumora-fuse prepares and calls the fusion library
+// (regions grown, small pictures extended by mirroring and cropped back), and
+// the committed fuzz corpora replayed through the fuzzers' own entry
+// functions.
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include "batch.h"
+#include "frames.h"
 #include "fusion_call.h"
 #include "fuzz_entries.h"
 
@@ -83,6 +89,93 @@ TEST(FusionCall, ASmallPictureFusesLikeItsMirroredExtensionCroppedBack) {
     for (int y = dy; y < dy + h; ++y)
         crop.insert(crop.end(), whole.bytes.begin() + (y * 32 + dx) * 3, whole.bytes.begin() + (y * 32 + dx + w) * 3);
     EXPECT_TRUE(fused.bytes == crop);
+}
+
+TEST(ToolParts, OfManyFramesThePickTakesTheExtremesAndTheOneNearestNormalByRecordedLight) {
+    // Mean levels named out of order (a to i: 30 ... 200), normal at mid-grey.
+    const std::vector<double> levels = {118, 60, 200, 85, 30, 150, 100, 165, 136};
+    EXPECT_EQ(pickThree(levels, 118), (std::array<size_t, 3>{4, 0, 2}));
+    EXPECT_EQ(pickThree({5, 5, 5, 5}, 5), (std::array<size_t, 3>{0, 1, 3})) << "equals keep their order";
+    EXPECT_EQ(pickThree({1, 9, 2, 8}, 9), (std::array<size_t, 3>{0, 3, 1})) << "normal never the brightest";
+
+    // Light 2^k at k, one frame at ISO 400 (two stops more); without every
+    // f-number the apertures are left out; else the bias; else nothing.
+    std::vector<FrameInfo> frames(3);
+    for (int i = 0; i < 3; ++i)
+        frames[i].exposureTime = (1 << i) / 1000.0, frames[i].fNumber = 8, frames[i].iso = i == 0 ? 400 : 100;
+    std::vector<double> light;
+    ASSERT_TRUE(recordedLight(frames, light));
+    EXPECT_EQ(light, (std::vector<double>{std::log2(0.001) - 6 + 2, std::log2(0.002) - 6, std::log2(0.004) - 6}));
+    frames[1].fNumber = 0;
+    ASSERT_TRUE(recordedLight(frames, light));
+    EXPECT_EQ(light[2] - light[1], 1.0);
+    EXPECT_EQ(light[0], std::log2(0.001) + 2);
+    for (FrameInfo &f : frames) f.exposureTime = 0, f.hasBias = true, f.bias = -f.iso / 100;
+    ASSERT_TRUE(recordedLight(frames, light));
+    EXPECT_EQ(light, (std::vector<double>{-4, -1, -1}));
+    frames[2].hasBias = false;
+    EXPECT_FALSE(recordedLight(frames, light));
+}
+
+TEST(ToolParts, BracketsGroupByCaptureGapsAndRepeatedExposuresOrByCountInNameOrder) {
+    // {name, capture second, exposure seconds}: a bracket whose middle frame
+    // is a long exposure; one that starts where an exposure repeats; one
+    // after a pause. Given out of order.
+    const std::vector<std::tuple<const char *, double, double>> shots = {
+        {"c", 12, 0.4}, {"a", 0, 0.1}, {"b", 1, 10}, {"d", 13, 0.1}, {"e", 14, 0.2}, {"f", 30, 0.1}};
+    std::vector<FrameInfo> frames;
+    for (const auto &[name, when, exposure] : shots) {
+        frames.emplace_back();
+        FrameInfo &f = frames.back();
+        f.path = name, f.hasCaptureTime = true, f.captureTime = when, f.exposureTime = exposure;
+    }
+    const auto names = [](const std::vector<BracketFrames> &brackets) {
+        std::string text;
+        for (const BracketFrames &b : brackets) {
+            for (const FrameInfo &f : b) text += f.path;
+            text += " ";
+        }
+        return text;
+    };
+    std::vector<BracketFrames> brackets;
+    std::string error;
+    ASSERT_EQ(groupBrackets(0, frames, brackets, error), kContinue);
+    EXPECT_EQ(names(brackets), "abc de f ");
+    brackets.clear();
+    ASSERT_EQ(groupBrackets(4, frames, brackets, error), kContinue);
+    EXPECT_EQ(names(brackets), "abcd ef ");
+    frames[4].hasCaptureTime = false;
+    brackets.clear();
+    EXPECT_EQ(groupBrackets(0, frames, brackets, error), 2);
+    EXPECT_EQ(error, "e: records no capture time; give --group N to group the frames by N in name order");
+}
+
+TEST(ToolParts, ARegionGrowsToTheSmallestSideInsideThePictureOrCentredAcrossASmallOne) {
+    const int s = kMinImageSide;
+    struct Case {
+        int pictureWidth, pictureHeight;
+        Loupe region;
+        bool fits;
+        FusionArea area;
+    };
+    const Case cases[] = {
+        {100, 80, {true, 40, 30, 8, 8}, true, {28, 18, s, s, 100, 80}},   // grown on both sides
+        {100, 80, {true, 2, 75, 8, 5}, true, {0, 48, s, s, 100, 80}},     // held inside at the edges
+        {100, 80, {true, 0, 0, 100, 80}, true, {0, 0, 100, 80, 100, 80}},  // large enough as it is
+        {20, 16, {}, false, {-6, -8, s, s, s, s}},                         // centred across a small picture
+        {100, 80, {true, 93, 0, 8, 8}, false, {}},                         // one column outside
+        {100, 80, {true, 0, 0, 0, 8}, false, {}},                          // empty
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.region.x) + "," + std::to_string(c.region.y) + " in " +
+                     std::to_string(c.pictureWidth));
+        EXPECT_EQ(loupeFits(c.region, c.pictureWidth, c.pictureHeight), c.fits);
+        if (!c.fits && c.region.enabled) continue;
+        const FusionArea a = fusionArea(c.pictureWidth, c.pictureHeight, c.region);
+        EXPECT_EQ(std::vector<int>({a.x, a.y, a.width, a.height, a.pictureWidth, a.pictureHeight}),
+                  std::vector<int>({c.area.x, c.area.y, c.area.width, c.area.height, c.area.pictureWidth,
+                                    c.area.pictureHeight}));
+    }
 }
 
 // Every committed fuzz input (among them what the fuzzers once found) through
