@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the test suite in four
+# Installs what is missing, then builds and runs the test suite in five
 # stages: the ordinary build; its whole-fusion checks again on the plain
 # reference path; AddressSanitizer with UndefinedBehaviorSanitizer and leak
 # checking, in the build whose allocations can be made to fail one by one;
-# ThreadSanitizer (clang, LLVM's OpenMP runtime with its race-detection tool)
-# over the tests that run thread teams. Prints each stage's time.
+# the fuzzers, each for a short fixed time, so that what a harness promises
+# cannot drift from the code unnoticed; ThreadSanitizer (clang, LLVM's OpenMP
+# runtime with its race-detection tool) over the tests that run thread teams.
+# Prints each stage's time.
 #
 #   bash scripts/test.sh                 all stages
 #   LUMORA_TEST_STAGES="unit asan" bash scripts/test.sh    some of them
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-stages=${LUMORA_TEST_STAGES:-unit plain asan tsan}
+stages=${LUMORA_TEST_STAGES:-unit plain asan fuzz tsan}
 jobs=$(nproc)
 timings=()
 
@@ -54,6 +56,12 @@ asan() {
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_ALLOCATION_FAULTS=ON \
         "-DCMAKE_C_FLAGS=$flags" "-DCMAKE_CXX_FLAGS=$flags" \
         "-DCMAKE_EXE_LINKER_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=$flags"
+}
+
+# Each libFuzzer target for LUMORA_FUZZ_SECONDS (30 by default) from its
+# committed seeds; any input that breaks a promise fails the stage.
+fuzz() {
+    bash "$root/scripts/fuzz.sh" "${LUMORA_FUZZ_SECONDS:-30}"
 }
 
 tsan() {
