@@ -52,8 +52,11 @@ public:
             status = fusedRegion();
         if (status == kContinue)
             status = checkOutput();
+        SharedBuffer result;
         if (status == kContinue)
-            status = fuseAndDeliver();
+            status = fuse(result);
+        if (status == kContinue)
+            status = deliver(result);
         outcome_.status = status;
         return outcome_;
     }
@@ -205,9 +208,8 @@ private:
         return output_.create(error) ? kContinue : cannotWrite(error);
     }
 
-    // Fused in a process of its own, then written with the reference
-    // exposure's metadata and moved into place.
-    int fuseAndDeliver() {
+    // Fused in a process of its own, into memory it shares with the tool.
+    int fuse(SharedBuffer &result) {
         std::vector<const Image *> exposures;
         for (int i : order_)
             exposures.push_back(&images_[i]);
@@ -220,7 +222,6 @@ private:
         fusion.depth = options_.depth;
         fusion.captureCommentary = !options_.verbose;
         fusion.bar = shown_;
-        SharedBuffer result;
         std::string error;
         const FusionResult fused = fuseInChild(fusion, result, error);
         clearBar();
@@ -231,9 +232,14 @@ private:
             return 1;
         }
         images_.clear();
+        return kContinue;
+    }
 
-        // Metadata come from the middle exposure, or the brighter of two,
-        // unless --metadata-from names their source.
+    // The fused pixels written with the reference exposure's metadata and
+    // moved into place. The metadata come from the middle exposure, or the
+    // brighter of two, unless --metadata-from names their source.
+    int deliver(const SharedBuffer &result) {
+        std::string error;
         const std::string &reference =
             options_.metadataFrom.empty() ? options_.images[order_[1]] : options_.metadataFrom;
         const OutputPicture picture{options_.outputFormat, region_.width, region_.height,
