@@ -14,6 +14,8 @@ packages=(
   libhwy-dev                                # SIMD dispatch
   libgtest-dev libgmock-dev libbenchmark-dev  # tests and benchmarks
   clang libclang-rt-dev libomp-dev          # thread sanitizer and fuzzing builds
+  python3-dev pybind11-dev python3-pybind11 # the Python module lumora
+  python3-numpy python3-pytest python3-distributed
 )
 
 missing=()

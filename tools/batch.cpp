@@ -29,14 +29,7 @@ namespace fs = std::filesystem;
 // a new bracket.
 constexpr double kBracketGapSeconds = 5;
 
-struct Bracket {
-    std::vector<FrameInfo> frames;
-    std::string output;
-    std::vector<std::string> chosen;  // the frames fused
-    std::string status = "failed", error;
-    std::string alignment = "none";
-    double seconds = 0;
-};
+using Bracket = BatchBracket;
 
 // The frames of one bracket, picked and (in the background) decoded.
 struct Prepared {
@@ -313,30 +306,31 @@ struct BatchRun {
 
 }  // namespace
 
-int runBatch(const Options &options) {
+int planBatch(const Options &options, std::vector<BatchBracket> &brackets, std::vector<size_t> &todo) {
     initMetadataForThreads();
     std::error_code error;
     if (!fs::is_directory(options.output, error) && !fs::create_directory(options.output, error)) {
         say(options.output + ": cannot make the output folder: " + error.message());
         return 1;
     }
-    std::vector<Bracket> unreadable, brackets;
     std::vector<FrameInfo> frames;
-    readFrames(options, frames, unreadable);
+    readFrames(options, frames, brackets);
+    const size_t unreadable = brackets.size();
     std::string why;
     std::vector<BracketFrames> groups;
     if (groupBrackets(options.group, frames, groups, why) != kContinue)
         return usageError(why);
-    for (BracketFrames &group : groups) {
-        brackets.emplace_back();
-        brackets.back().frames = std::move(group);
-    }
+    std::vector<Bracket> grouped(groups.size());
+    for (size_t i = 0; i < groups.size(); ++i)
+        grouped[i].frames = std::move(groups[i]);
+    todo = bracketsToFuse(options, grouped);
+    for (size_t &k : todo)
+        k += unreadable;
+    brackets.insert(brackets.end(), grouped.begin(), grouped.end());
+    return kContinue;
+}
 
-    const std::vector<size_t> todo = bracketsToFuse(options, brackets);
-    BatchRun run{options, brackets, todo, 0.0, 0, {}};
-    int status = run.all();
-
-    brackets.insert(brackets.begin(), unreadable.begin(), unreadable.end());
+int finishBatch(const Options &options, const std::vector<BatchBracket> &brackets, int status) {
     if (status == 0 && std::any_of(brackets.begin(), brackets.end(),
                                    [](const Bracket &b) { return b.status == "failed"; }))
         status = 1;
@@ -349,6 +343,16 @@ int runBatch(const Options &options) {
         }
     }
     return status;
+}
+
+int runBatch(const Options &options) {
+    std::vector<Bracket> brackets;
+    std::vector<size_t> todo;
+    const int planned = planBatch(options, brackets, todo);
+    if (planned != kContinue)
+        return planned;
+    BatchRun run{options, brackets, todo, 0.0, 0, {}};
+    return finishBatch(options, brackets, run.all());
 }
 
 }  // namespace lumora_fuse

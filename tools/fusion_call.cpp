@@ -91,6 +91,16 @@ bool jobValid(const FusionJob &job) {
 
 }  // namespace
 
+std::string loupeProblem(const Loupe &r, int width, int height) {
+    const std::string size = std::to_string(r.width) + "x" + std::to_string(r.height);
+    if (r.width < 1 || r.height < 1)
+        return "--loupe: region " + size + " is empty (W and H must be at least 1)";
+    if (!loupeFits(r, width, height))
+        return "--loupe: region " + size + " at " + std::to_string(r.x) + "," + std::to_string(r.y) +
+               " does not fit in the " + std::to_string(width) + "x" + std::to_string(height) + " picture";
+    return "";
+}
+
 bool loupeFits(const Loupe &r, int width, int height) {
     return r.enabled && r.x >= 0 && r.y >= 0 && r.width >= 1 && r.height >= 1 && long(r.x) + r.width <= width &&
            long(r.y) + r.height <= height;

@@ -26,6 +26,8 @@ struct FusionArea {
 // Whether an enabled region holds a pixel and lies inside a width x height
 // picture.
 bool loupeFits(const Loupe &region, int width, int height);
+// Why an enabled region does not fit ("--loupe: region ..."), or "".
+std::string loupeProblem(const Loupe &region, int width, int height);
 
 // The area fused for region (the whole picture unless region.enabled). The
 // region must lie inside the picture and hold at least one pixel.

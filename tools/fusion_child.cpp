@@ -126,19 +126,75 @@ void signalFusionChild(int sig) {
         kill(gChildPid, sig);
 }
 
-FusionResult fuseInChild(const FusionRun &run, SharedBuffer &out, std::string &error) {
+namespace {
+
+// The result's memory, shared with a fusion process, and an empty
+// commentary file.
+bool prepareRun(const FusionRun &run, SharedBuffer &out, std::string &error) {
     out.size = size_t(run.region.width) * run.region.height * 3 * (run.depth / 8);
     void *memory = mmap(nullptr, out.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         out.size = 0;
         error = std::string("cannot allocate the result: ") + strerror(errno);
-        return FusionResult::Failed;
+        return false;
     }
     out.data = static_cast<unsigned char *>(memory);
     if (!prepareCommentary(run.captureCommentary)) {
         error = "cannot keep the library's commentary";
+        return false;
+    }
+    return true;
+}
+
+ProgressCallback gHereProgress = nullptr;
+
+void onHereProgress(int *cancel, float amount) {
+    if (gHereProgress)
+        gHereProgress(cancel, amount);
+    if (cancelRequested() && cancel)
+        *cancel = 1;
+}
+
+}  // namespace
+
+FusionResult fuseHere(const FusionRun &run, SharedBuffer &out, std::string &error) {
+    if (!prepareRun(run, out, error))
+        return FusionResult::Failed;
+    const int savedStderr = run.captureCommentary && gCaptureFd >= 0 ? dup(STDERR_FILENO) : -1;
+    if (savedStderr >= 0) {
+        fflush(stderr);
+        dup2(gCaptureFd, STDERR_FILENO);
+    }
+    FusionJob job;
+    job.exposures = *run.exposures;
+    job.region = run.region;
+    job.params = run.params;
+    job.threads = run.threads;
+    job.depth = run.depth;
+    job.progress = onHereProgress;
+    gHereProgress = run.progress;
+    const FusionStatus status = fuseExposures(job, out.data);
+    gHereProgress = nullptr;
+    if (savedStderr >= 0) {
+        fflush(stderr);
+        dup2(savedStderr, STDERR_FILENO);
+        close(savedStderr);
+    }
+    if (status == FusionStatus::Done)
+        return FusionResult::Done;
+    if (status == FusionStatus::Refused) {
+        error = "the fusion library refused the exposures";
         return FusionResult::Failed;
     }
+    if (cancelRequested())
+        return FusionResult::Cancelled;
+    error = "the fusion did not complete (out of memory?)";
+    return FusionResult::Failed;
+}
+
+FusionResult fuseInChild(const FusionRun &run, SharedBuffer &out, std::string &error) {
+    if (!prepareRun(run, out, error))
+        return FusionResult::Failed;
     fflush(stdout);
     fflush(stderr);
     sigset_t cancelSignals, mask;

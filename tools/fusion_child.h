@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fusion_call.h"
 #include "image_io.h"
 #include "options.h"
 #include "progress_bar.h"
@@ -24,6 +25,8 @@ struct FusionRun {
     int depth = 8;
     bool captureCommentary = true;  // keep the library's commentary off the terminal
     ProgressBar *bar = nullptr;     // drawn by the fusion process, if given
+    // fuseHere only: called with the fraction done, may set *cancel.
+    ProgressCallback progress = nullptr;
 };
 
 enum class FusionResult { Done, Cancelled, Failed };
@@ -42,6 +45,12 @@ struct SharedBuffer {
 // of depth / 8 bytes a sample). A cancellation requested before or during the
 // run is passed on to the child. Failed comes with a one-line message.
 FusionResult fuseInChild(const FusionRun &run, SharedBuffer &out, std::string &error);
+
+// The same fusion in this process, for callers that cannot fork (an
+// interpreter with threads of its own): the library's commentary is held in
+// the memory file meanwhile unless run.captureCommentary is off, and a
+// cancellation comes through run.progress or a cancel request. One at a time.
+FusionResult fuseHere(const FusionRun &run, SharedBuffer &out, std::string &error);
 
 // Async-signal-safe: sends sig to the fusion process, if one runs.
 void signalFusionChild(int sig);

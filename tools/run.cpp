@@ -39,8 +39,8 @@ int availableCores() {
 // status, having said why.
 class BracketRun {
 public:
-    BracketRun(const Options &options, std::vector<Image> &&decoded)
-        : options_(options), images_(std::move(decoded)), output_(options.output) {}
+    BracketRun(const Options &options, std::vector<Image> &&decoded, bool inProcess)
+        : options_(options), images_(std::move(decoded)), output_(options.output), inProcess_(inProcess) {}
 
     RunOutcome run() {
         int status = readExposures();
@@ -172,14 +172,8 @@ private:
             region_.height = height;
             return kContinue;
         }
-        const std::string size = std::to_string(region_.width) + "x" + std::to_string(region_.height);
-        if (region_.width < 1 || region_.height < 1)
-            return usageError("--loupe: region " + size + " is empty (W and H must be at least 1)");
-        if (!loupeFits(region_, width, height))
-            return usageError("--loupe: region " + size + " at " + std::to_string(region_.x) + "," +
-                              std::to_string(region_.y) + " does not fit in the " + std::to_string(width) + "x" +
-                              std::to_string(height) + " picture");
-        return kContinue;
+        const std::string problem = loupeProblem(region_, width, height);
+        return problem.empty() ? kContinue : usageError(problem);
     }
 
     // The output: never one of the inputs nor a write-protected file, and
@@ -218,12 +212,13 @@ private:
         fusion.exposures = &exposures;
         fusion.region = region_;
         fusion.params = options_.params;
-        fusion.threads = options_.threads > 0 ? options_.threads : std::min(availableCores(), kMaxThreads);
+        fusion.threads = fusionThreads(options_);
         fusion.depth = options_.depth;
         fusion.captureCommentary = !options_.verbose;
         fusion.bar = shown_;
         std::string error;
-        const FusionResult fused = fuseInChild(fusion, result, error);
+        const FusionResult fused =
+            inProcess_ ? fuseHere(fusion, result, error) : fuseInChild(fusion, result, error);
         clearBar();
         if (fused == FusionResult::Cancelled)
             return cancelled();
@@ -266,6 +261,7 @@ private:
     Loupe region_;
     ProgressBar bar_{consoleFd()};
     ProgressBar *shown_ = nullptr;  // the bar, when it is drawn
+    bool inProcess_;
     RunOutcome outcome_;
 };
 
@@ -282,8 +278,12 @@ RunOutcome failed(int status, const std::string &line) {
 
 }  // namespace
 
-RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded) {
-    return BracketRun(options, std::move(decoded)).run();
+RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded, bool inProcess) {
+    return BracketRun(options, std::move(decoded), inProcess).run();
+}
+
+int fusionThreads(const Options &options) {
+    return options.threads > 0 ? options.threads : std::min(availableCores(), kMaxThreads);
 }
 
 RunOutcome runTool(Options options) {

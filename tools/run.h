@@ -23,8 +23,13 @@ struct RunOutcome {
 // Reads (unless decoded holds the frames already, read and checked), crops
 // transparent edges, aligns or checks the alignment, fuses and writes one
 // bracket: options.images are its two or three frames, in any order, and
-// options.output its file. Says every line on the console.
-RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded = {});
+// options.output its file. Says every line on the console. The fusion runs
+// in a process of its own, or in this one when inProcess is set (see
+// fuseHere in fusion_child.h).
+RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded = {}, bool inProcess = false);
+
+// The threads a fusion uses: options.threads, or one per available core.
+int fusionThreads(const Options &options);
 
 // The whole tool after its options are parsed: checks common to every run,
 // then the batch, or the frame choice and fuseBracket.

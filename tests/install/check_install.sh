@@ -20,6 +20,13 @@ grep -q '^lumora-fuse (Lumora Fusion) ' "$tmp/version.txt" || fail "lumora-fuse 
 readelf -d "$prefix/bin/lumora-fuse" > "$tmp/tool-dynamic.txt"
 grep -E 'R(UN)?PATH' "$tmp/tool-dynamic.txt" | grep -qF '[$ORIGIN/' ||
     fail "lumora-fuse has no \$ORIGIN-relative library path"
+# The Python module, where it was built, imports from the prefix's own
+# dist-packages and loads the installed libraries through its run path.
+for module in "$prefix"/lib/python3*/dist-packages/lumora; do
+    [ -d "$module" ] || continue
+    PYTHONPATH=$(dirname "$module") /usr/bin/python3 -c 'import lumora; print(lumora.__version__)' \
+        > "$tmp/python.txt" 2>&1 || fail "import lumora from the prefix: $(cat "$tmp/python.txt")"
+done
 # The library leaves the platform functions to the host.
 readelf -d "$libdir/liblumorafusion.so" > "$tmp/dynamic.txt"
 ! grep -q 'NEEDED.*lumorafusion-host' "$tmp/dynamic.txt" ||
