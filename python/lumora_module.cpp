@@ -8,6 +8,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -36,6 +37,7 @@ struct Cancelled : std::runtime_error {
 // The library keeps process-wide state, and the tool's fusion call one
 // progress hook: one fusion at a time in a process.
 std::mutex gFusionMutex;
+double gFusionSeconds = 0;  // the last fusion's time inside the tool's call, for the overhead benchmark
 
 // Options through the tool's own parser: its defaults, ranges and wording.
 // ValueError with the tool's line for what it refuses.
@@ -186,7 +188,9 @@ py::array fuse(const py::sequence &frames, bool bgr, const std::vector<std::stri
         py::gil_scoped_release release;
         std::lock_guard<std::mutex> lock(gFusionMutex);
         gProgress = &state;
+        const auto start = std::chrono::steady_clock::now();
         fused = fuseHere(run, result, error);
+        gFusionSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         gProgress = nullptr;
     }
     if (state.error)
@@ -384,5 +388,6 @@ PYBIND11_MODULE(_lumora, m) {
     m.def("write", &writeFile, py::arg("path"), py::arg("array"), py::arg("metadata_from"), py::arg("quality"));
     m.def("plan_batch", &planBatchOf, py::arg("args"));
     m.def("fuse_bracket", &fuseBracketOf, py::arg("args"), py::arg("inputs"), py::arg("output"));
+    m.def("last_fusion_seconds", [] { return gFusionSeconds; });
     m.def("finish_batch", &finishBatchOf, py::arg("args"), py::arg("brackets"), py::arg("status"));
 }

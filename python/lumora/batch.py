@@ -67,7 +67,7 @@ def run(argv):
     cluster = None if scheduler else LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
                                                   dashboard_address=None)
     client = Client(scheduler or cluster)
-    overall = 0
+    overall, done = 0, 0
     try:
         futures = {k: client.submit(_fuse_one, args, brackets[k]["inputs"], brackets[k]["output"], pure=False)
                    for k in todo}
@@ -81,11 +81,15 @@ def run(argv):
                 outcome = {"status": 1, "line": f"{type(error).__name__}: {error}", "frames": [],
                            "alignment": "none", "seconds": 0.0}
             bracket.update(frames=outcome["frames"], alignment=outcome["alignment"], seconds=outcome["seconds"])
+            done += 1
             if outcome["status"] == 0:
                 bracket["status"] = "fused"
+                said = f"fused -> {bracket['output']} in {outcome['seconds']:.1f} s"
             else:
                 bracket["error"] = outcome["line"]
                 overall = 1
+                said = f"failed: {outcome['line']}"
+            print(f"lumora.batch: bracket {done} of {len(todo)}: {said}", file=sys.stderr, flush=True)
     except KeyboardInterrupt:
         overall = 130
     finally:

@@ -1,0 +1,92 @@
+#!/usr/bin/env python3
+"""Benchmarks of the Python module lumora.
+
+    PYTHONPATH=build/python /usr/bin/python3 bench/python_bench.py overhead [--runs N]
+    PYTHONPATH=build/python /usr/bin/python3 bench/python_bench.py batch [--brackets N] [--mp X]
+
+overhead: lumora.fuse on the sample bracket upscaled to 1 MP (1155 x 866),
+against the time spent inside the tool's fusion call (the same C++ call
+lumora-fuse makes): argument checks, the copies in and out and the option
+parsing are the difference. Medians of N runs.
+
+batch: N brackets (the sample, upscaled, each one shifted) fused by
+lumora-fuse --batch --threads 1 (one machine of one core) and by
+python3 -m lumora.batch on a local cluster of two worker processes of one
+thread each, --threads 1 (two machines of one core, simulated); wall times
+and their ratio. Run on an otherwise idle machine with two cores or more.
+"""
+
+import argparse
+import os
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+import numpy as np
+
+import lumora
+import lumora.batch
+from lumora import _lumora
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+SAMPLE = os.path.join(ROOT, "samples", "belgium_house")
+
+
+def bracket(width, height):
+    """The sample bracket resized (nearest neighbour) to width x height."""
+    frames = [lumora.read(os.path.join(SAMPLE, f"{n}.png")) for n in ("0_dark", "1_mid", "2_bright")]
+    ys = np.arange(height) * frames[0].shape[0] // height
+    xs = np.arange(width) * frames[0].shape[1] // width
+    return [f[ys][:, xs].copy() for f in frames]
+
+
+def overhead(runs):
+    frames = bracket(1155, 866)
+    lumora.fuse(frames)  # the colour table and the threads, once
+    totals, inner = [], []
+    for _ in range(runs):
+        start = time.perf_counter()
+        lumora.fuse(frames)
+        totals.append(time.perf_counter() - start)
+        inner.append(_lumora.last_fusion_seconds())
+    t, c = statistics.median(totals), statistics.median(inner)
+    print(f"lumora.fuse at 1 MP: {t:.3f} s; the tool's fusion call inside it: {c:.3f} s; "
+          f"overhead {100 * (t - c) / c:.2f}% ({runs} runs, medians)")
+
+
+def batch(count, megapixels):
+    width = int((megapixels * 1e6 * 4 / 3) ** 0.5)
+    frames = bracket(width, width * 3 // 4)
+    tool = os.path.join(ROOT, "build", "tools", "lumora-fuse")
+    with tempfile.TemporaryDirectory() as work:
+        source = os.path.join(work, "in")
+        os.mkdir(source)
+        for b in range(count):
+            for i, f in enumerate(frames):
+                lumora.write(os.path.join(source, f"b{b:03d}_{i}.png"), np.roll(f, b, axis=1))
+        options = ["--group", "3", "--format", "png", "--threads", "1"]
+        start = time.perf_counter()
+        subprocess.run([tool, "-q", "--batch", *options, source, "-o", os.path.join(work, "one")], check=True)
+        one = time.perf_counter() - start
+        start = time.perf_counter()
+        status = lumora.batch.run([*options, "--workers", "2", source, "-o", os.path.join(work, "two")])
+        two = time.perf_counter() - start
+        assert status == 0
+    print(f"{count} brackets of {width}x{width * 3 // 4}: lumora-fuse --batch --threads 1: {one:.1f} s; "
+          f"lumora.batch, two workers of one thread: {two:.1f} s (ratio {two / one:.2f})")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("what", choices=["overhead", "batch"])
+    parser.add_argument("--runs", type=int, default=5)
+    parser.add_argument("--brackets", type=int, default=20)
+    parser.add_argument("--mp", type=float, default=0.5)
+    a = parser.parse_args()
+    overhead(a.runs) if a.what == "overhead" else batch(a.brackets, a.mp)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
