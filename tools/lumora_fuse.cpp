@@ -475,6 +475,8 @@ int main(int argc, char **argv) {
         return usageError(message);
     installSignalHandlers();
     muteMetadataWarnings(!options.verbose);
+    if (options.verbose)
+        say("look " + lookLine(options));
     if (!options.metadataFrom.empty() && access(options.metadataFrom.c_str(), R_OK) != 0) {
         say(options.metadataFrom + ": cannot read the metadata: " + strerror(errno));
         return 1;

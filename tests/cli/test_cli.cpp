@@ -16,6 +16,7 @@
 #include <zlib.h>
 
 #include "cli_support.h"
+#include "options.h"
 
 namespace fs = std::filesystem;
 using namespace lumora_fuse;
@@ -277,6 +278,7 @@ TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAnd
         {"--start-radius 2.5 @a.png @b.png -o @f.jpg", 2, "--start-radius: '2.5' is not a whole number"},
         {"--strength 20 --highlight-influence 9.5 @a.png @b.png -o @f.jpg", 2,
          "--strength 20: above 19 only with --highlight-influence 10"},
+        {"--look vivid @a.png @b.png -o @f.jpg", 2, "--look: 'vivid' is not valid (natural, detail or library)"},
         {"@a.png @b.png -o @f.jpg", 1, "@f.jpg: cannot write the output: File too large", fsize},
         {"@a.png @b.png -o @f.png", 1, "@f.png: cannot write the output: File too large", fsize},
         {"@a.png @b.png -o @f.tif", 1, "@f.tif: cannot write the output: File too large", fsize},
@@ -371,7 +373,7 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
     EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
     const std::string report = slurp(at("report.json"));
-    for (const std::string key : {"\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
+    for (const std::string key : {"\"look\": \"natural: --strength ", "\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
                                   "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
         EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
 
@@ -398,6 +400,8 @@ TEST_F(Cli, HelpFollowsGnuConventionsAndNamesEveryFusionOption) {
     EXPECT_EQ(help.out.rfind("Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n", 0), 0u);
     for (const auto &[option, values] : kOutOfRange)
         EXPECT_NE(help.out.find(option + "="), std::string::npos) << option;
+    for (int i = 0; i < kLookCount; ++i)
+        EXPECT_NE(help.out.find(std::string("\n        ") + kLooks[i].name + " "), std::string::npos) << kLooks[i].name;
     std::istringstream lines(help.out);
     for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 79u) << line;
 }
