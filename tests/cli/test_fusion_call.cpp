@@ -103,8 +103,8 @@ TEST(Options, EachLookSetsItsParametersAnOptionBesideItOverridesThemAndTheLibrar
     using Params = std::vector<float>;
     float defaults[kFusionParamCount];
     init_realistic_param(defaults);
-    const Params library(defaults, defaults + kFusionParamCount), natural = {15, 2, 0, 3, 5, 0.2f, 0.2f, 1, 10},
-                 detail = {15, 2, 0, 3, 5, 0.2f, 0.2f, 1, 10};
+    const Params library(defaults, defaults + kFusionParamCount), natural = {37.5f, 1.5f, 3, 3, 3.2f, 2, 0.1f, 0, 10},
+                 detail = {30, 2, 3, 3, 5, 0.2f, 0.1f, 0, 10};
     const auto with = [](Params p, std::initializer_list<std::pair<FusionParam, float>> changes) {
         for (auto [i, v] : changes) p[i] = v;
         return p;
@@ -115,8 +115,8 @@ TEST(Options, EachLookSetsItsParametersAnOptionBesideItOverridesThemAndTheLibrar
         {"--spatial-sigma 3 --look detail", "detail", with(detail, {{kSpatialSigma, 3}})},
         {"--look library --no-preserve-highlights --strength 25", "library",
          with(library, {{kPreserveHighlights, 0}, {kStrength, 25}})},
-        {"--preserve-highlights --highlight-influence 4", "natural",
-         with(natural, {{kPreserveHighlights, 1}, {kHighlightInfluence, 4}})}};
+        {"--preserve-highlights --highlight-influence 4 --strength 12", "natural",
+         with(natural, {{kPreserveHighlights, 1}, {kHighlightInfluence, 4}, {kStrength, 12}})}};
     for (const auto &[line, look, want] : cases) {
         std::string message;
         const Options options = parsed(line, message);
