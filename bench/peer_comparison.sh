@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Times lumora-fuse against two peers on the same exposure bracket:
-#   lumora-fuse   this project's tool, its defaults (highlight preservation on)
+#   lumora-fuse   this project's tool, its library look (two passes, as timed so far)
 #   enfuse        Debian's enfuse, its defaults (JPEG quality 95 like the others)
 #   mertens       OpenCV's MergeMertens with its default weights (bench/peers/)
 # at several sizes, every tool on 2 threads, runs interleaved (run 1 of every
@@ -183,7 +183,7 @@ run_tool() {
   case "$tool" in
     lumora-fuse)
       env -u OMP_NUM_THREADS "$gnu_time" -o "$timing" -f "$time_format" \
-        "$lumora_bin" --threads "$threads" "${in[@]}" -o "$out" ;;
+        "$lumora_bin" --look library --threads "$threads" "${in[@]}" -o "$out" ;;
     enfuse)
       # Debian's enfuse 4.2 is built with OpenMP and has no thread option of its
       # own: the team size comes from OMP_NUM_THREADS (one thread per CPU when

@@ -111,8 +111,8 @@ std::string quotedList(const std::vector<std::string> &items) {
     return out + "]";
 }
 
-std::string reportText(const std::vector<Bracket> &brackets) {
-    std::string out = "{\n  \"brackets\": [";
+std::string reportText(const Options &options, const std::vector<Bracket> &brackets) {
+    std::string out = "{\n  \"look\": " + quoted(lookLine(options)) + ",\n  \"brackets\": [";
     int counts[3] = {};
     for (size_t i = 0; i < brackets.size(); ++i) {
         const Bracket &b = brackets[i];
@@ -335,7 +335,7 @@ int finishBatch(const Options &options, const std::vector<BatchBracket> &bracket
                                    [](const Bracket &b) { return b.status == "failed"; }))
         status = 1;
     if (!options.report.empty()) {
-        const std::string text = reportText(brackets);
+        const std::string text = reportText(options, brackets);
         std::string reason;
         if (!writeFileBytes(options.report, text.data(), text.size(), reason)) {
             say(options.report + ": cannot write the report: " + reason);

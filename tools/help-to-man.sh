@@ -3,7 +3,8 @@
 # man macros) from the tool's own --help and --version, so that the two
 # never disagree. The help's layout is what it reads: the usage lines, a
 # one-line summary, paragraphs, "Heading:" lines over options whose texts
-# start in column 30, an "Examples:" block and an "Exit status:" paragraph.
+# start in column 30 (an option's named values indented by eight), an
+# "Examples:" block and an "Exit status:" paragraph.
 set -eu
 tool=$1
 output=$2
@@ -63,6 +64,8 @@ name_pending {
 /^Exit status: / { sub(/^Exit status: /, ""); print ".SH \"EXIT STATUS\""; line(esc($0)); mode = "text"; blank = 0; next }
 /^[A-Z][^:]*:$/ { sub(/:$/, ""); print ".SS \"" esc($0) "\""; mode = "options"; blank = 0; next }
 mode == "examples" { line(esc(trim($0))); next }
+# "        NAME   text": a named value of the option above (the looks), on a line of its own.
+mode == "options" && /^        [a-z]+  +[^ ]/ { print ".br"; line("\\fB" esc($1) "\\fR: " esc(trim(substr($0, 30)))); next }
 /^ +-/ && match($0, /-/) <= 7 {
     if (length($0) > 29 && substr($0, 28, 2) == "  ") { name = substr($0, 1, 29); text = substr($0, 30) }
     else { name = $0; text = "" }

@@ -52,6 +52,23 @@ const ParamSpec kParamSpecs[] = {
 };
 const int kParamSpecCount = int(sizeof kParamSpecs / sizeof kParamSpecs[0]);
 
+// In the library's order: strength, sharpness, saturation, start radius,
+// radius growth, spatial and range sigma, preserve highlights, highlight
+// influence. natural and detail were chosen by bench/look_search.py: the best
+// MEF-SSIM less lost highlights and shadows on real brackets, clipping fewer
+// pixels than enfuse; detail is its best at the library's spatial sigma.
+const Look kLooks[] = {
+    {"natural", "the default: depth and large-scale contrast, a little more colour; backlit dark areas may go "
+                "darker",
+     false, {37.5f, 1.5f, 3, 3, 3.2f, 2, 0.1f, 0, 10}},
+    {"detail", "the library's finer filter: more local detail and texture, flatter large areas, shadows held best",
+     false, {30, 2, 3, 3, 5, 0.2f, 0.1f, 0, 10}},
+    {"library", "exactly the fusion library's own defaults (the tool's look before looks existed), to compare "
+                "byte for byte with a host that calls the library with them",
+     true, {}},
+};
+const int kLookCount = int(sizeof kLooks / sizeof kLooks[0]);
+
 namespace {
 
 std::string number(double v) {
@@ -139,8 +156,39 @@ bool parseLoupe(const std::string &text, Loupe &loupe, std::string &message) {
     return true;
 }
 
-void defaults(float params[kFusionParamCount]) {
-    init_realistic_param(params);  // its result carries no meaning
+const Look *findLook(const std::string &name) {
+    for (const Look &look : kLooks)
+        if (name == look.name)
+            return &look;
+    return nullptr;
+}
+
+void lookParams(const Look &look, float params[kFusionParamCount]) {
+    if (look.library)
+        init_realistic_param(params);  // its result carries no meaning
+    else
+        std::copy(look.params, look.params + kFusionParamCount, params);
+}
+
+// One parameter as the option that sets it: "--strength 15", "--preserve-highlights".
+std::string paramOption(int index, float value) {
+    if (index == kPreserveHighlights)
+        return int(value) != 0 ? "--preserve-highlights" : "--no-preserve-highlights";
+    for (int i = 0; i < kParamSpecCount; ++i)
+        if (kParamSpecs[i].index == index)
+            return std::string("--") + kParamSpecs[i].option + " " + number(value);
+    return "";
+}
+
+// The parameters as options, in --help's order, those picked by given (or all).
+std::string paramOptions(const float params[kFusionParamCount], const bool *given = nullptr) {
+    std::string out;
+    for (int i = 0; i <= kParamSpecCount; ++i) {
+        const int index = i < kParamSpecCount ? kParamSpecs[i].index : kPreserveHighlights;
+        if (!given || given[index])
+            out += (out.empty() ? "" : " ") + paramOption(index, params[index]);
+    }
+    return out;
 }
 
 // One option of --help: the name, then its text wrapped in a column from 29.
@@ -168,7 +216,7 @@ std::string wrapped(const std::string &name, const std::string &text) {
 }
 
 // Options that are valid alone but not together.
-bool checkTogether(const Options &options, const std::string &strengthText, std::string &message) {
+bool checkTogether(const Options &options, std::string strengthText, std::string &message) {
     if (options.quiet && options.verbose) {
         message = "--quiet and --verbose exclude each other";
         return false;
@@ -179,6 +227,8 @@ bool checkTogether(const Options &options, const std::string &strengthText, std:
     // stops. Up to 19 every fused pixel keeps a weight of at least 1/255.
     if (int(options.params[kPreserveHighlights]) != 0 && options.params[kHighlightInfluence] < 10.0f &&
         options.params[kStrength] > kMaxStrengthWithInfluence) {
+        if (strengthText.empty())
+            strengthText = number(options.params[kStrength]) + " (look " + options.look + ")";
         message = "--strength " + strengthText + ": above " + number(kMaxStrengthWithInfluence) +
                   " only with --highlight-influence 10 or --no-preserve-highlights (the highlight pass would "
                   "leave some pixels with no weight at all)";
@@ -252,9 +302,14 @@ std::string versionText() {
            "\nExposure fusion of two or three photographs through a sparse bilateral filter pyramid.\n";
 }
 
+std::string lookLine(const Options &options) {
+    const std::string given = paramOptions(options.params, options.paramGiven);
+    return options.look + (given.empty() ? "" : " (given: " + given + ")") + ": " + paramOptions(options.params);
+}
+
 std::string helpText() {
     float d[kFusionParamCount];
-    defaults(d);
+    lookParams(*findLook(kDefaultLook), d);
     std::string s =
         "Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n"
         "  or:  lumora-fuse --batch [OPTION]... FILE|FOLDER... -o FOLDER\n"
@@ -282,8 +337,10 @@ std::string helpText() {
     s += wrapped("      --depth=8|16", "bits per sample of a PNG or TIFF output (default 8; JPEG is 8-bit only)");
     s += wrapped("      --quality=Q", "JPEG quality, 1 to 100 (default 95)");
     s += wrapped("      --loupe=X,Y,W,H", "fuse only the W x H pixels whose top-left corner is at X,Y, filtered with "
-                                          "the radii of the whole picture (a fast preview); in the picture as cropped by "
-                                          "--align or transparent edges");
+                                          "the radii of the whole picture (a fast preview; the natural look's wide filter "
+                                          "reaches past the region, so its tones differ from the whole fusion's, and "
+                                          "--look detail previews more closely); in the picture as cropped by --align "
+                                          "or transparent edges");
     s += wrapped("      --metadata-from=FILE", "copy the metadata of FILE (any image file, an input or not) "
                                                "instead of the middle exposure's");
     s += "\nFrames (more than three of one scene):\n";
@@ -310,6 +367,18 @@ std::string helpText() {
     s += wrapped("      --report=FILE", "write a JSON summary: per bracket its inputs, output, frames fused, "
                                         "alignment, seconds and status (fused, skipped or failed)");
     s += "\nFusion (ranges are what the fusion handles safely):\n";
+    s += wrapped("      --look=NAME", std::string("set every fusion parameter below at once; those given beside it "
+                                                  "override its values (default ") + kDefaultLook + "):");
+    for (const Look &look : kLooks) {
+        float p[kFusionParamCount];
+        lookParams(look, p);
+        bool differs[kFusionParamCount];
+        for (int i = 0; i < kFusionParamCount; ++i)
+            differs[i] = p[i] != d[i];
+        const std::string changes = paramOptions(p, differs);
+        s += wrapped(std::string("        ") + look.name,
+                     std::string(look.purpose) + (changes.empty() ? "" : " (" + changes + ")"));
+    }
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &p = kParamSpecs[i];
         std::string text = std::string(p.help) + " (" + rangeText(p) + ", default " + number(d[p.index]) +
@@ -358,7 +427,7 @@ namespace {
 // The options as given, before their checks.
 struct GivenOptions {
     bool help = false, version = false, preserve = true;
-    std::string paramText[kFusionParamCount], threads, quality, depth, loupe, frames, group, format;
+    std::string look = kDefaultLook, paramText[kFusionParamCount], threads, quality, depth, loupe, frames, group, format;
 };
 
 void declareOptions(CLI::App &app, Options &options, GivenOptions &given) {
@@ -371,6 +440,7 @@ void declareOptions(CLI::App &app, Options &options, GivenOptions &given) {
     app.add_flag("--align", options.align);
     app.add_flag("-v,--verbose", options.verbose);
     app.add_flag("--preserve-highlights,!--no-preserve-highlights", given.preserve);
+    app.add_option("--look", given.look);
     app.add_option("--threads", given.threads);
     app.add_option("--quality", given.quality);
     app.add_option("--depth", given.depth);
@@ -403,14 +473,29 @@ bool parseArguments(CLI::App &app, int argc, const char *const *argv, std::strin
     return true;
 }
 
-// The fusion parameters and the output's numbers.
+// The fusion parameters (the look's, then those given) and the output's numbers.
 bool checkValues(const CLI::App &app, Options &options, const GivenOptions &given, std::string &message) {
-    options.params[kPreserveHighlights] = given.preserve ? 1.0f : 0.0f;
+    const Look *look = findLook(given.look);
+    if (!look) {
+        message = "--look: '" + given.look + "' is not valid (";
+        for (int i = 0; i < kLookCount; ++i)
+            message += std::string(i ? i + 1 < kLookCount ? ", " : " or " : "") + kLooks[i].name;
+        message += ")";
+        return false;
+    }
+    options.look = look->name;
+    lookParams(*look, options.params);
+    if (app.count("--preserve-highlights")) {
+        options.params[kPreserveHighlights] = given.preserve ? 1.0f : 0.0f;
+        options.paramGiven[kPreserveHighlights] = true;
+    }
     for (int i = 0; i < kParamSpecCount; ++i) {
         const ParamSpec &param = kParamSpecs[i];
-        if (app.count(std::string("--") + param.option) &&
-            !checkParam(param, given.paramText[param.index], options.params[param.index], message))
+        if (!app.count(std::string("--") + param.option))
+            continue;
+        if (!checkParam(param, given.paramText[param.index], options.params[param.index], message))
             return false;
+        options.paramGiven[param.index] = true;
     }
     if (!checkTogether(options, given.paramText[kStrength], message))
         return false;
@@ -451,10 +536,8 @@ bool checkFramesAndBatch(const CLI::App &app, Options &options, const GivenOptio
 
 int parseOptions(int argc, const char *const *argv, Options &options, std::string &message) {
     options = Options();
-    defaults(options.params);
     CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
     GivenOptions given;
-    given.preserve = int(options.params[kPreserveHighlights]) != 0;
     declareOptions(app, options, given);
     if (!parseArguments(app, argc, argv, message))
         return 2;

@@ -46,6 +46,19 @@ struct ParamSpec {
 extern const ParamSpec kParamSpecs[];
 extern const int kParamSpecCount;
 
+// A named set of all the fusion parameters (--look); options given beside it
+// override its values.
+struct Look {
+    const char *name;
+    const char *purpose;  // what it is for, in --help
+    bool library;         // the library's own defaults, read from it at run time
+    float params[kFusionParamCount];  // unless library
+};
+extern const Look kLooks[];
+extern const int kLookCount;
+// The tool's default look, chosen by measurement (bench/look_search.py).
+constexpr const char *kDefaultLook = "natural";
+
 struct Loupe {
     bool enabled = false;
     int x = 0, y = 0, width = 0, height = 0;
@@ -55,7 +68,9 @@ struct Options {
     std::vector<std::string> images;
     std::string output;
     FileFormat outputFormat = FileFormat::Unknown;
-    float params[kFusionParamCount] = {};  // the library's defaults unless set
+    std::string look = kDefaultLook;
+    float params[kFusionParamCount] = {};  // the look's values unless set
+    bool paramGiven[kFusionParamCount] = {};  // set by an option of its own
     int threads = 0;                       // 0: one per available core
     Loupe loupe;
     int quality = 95;
@@ -81,7 +96,12 @@ constexpr int kContinue = -1;
 // program name prefix). Never prints and never exits.
 int parseOptions(int argc, const char *const *argv, Options &options, std::string &message);
 
-// The --help text (with the library's defaults).
+// The look and every fusion parameter used, as one line for --verbose and
+// the batch report: "natural, --strength given: --strength 20 --sharpness 2
+// ... --preserve-highlights --highlight-influence 10".
+std::string lookLine(const Options &options);
+
+// The --help text (with the default look's values).
 std::string helpText();
 std::string versionText();
 

@@ -288,6 +288,8 @@ int fusionThreads(const Options &options) {
 
 RunOutcome runTool(Options options) {
     muteMetadataWarnings(!options.verbose);
+    if (options.verbose)
+        say("look " + lookLine(options));
     if (!options.metadataFrom.empty() && access(options.metadataFrom.c_str(), R_OK) != 0)
         return failed(1, options.metadataFrom + ": cannot read the metadata: " + strerror(errno));
     if (options.batch) {

@@ -31,9 +31,13 @@ _PARAMETERS = {
 }
 
 
-def _options(parameters, preserve_highlights, loupe, depth, threads, verbose):
+def _options(look, parameters, preserve_highlights, loupe, depth, threads, verbose):
     """lumora-fuse's command line for these options (what is None keeps the tool's default)."""
     args = []
+    if look is not None:
+        if not isinstance(look, str):
+            raise TypeError(f"look: expected a str, got {type(look).__name__}")
+        args.append(f"--look={look}")
     for name, value in parameters.items():
         if value is None:
             continue
@@ -60,7 +64,7 @@ def _options(parameters, preserve_highlights, loupe, depth, threads, verbose):
     return args + ["a.png", "b.png", "-o", "fused.png"]
 
 
-def fuse(frames, *, bgr=False, strength=None, sharpness=None, saturation=None, start_radius=None,
+def fuse(frames, *, bgr=False, look=None, strength=None, sharpness=None, saturation=None, start_radius=None,
          radius_growth=None, spatial_sigma=None, range_sigma=None, highlight_influence=None,
          preserve_highlights=None, loupe=None, depth=8, threads=0, verbose=False, progress=None):
     """Fuses two or more exposures of one scene into one picture.
@@ -71,6 +75,9 @@ def fuse(frames, *, bgr=False, strength=None, sharpness=None, saturation=None, s
         brightest and the one whose mean is nearest mid-grey are fused, as
         lumora-fuse picks frames that record no exposure.
     bgr: the frames and the result are in B, G, R order (OpenCV's).
+    look: lumora-fuse's --look: "natural" (the default), "detail" or
+        "library" (the fusion library's own defaults); the options below
+        override it.
     strength ... highlight_influence, preserve_highlights: lumora-fuse's
         fusion options (--strength, ...); None keeps the tool's default.
     loupe: (x, y, width, height): fuse only that region, with the radii of
@@ -93,7 +100,7 @@ def fuse(frames, *, bgr=False, strength=None, sharpness=None, saturation=None, s
                   "highlight_influence": highlight_influence}
     if progress is not None and not callable(progress):
         raise TypeError("progress: expected a callable")
-    args = _options(parameters, preserve_highlights, loupe, depth, threads, verbose)
+    args = _options(look, parameters, preserve_highlights, loupe, depth, threads, verbose)
     return _lumora.fuse(frames, bool(bgr), args, progress)
 
 

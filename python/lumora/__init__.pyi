@@ -10,7 +10,7 @@ class Cancelled(Exception): ...
 
 Frame = Union[npt.NDArray[np.uint8], npt.NDArray[np.uint16]]
 
-def fuse(frames: Sequence[Frame], *, bgr: bool = ..., strength: Optional[float] = ...,
+def fuse(frames: Sequence[Frame], *, bgr: bool = ..., look: Optional[str] = ..., strength: Optional[float] = ...,
          sharpness: Optional[float] = ..., saturation: Optional[float] = ...,
          start_radius: Optional[float] = ..., radius_growth: Optional[float] = ...,
          spatial_sigma: Optional[float] = ..., range_sigma: Optional[float] = ...,

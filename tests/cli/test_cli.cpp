@@ -16,6 +16,7 @@
 #include <zlib.h>
 
 #include "cli_support.h"
+#include "options.h"
 
 namespace fs = std::filesystem;
 using namespace lumora_fuse;
@@ -109,12 +110,13 @@ TEST_F(Cli, FusesTwoOrThreeExposuresOfEveryFormatIntoEveryFormatWhateverTheOrder
               "PNGII\xFF\xD8") << "each file in the format its name asks for";
     const Image fused = load(at("f.png"));
     EXPECT_EQ(fused.rgb, load(at("f.tif")).rgb) << "lossless outputs of one fusion match";
-    EXPECT_LT(meanAbsDiff(fused.rgb, load(at("f.jpg")).rgb), 2.0);
+    // JPEG's chroma subsampling costs the default look's stronger colour edges about 2 levels.
+    EXPECT_LT(meanAbsDiff(fused.rgb, load(at("f.jpg")).rgb), 3.0) << "the JPEG is the same picture";
 }
 
 TEST_F(Cli, SixteenBitOutputsKeepTheirPrecisionInputsAreConvertedWithANoteAndHighlightsDarken) {
     writeBracket({"d.png", "m.png", "b.png"});
-    ASSERT_EQ(run("@d.png @m.png @b.png -o @kept.png").status, 0);
+    ASSERT_EQ(run("--preserve-highlights @d.png @m.png @b.png -o @kept.png").status, 0);
     for (const std::string name : {"f16.png", "f16.tif", "plain.png"})
         ASSERT_EQ(run("--no-preserve-highlights --depth " + std::string(name[1] == '1' ? "16" : "8") +
                       " @d.png @m.png @b.png -o @" + name).status, 0) << name;
@@ -158,12 +160,14 @@ TEST_F(Cli, SixteenBitOutputsKeepTheirPrecisionInputsAreConvertedWithANoteAndHig
                             "lumora-fuse: @pal.png: palette expanded to RGB\n"));
 }
 
+// With the library's spatial sigma: the natural look's wider filter reaches
+// far past the region, whose fusion then differs from the whole one's there.
 TEST_F(Cli, LoupeFusesOnlyItsRegionWithTheWholePicturesRadii) {
     writeBracket({"d.png", "m.png", "b.png"});
     for (int i = 0; i < 3; ++i) save(at("crop" + std::to_string(i) + ".png"), crop(bracket_[i], 40, 24, 64, 48));
-    ASSERT_EQ(run("@d.png @m.png @b.png -o @full.png").status, 0);
-    ASSERT_EQ(run("@crop0.png @crop1.png @crop2.png -o @alone.png").status, 0);
-    const ToolRun r = run("--loupe 40,24,64,48 @d.png @m.png @b.png -o @loupe.png");
+    ASSERT_EQ(run("--look library @d.png @m.png @b.png -o @full.png").status, 0);
+    ASSERT_EQ(run("--look library @crop0.png @crop1.png @crop2.png -o @alone.png").status, 0);
+    const ToolRun r = run("--look library --loupe 40,24,64,48 @d.png @m.png @b.png -o @loupe.png");
     ASSERT_EQ(r.status, 0) << r.err;
     const Image full = load(at("full.png")), loupe = load(at("loupe.png"));
     ASSERT_EQ(std::make_pair(loupe.width, loupe.height), std::make_pair(64, 48));
@@ -275,8 +279,11 @@ TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAnd
         {"--strength lots @a.png @b.png -o @f.jpg", 2, "--strength: 'lots' is not a number"},
         {"--range-sigma nan @a.png @b.png -o @f.jpg", 2, "--range-sigma: 'nan' is not a number"},
         {"--start-radius 2.5 @a.png @b.png -o @f.jpg", 2, "--start-radius: '2.5' is not a whole number"},
-        {"--strength 20 --highlight-influence 9.5 @a.png @b.png -o @f.jpg", 2,
+        {"--look library --strength 20 --highlight-influence 9.5 @a.png @b.png -o @f.jpg", 2,
          "--strength 20: above 19 only with --highlight-influence 10"},
+        {"--look vivid @a.png @b.png -o @f.jpg", 2, "--look: 'vivid' is not valid (natural, detail or library)"},
+        {"--preserve-highlights --highlight-influence 5 @a.png @b.png -o @f.jpg", 2,
+         "--strength 37.5 (look natural): above 19 only with --highlight-influence 10"},
         {"@a.png @b.png -o @f.jpg", 1, "@f.jpg: cannot write the output: File too large", fsize},
         {"@a.png @b.png -o @f.png", 1, "@f.png: cannot write the output: File too large", fsize},
         {"@a.png @b.png -o @f.tif", 1, "@f.tif: cannot write the output: File too large", fsize},
@@ -361,7 +368,7 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
     EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
     const std::string report = slurp(at("report.json"));
-    for (const std::string key : {"\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
+    for (const std::string key : {"\"look\": \"natural: --strength ", "\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
                                   "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
         EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
 
@@ -378,6 +385,8 @@ TEST_F(Cli, HelpFollowsGnuConventionsAndNamesEveryFusionOption) {
     EXPECT_EQ(help.out.rfind("Usage: lumora-fuse [OPTION]... IMAGE IMAGE [IMAGE]... -o OUTPUT\n", 0), 0u);
     for (const auto &[option, values] : kOutOfRange)
         EXPECT_NE(help.out.find(option + "="), std::string::npos) << option;
+    for (int i = 0; i < kLookCount; ++i)
+        EXPECT_NE(help.out.find(std::string("\n        ") + kLooks[i].name + " "), std::string::npos) << kLooks[i].name;
     std::istringstream lines(help.out);
     for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 79u) << line;
 }

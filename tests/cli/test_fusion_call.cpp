@@ -1,8 +1,8 @@
 // test_fusion_call.cpp: the tool's parts as functions: the frame pick and the
-// batch's grouping, how lumora-fuse prepares and calls the fusion library
-// (regions grown, small pictures extended by mirroring and cropped back), and
-// the committed fuzz corpora replayed through the fuzzers' own entry
-// functions.
+// batch's grouping, the parameters of each look, how lumora-fuse prepares and
+// calls the fusion library (regions grown, small pictures extended by
+// mirroring and cropped back), and the committed fuzz corpora replayed
+// through the fuzzers' own entry functions.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -176,6 +176,68 @@ TEST(ToolParts, ARegionGrowsToTheSmallestSideInsideThePictureOrCentredAcrossASma
                   std::vector<int>({c.area.x, c.area.y, c.area.width, c.area.height, c.area.pictureWidth,
                                     c.area.pictureHeight}));
     }
+}
+
+// The tool's options for a command line of the test's, with the files every run needs.
+Options parsed(const std::string &line, std::string &message) {
+    std::vector<std::string> args = {"lumora-fuse", "a.png", "b.png", "c.png", "-o", "f.png"};
+    for (size_t at = 0, end; at < line.size(); at = end + 1)
+        args.push_back(line.substr(at, (end = std::min(line.find(' ', at), line.size())) - at));
+    std::vector<const char *> argv;
+    for (const std::string &arg : args) argv.push_back(arg.c_str());
+    Options options;
+    EXPECT_EQ(parseOptions(int(argv.size()), argv.data(), options, message), kContinue) << line << ": " << message;
+    return options;
+}
+
+// The parameters each look was chosen with (bench/look_search.md), in the library's order.
+TEST(Options, EachLookSetsItsParametersAnOptionBesideItOverridesThemAndTheLibraryLookFusesLikeAHost) {
+    using Params = std::vector<float>;
+    float defaults[kFusionParamCount];
+    init_realistic_param(defaults);
+    const Params library(defaults, defaults + kFusionParamCount), natural = {37.5f, 1.5f, 3, 3, 3.2f, 2, 0.1f, 0, 10},
+                 detail = {30, 2, 3, 3, 5, 0.2f, 0.1f, 0, 10};
+    const auto with = [](Params p, std::initializer_list<std::pair<FusionParam, float>> changes) {
+        for (auto [i, v] : changes) p[i] = v;
+        return p;
+    };
+    const std::tuple<std::string, std::string, Params> cases[] = {
+        {"", "natural", natural}, {"--look natural", "natural", natural}, {"--look detail", "detail", detail},
+        {"--look=library", "library", library},
+        {"--spatial-sigma 3 --look detail", "detail", with(detail, {{kSpatialSigma, 3}})},
+        {"--look library --no-preserve-highlights --strength 25", "library",
+         with(library, {{kPreserveHighlights, 0}, {kStrength, 25}})},
+        {"--preserve-highlights --highlight-influence 4 --strength 12", "natural",
+         with(natural, {{kPreserveHighlights, 1}, {kHighlightInfluence, 4}, {kStrength, 12}})}};
+    for (const auto &[line, look, want] : cases) {
+        std::string message;
+        const Options options = parsed(line, message);
+        EXPECT_EQ(options.look, look) << line;
+        EXPECT_EQ(Params(options.params, options.params + kFusionParamCount), want) << line;
+    }
+    std::string message;
+    EXPECT_EQ(lookLine(parsed("--look library --strength 12", message)),
+              "library (given: --strength 12): --strength 12 --sharpness 2 --saturation 0 --start-radius 3 "
+              "--radius-growth 5 --spatial-sigma 0.2 --range-sigma 0.2 --highlight-influence 10 --preserve-highlights");
+
+    // A host calls the library as tests/install/host.c does: a first pass with the highlight mode off, then the
+    // second with the darkest exposure.
+    const int w = 48, h = 40;
+    const std::vector<Image> bracket = bracketOf(w, h, 9);
+    std::vector<unsigned char> sources, first(w * h * 3), host(w * h * 3), tool(w * h * 3);
+    for (const Image &image : bracket) sources.insert(sources.end(), image.rgb.begin(), image.rgb.end());
+    optim_param_struct optim{};
+    optim.nbProc = 2;
+    defaults[kPreserveHighlights] = 0;
+    hx_fusion2(optim, defaults, 3, w, h, w, h, w * 3, 0, 3, 8, 8, 8, nullptr, sources.data(), nullptr, first.data(),
+               nullptr);
+    init_realistic_param(defaults);
+    hx_combi_realistic(optim, defaults, w, h, w * 3, 0, 3, 8, 8, 8, first.data(), sources.data(), host.data(), nullptr);
+    const Options options = parsed("--look library", message);
+    FusionJob job{{}, {}, options.params, 2, 8, nullptr};
+    for (const Image &image : bracket) job.exposures.push_back(&image);
+    ASSERT_EQ(fuseExposures(job, tool.data()), FusionStatus::Done);
+    EXPECT_TRUE(tool == host);
 }
 
 // Every committed fuzz input (among them what the fuzzers once found) through

@@ -2,8 +2,9 @@
 # Installs a build into a fresh prefix and checks that the installed tree is
 # usable from there: lumora-fuse runs; host.c builds through pkg-config and
 # through the CMake package; the programs run with no library path in the
-# environment; both hosts give the bytes of the installed tool, and a host
-# with platform functions of its own gets them called.
+# environment; both hosts give the bytes of the installed tool with its
+# library look, and a host with platform functions of its own gets them
+# called.
 # Usage: check_install.sh BUILD_DIR LIBDIR C_COMPILER CMAKE CMAKE_GENERATOR
 set -euo pipefail
 build=$1 libdir_name=$2 cc=$3 cmake=$4 generator=$5
@@ -63,7 +64,8 @@ ldd "$tmp/host-own" > "$tmp/host-own.ldd"
 ! grep -q lumorafusion-host "$tmp/host-own.ldd" || fail "host-own loads the default host"
 
 out=$tmp/out/host-pc
-"$prefix/bin/lumora-fuse" -q "$out"/exposure-{0,1,2}.png -o "$out/tool.png" ||
+# The library's own defaults are one look of the tool's, not its default.
+"$prefix/bin/lumora-fuse" -q --look library "$out"/exposure-{0,1,2}.png -o "$out/tool.png" ||
     fail "the installed lumora-fuse did not fuse"
 "$tmp/host-pc" raw "$out/tool.png" "$out/tool.rgb"
 cmp "$out/fused.rgb" "$out/tool.rgb" || fail "the pkg-config host and lumora-fuse differ"

@@ -4,8 +4,9 @@
  *   host write DIR           writes a made-up 48x40 bracket as
  *                            DIR/exposure-0.png (darkest) .. exposure-2.png,
  *                            fuses it with the default parameters in the two
- *                            passes that lumora-fuse makes, and writes the
- *                            result's raw RGB bytes to DIR/fused.rgb
+ *                            passes that lumora-fuse --look library makes,
+ *                            and writes the result's raw RGB bytes to
+ *                            DIR/fused.rgb
  *   host raw IN.png OUT.rgb  writes the raw RGB bytes of a PNG image
  *
  * Built with -DOWN_PLATFORM_FUNCTIONS, the program brings its own HXwritejpg,

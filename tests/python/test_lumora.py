@@ -35,8 +35,8 @@ def tool(*args):
 PARITY = {
     "defaults": ({}, []),
     "loupe": ({"loupe": (20, 10, 48, 40)}, ["--loupe", "20,10,48,40"]),
-    "depth 16, no highlight pass": ({"depth": 16, "preserve_highlights": False, "strength": 18},
-                                    ["--depth", "16", "--no-preserve-highlights", "--strength", "18"]),
+    "depth 16, the library's look": ({"depth": 16, "look": "library", "strength": 18},
+                                     ["--depth", "16", "--look", "library", "--strength", "18"]),
     "bgr": ({"bgr": True}, []),
     "uint16 frames": ({"wide": True}, []),
 }
@@ -71,6 +71,7 @@ def test_the_array_contract(frames):
         (frames, {"strength": "18"}, TypeError, "strength: expected a number"),
         (frames, {"loupe": (100, 0, 64, 48)}, ValueError, "does not fit in the 128x96 picture"),
         (frames, {"depth": 12}, ValueError, "--depth: '12' is not valid"),
+        (frames, {"look": "vivid"}, ValueError, "--look"),
     ]
     for given, keywords, exception, words in cases:
         with pytest.raises(exception) as raised:
