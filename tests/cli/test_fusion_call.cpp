@@ -195,8 +195,8 @@ TEST(Options, EachLookSetsItsParametersAnOptionBesideItOverridesThemAndTheLibrar
     using Params = std::vector<float>;
     float defaults[kFusionParamCount];
     init_realistic_param(defaults);
-    const Params library(defaults, defaults + kFusionParamCount), natural = {37.5f, 1.5f, 3, 3, 3.2f, 2, 0.1f, 0, 10},
-                 detail = {30, 2, 3, 3, 5, 0.2f, 0.1f, 0, 10};
+    const Params library(defaults, defaults + kFusionParamCount), natural = {37.5f, 1.5f, 1, 3, 3.2f, 1, 0.1f, 0, 10},
+                 detail = {30, 2, 1, 3, 5, 0.2f, 0.1f, 0, 10};
     const auto with = [](Params p, std::initializer_list<std::pair<FusionParam, float>> changes) {
         for (auto [i, v] : changes) p[i] = v;
         return p;
