@@ -191,7 +191,9 @@ Options parsed(const std::string &line, std::string &message) {
 }
 
 // The parameters each look was chosen with (bench/look_search.md), in the library's order.
-TEST(Options, EachLookSetsItsParametersAnOptionBesideItOverridesThemAndTheLibraryLookFusesLikeAHost) {
+// That the library look fuses like a host calling the library with its
+// defaults is the install test's check (tests/install/check_install.sh).
+TEST(Options, EachLookSetsItsParametersAndAnOptionBesideItOverridesThem) {
     using Params = std::vector<float>;
     float defaults[kFusionParamCount];
     init_realistic_param(defaults);
@@ -219,25 +221,6 @@ TEST(Options, EachLookSetsItsParametersAnOptionBesideItOverridesThemAndTheLibrar
     EXPECT_EQ(lookLine(parsed("--look library --strength 12", message)),
               "library (given: --strength 12): --strength 12 --sharpness 2 --saturation 0 --start-radius 3 "
               "--radius-growth 5 --spatial-sigma 0.2 --range-sigma 0.2 --highlight-influence 10 --preserve-highlights");
-
-    // A host calls the library as tests/install/host.c does: a first pass with the highlight mode off, then the
-    // second with the darkest exposure.
-    const int w = 48, h = 40;
-    const std::vector<Image> bracket = bracketOf(w, h, 9);
-    std::vector<unsigned char> sources, first(w * h * 3), host(w * h * 3), tool(w * h * 3);
-    for (const Image &image : bracket) sources.insert(sources.end(), image.rgb.begin(), image.rgb.end());
-    optim_param_struct optim{};
-    optim.nbProc = 2;
-    defaults[kPreserveHighlights] = 0;
-    hx_fusion2(optim, defaults, 3, w, h, w, h, w * 3, 0, 3, 8, 8, 8, nullptr, sources.data(), nullptr, first.data(),
-               nullptr);
-    init_realistic_param(defaults);
-    hx_combi_realistic(optim, defaults, w, h, w * 3, 0, 3, 8, 8, 8, first.data(), sources.data(), host.data(), nullptr);
-    const Options options = parsed("--look library", message);
-    FusionJob job{{}, {}, options.params, 2, 8, nullptr};
-    for (const Image &image : bracket) job.exposures.push_back(&image);
-    ASSERT_EQ(fuseExposures(job, tool.data()), FusionStatus::Done);
-    EXPECT_TRUE(tool == host);
 }
 
 // Every committed fuzz input (among them what the fuzzers once found) through
