@@ -275,8 +275,8 @@ int cropTransparentEdges(const Options &options, std::vector<Image> &images) {
 }
 
 // With --align, every frame registered to the middle one (by brightness) and
-// all cut down to the area they share; without, a quick look that suggests it
-// when the frames are a pixel or more out of line.
+// all cut down to the area they share; without, a look that suggests it when
+// aligning would move a frame a pixel or more.
 int alignExposures(const Options &options, std::vector<Image> &images, int reference) {
     const std::string &name = options.images[reference];
     if (options.threads > 0)
@@ -299,11 +299,7 @@ int alignExposures(const Options &options, std::vector<Image> &images, int refer
             ": " + error);
         return 1;
     }
-    char text[160];
-    snprintf(text, sizeof text, " (moved up to %.1f px, turned up to %.2f degrees); ", summary.largestShift,
-             summary.largestAngle);
-    gAlignment = "aligned " + std::to_string(images.size()) + " frames to " + name + text +
-                 cropText(summary.crop, width, height);
+    gAlignment = alignmentLine(summary, options.images, width, height);
     if (!options.quiet)
         say(gAlignment);
     return cancelRequested() ? cancelled() : kContinue;
