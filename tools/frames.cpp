@@ -192,6 +192,8 @@ int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::
         if (std::abs(light[order[i]] - normal) < std::abs(light[middle] - normal))
             middle = order[i];
     choice.paths = {frames[darkest], frames[middle], frames[brightest]};
+    for (size_t i : order)
+        choice.bracket.push_back(frames[i]);
     choice.line = count + baseName(frames[darkest]) + " (darkest), " + baseName(frames[middle]) + " (normal), " +
                   baseName(frames[brightest]) + " (brightest) by " +
                   (recorded ? "recorded exposure" : "mean brightness");

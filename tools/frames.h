@@ -43,6 +43,7 @@ bool sameFile(const std::string &a, const std::string &b);
 struct FrameChoice {
     std::vector<std::string> paths;  // 2 or 3
     std::string line;                // what was picked and why; empty when all are fused
+    std::vector<std::string> bracket;  // every frame, darkest first, when three were picked out of more
 };
 
 // With named frames, those (each one of the frames). With more than three,

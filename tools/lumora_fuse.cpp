@@ -274,16 +274,18 @@ int cropTransparentEdges(const Options &options, std::vector<Image> &images) {
     return kContinue;
 }
 
-// With --align, every frame registered to the middle one (by brightness) and
-// all cut down to the area they share; without, a look that suggests it when
+// With --align, every frame registered to the middle one (by brightness),
+// through the frames between them when picked out of more, and all cut down
+// to the area they share; without, a quick look that suggests it when
 // aligning would move a frame a pixel or more.
 int alignExposures(const Options &options, std::vector<Image> &images, int reference) {
     const std::string &name = options.images[reference];
     if (options.threads > 0)
         setAlignmentThreads(options.threads);
     gAlignment = "none";
+    const Neighbours neighbours{options.images, options.bracket};
     if (!options.align) {
-        const double off = options.quiet ? 0 : misalignment(images, reference);
+        const double off = options.quiet ? 0 : misalignment(images, reference, neighbours);
         char text[160];
         snprintf(text, sizeof text, "the exposures are up to %.1f px out of line with %s; --align would register them",
                  off, name.c_str());
@@ -294,7 +296,7 @@ int alignExposures(const Options &options, std::vector<Image> &images, int refer
     const int width = images[0].width, height = images[0].height;
     AlignSummary summary;
     std::string error;
-    if (!alignFrames(images, reference, summary, error)) {
+    if (!alignFrames(images, reference, summary, error, neighbours)) {
         say((summary.failed >= 0 ? options.images[summary.failed] + ": cannot align to " : "cannot align to ") + name +
             ": " + error);
         return 1;
@@ -490,5 +492,6 @@ int main(int argc, char **argv) {
     if (!options.quiet && !choice.line.empty())
         say(choice.line);
     options.images = choice.paths;
+    options.bracket = choice.bracket;
     return run(options);
 }

@@ -19,6 +19,7 @@ using namespace lumora_cli;
 
 namespace {
 
+constexpr Affine kIdentity{1, 0, 0, 0, 1, 0};
 constexpr int kWidth = 432, kHeight = 304;  // a frame: the 512x384 sample less a margin for the moves
 
 // One frame's pose: turned by degrees about its centre and moved by (dx, dy)
@@ -184,6 +185,21 @@ TEST_F(Align, AWideSpreadIsRegisteredThroughTheFramesBetween) {
     for (int i : {0, 2}) {
         EXPECT_LT(cornerError(summary.transforms[i], poses[2 * i], poses[2]), 0.5) << "frame " << i;
         EXPECT_EQ(summary.outcome[i], Registration::Kept) << "frame " << i;
+    }
+
+    // The tool, given all five, goes through those between as well: the
+    // darkest and brightest frames' moves as the line gives them (straight to
+    // the normal frame, the darkest one shares too little with it).
+    const ToolRun r = run("--align @e0.png @e1.png @e2.png @e3.png @e4.png -o @f.png");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const size_t to = r.err.find("aligned 3 frames to ");
+    ASSERT_NE(to, std::string::npos) << r.err;
+    const int reference = r.err[r.err.find(".png:", to) - 1] - '0';
+    for (int k : {0, 4}) {
+        const size_t found = r.err.find(at(names[k]) + " found ");
+        ASSERT_NE(found, std::string::npos) << r.err;
+        const double moved = std::stod(r.err.substr(found + at(names[k]).size() + 7));
+        EXPECT_NEAR(moved, cornerError(kIdentity, poses[k], poses[reference]), 0.5) << r.err;
     }
 }
 
