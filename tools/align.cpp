@@ -1,5 +1,5 @@
-// align.cpp: registration of differently exposed frames (OpenCV's photo and
-// video modules) and their resampling onto one grid.
+// align.cpp: registration of differently exposed frames (OpenCV's imgproc
+// and video modules) and their resampling onto one grid.
 #include "align.h"
 
 #include <algorithm>
@@ -9,7 +9,6 @@
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
-#include <opencv2/photo.hpp>
 #include <opencv2/video/tracking.hpp>
 
 namespace lumora_fuse {
@@ -167,6 +166,8 @@ int maskedMedian(const cv::Mat &grey, const cv::Mat &mask) {
 // threshold and those crushed or clipped in either frame. The search halves
 // the pictures bits times and doubles the shift back level by level, scoring
 // each candidate by the share of the pixels counted in both that disagree.
+// OpenCV's bitmaps (AlignMTB), which count clipped and crushed pixels, started
+// the cave bracket 31 px off and one of the balloons' 25 px.
 cv::Point bitmapShift(const cv::Mat &reference, const cv::Mat &frame, const cv::Mat &common, int bits) {
     const int thresholds[2] = {maskedMedian(reference, common), maskedMedian(frame, common)};
     std::vector<cv::Mat> pyramids[2] = {halvings(reference, 0, 8), halvings(frame, 0, 8)};
@@ -301,9 +302,9 @@ PairResult registerFrame(const Levels &reference, const Levels &frame) {
 
     // Rotation and shift refined level by level; past the coarsest level the
     // start is close and a hundredth of a pixel is close enough. The fit
-    // sees the whole picture: masked to the part well exposed in both, it
-    // came out up to 2 px off on tripod brackets where the whole picture
-    // gave 0.5 at most (the mask's edges move with the fit).
+    // sees the whole picture: given a mask of the part well exposed in both,
+    // it put the dark frame of a tripod bracket 1.9 px off, against 0.4
+    // without.
     for (int l = coarsest; l >= finest; --l) {
         if (l != coarsest)
             w = regrid(w, levelGrid(l + 1), levelGrid(l));
@@ -343,7 +344,7 @@ PairResult registerFrame(const Levels &reference, const Levels &frame) {
     for (size_t t = 0; t < before.tiles.size(); ++t)
         if (!std::isnan(before.tiles[t]) && !std::isnan(after.tiles[t]))
             ++counted, better += after.tiles[t] > before.tiles[t];
-    if (after.whole > before.whole + kMinGain && better >= kMostTiles * counted &&
+    if (after.whole > before.whole + kMinGain && counted > 0 && better >= kMostTiles * counted &&
         cornerShift(result.found, reference.grey[0].cols, reference.grey[0].rows) >= kMinMove)
         result.outcome = Registration::Kept;
     return result;
