@@ -6,9 +6,9 @@
 // enhanced-correlation fit of a rotation and shift on histogram-equalised
 // pictures refines it to a fraction of a pixel. A transform is used only when
 // it makes the frames' gradients agree clearly better than leaving the frame
-// where it is. The frames moved are then resampled (bicubic) onto the
-// reference frame's grid and all are cut down to the largest rectangle that
-// every one of them covers.
+// where it is, and moves it by a pixel or more. The frames moved are then
+// resampled (bicubic) onto the reference frame's grid and all are cut down to
+// the largest rectangle that every one of them covers.
 //
 // Kept apart from the rest of the run so that every caller (one fusion, or
 // many in a batch) aligns its decoded frames alike.
@@ -28,21 +28,21 @@ using Affine = std::array<double, 6>;
 
 // What became of a frame's registration.
 enum class Registration {
-    Reference,   // the frame the others were registered to
-    Kept,        // the transform found brings the frame in line with the reference
-    InLine,      // what was found agrees no better than the identity: the frame stays as it is
-    TooLittle,   // too little is well exposed in both frames to judge by: the frame stays as it is
+    Reference,  // the frame the others were registered to
+    Kept,       // the transform found brings the frame in line with the reference
+    InLine,     // what was found is no clear gain over the identity: the frame stays as it is
+    TooLittle,  // too little is well exposed in both frames to judge by: the frame stays as it is
 };
 
 struct AlignSummary {
-    int reference = 0;               // index of the frame the others were registered to
-    std::vector<Affine> transforms;  // per frame: its position of each point of the reference frame, as used
-    std::vector<Affine> found;       // per frame: what the registration found, used or not
+    int reference = 0;                  // index of the frame the others were registered to
+    std::vector<Affine> transforms;     // per frame: its position of each point of the reference frame, as used
+    std::vector<Affine> found;          // per frame: what the registration found, used or not
     std::vector<Registration> outcome;  // per frame
-    Rect crop;                       // the part of the reference frame's grid kept
-    double largestShift = 0;         // pixels, at a corner of the picture, over all frames as used
-    double largestAngle = 0;         // degrees, over all frames as used
-    int failed = -1;                 // the frame that could not be registered, if any
+    Rect crop;                          // the part of the reference frame's grid kept
+    double largestShift = 0;            // pixels, at a corner of the picture, over all frames as used
+    double largestAngle = 0;            // degrees, over all frames as used
+    int failed = -1;                    // the frame that could not be registered, if any
 };
 
 // Frames given besides the fused ones, which the registration goes through:
