@@ -334,6 +334,7 @@ py::dict fuseBracketOf(const std::vector<std::string> &args, const std::vector<s
         const int chosen = chooseFrames(inputs, {}, choice, error);
         if (chosen == kContinue) {
             options.images = choice.paths;
+            options.bracket = choice.bracket;
             outcome = fuseBracket(options, {}, true);
         } else {
             outcome.status = chosen;

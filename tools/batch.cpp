@@ -257,6 +257,7 @@ struct BatchRun {
         b.chosen = p.choice.paths;
         Options one = options;
         one.images = p.choice.paths;
+        one.bracket = p.choice.bracket;
         one.output = b.output;
         if (k + 1 < todo.size()) {
             const Bracket &after = brackets[todo[k + 1]];

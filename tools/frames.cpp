@@ -164,10 +164,15 @@ std::vector<int> brightnessOrder(const std::vector<const Image *> &images) {
     return order;
 }
 
-std::array<size_t, 3> pickThree(const std::vector<double> &light, double normal) {
+std::vector<size_t> lightOrder(const std::vector<double> &light) {
     std::vector<size_t> order(light.size());
     std::iota(order.begin(), order.end(), 0);
     std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return light[a] < light[b]; });
+    return order;
+}
+
+std::array<size_t, 3> pickThree(const std::vector<double> &light, double normal) {
+    const std::vector<size_t> order = lightOrder(light);
     size_t middle = order[1];
     for (size_t i = 1; i + 1 < order.size(); ++i)
         if (std::abs(light[order[i]] - normal) < std::abs(light[middle] - normal))
@@ -237,6 +242,8 @@ int chooseFrames(const std::vector<std::string> &frames, const std::vector<std::
     }
     const auto [darkest, middle, brightest] = pickThree(light, normal);
     choice.paths = {frames[darkest], frames[middle], frames[brightest]};
+    for (size_t i : lightOrder(light))
+        choice.bracket.push_back(frames[i]);
     choice.line = count + baseName(frames[darkest]) + " (darkest), " + baseName(frames[middle]) + " (normal), " +
                   baseName(frames[brightest]) + " (brightest) by " +
                   (recorded ? "recorded exposure" : "mean brightness");

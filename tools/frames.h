@@ -63,7 +63,11 @@ std::vector<int> brightnessOrder(const std::vector<const Image *> &images);
 struct FrameChoice {
     std::vector<std::string> paths;  // 2 or 3
     std::string line;                // what was picked and why; empty when all are fused
+    std::vector<std::string> bracket;  // every frame, darkest first, when three were picked out of more
 };
+
+// Indices of frames by their light, darkest first; ties keep their order.
+std::vector<size_t> lightOrder(const std::vector<double> &light);
 
 // Of three or more frames by their light (higher is brighter): the darkest,
 // of the others the one nearest normal (the first of equals in light order),

@@ -332,8 +332,10 @@ std::string helpText() {
         "\n"
         "Input:\n";
     s += wrapped("      --align", "register every exposure to the middle one (shift and rotation, whatever the exposure "
-                                  "difference) before fusing, and cut the result down to the largest rectangle all of "
-                                  "them cover; without it, exposures found a pixel or more out of line are reported");
+                                  "difference; through the frames between them when picked out of more) before "
+                                  "fusing, move those it brings clearly into line, and cut the result down to the "
+                                  "largest rectangle all of them cover; without it, exposures that aligning would "
+                                  "move a pixel or more are reported");
     s += "\nOutput:\n";
     s += wrapped("  -o, --output=FILE",
                  "write the result to FILE (required); it is written whole or not at all, and never over an input "

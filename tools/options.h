@@ -79,6 +79,7 @@ struct Options {
     bool quiet = false;
     bool verbose = false;
     std::vector<std::string> frames;  // --frames: the ones to fuse, as given
+    std::vector<std::string> bracket;  // every frame, darkest first, when the images were picked out of more
     std::string metadataFrom;         // --metadata-from: the file whose metadata the output gets
     // --batch: images are files and folders, output is the output folder.
     bool batch = false;

@@ -122,9 +122,10 @@ private:
         return kContinue;
     }
 
-    // With --align, every frame registered to the middle one (by brightness)
+    // With --align, every frame registered to the middle one (by
+    // brightness), through the frames between them when picked out of more,
     // and all cut down to the area they share; without, a quick look that
-    // suggests it when the frames are a pixel or more out of line.
+    // suggests it when aligning would move a frame a pixel or more.
     int alignExposures() {
         std::vector<const Image *> frames;
         for (const Image &image : images_)
@@ -134,8 +135,9 @@ private:
         const std::string &name = options_.images[reference];
         if (options_.threads > 0)
             setAlignmentThreads(options_.threads);
+        const Neighbours neighbours{options_.images, options_.bracket};
         if (!options_.align) {
-            const double off = options_.quiet ? 0 : misalignment(images_, reference);
+            const double off = options_.quiet ? 0 : misalignment(images_, reference, neighbours);
             char text[160];
             snprintf(text, sizeof text,
                      "the exposures are up to %.1f px out of line with %s; --align would register them", off,
@@ -147,16 +149,12 @@ private:
         const int width = images_[0].width, height = images_[0].height;
         AlignSummary summary;
         std::string error;
-        if (!alignFrames(images_, reference, summary, error)) {
+        if (!alignFrames(images_, reference, summary, error, neighbours)) {
             say((summary.failed >= 0 ? options_.images[summary.failed] + ": cannot align to " : "cannot align to ") +
                 name + ": " + error);
             return 1;
         }
-        char text[160];
-        snprintf(text, sizeof text, " (moved up to %.1f px, turned up to %.2f degrees); ", summary.largestShift,
-                 summary.largestAngle);
-        outcome_.alignment = "aligned " + std::to_string(images_.size()) + " frames to " + name + text +
-                             cropText(summary.crop, width, height);
+        outcome_.alignment = alignmentLine(summary, options_.images, width, height);
         if (!options_.quiet)
             say(outcome_.alignment);
         return cancelRequested() ? cancelled() : kContinue;
@@ -307,6 +305,7 @@ RunOutcome runTool(Options options) {
     if (!options.quiet && !choice.line.empty())
         say(choice.line);
     options.images = choice.paths;
+    options.bracket = choice.bracket;
     return fuseBracket(options);
 }
 

@@ -1,8 +1,12 @@
 // test_align.cpp: registration of the sample bracket moved by known
-// transforms, the common area of aligned frames, and lumora-fuse's --align
-// and transparent inputs as a user meets them.
+// transforms, at a normal and at an extreme exposure spread and with a moving
+// part, the common area of aligned frames, and lumora-fuse's --align and
+// transparent inputs as a user meets them.
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include <opencv2/imgproc.hpp>
 
@@ -15,6 +19,7 @@ using namespace lumora_cli;
 
 namespace {
 
+constexpr Affine kIdentity{1, 0, 0, 0, 1, 0};
 constexpr int kWidth = 432, kHeight = 304;  // a frame: the 512x384 sample less a margin for the moves
 
 // One frame's pose: turned by degrees about its centre and moved by (dx, dy)
@@ -31,6 +36,24 @@ cv::Matx23d frameToSample(const Pose &pose) {
 }
 
 cv::Matx33d square(const cv::Matx23d &m) { return {m(0, 0), m(0, 1), m(0, 2), m(1, 0), m(1, 1), m(1, 2), 0, 0, 1}; }
+
+// How far m misplaces the farthest-off corner of a frame, against where the
+// reference's pose and the frame's put it.
+double cornerError(const Affine &m, const Pose &frame, const Pose &reference) {
+    const cv::Matx33d expected = square(frameToSample(frame)).inv() * square(frameToSample(reference));
+    double largest = 0;
+    for (const auto &[x, y] : {std::pair{0, 0}, {kWidth - 1, 0}, {0, kHeight - 1}, {kWidth - 1, kHeight - 1}})
+        largest = std::max(largest, std::hypot(m[0] * x + m[1] * y + m[2] - (expected(0, 0) * x + expected(0, 1) * y +
+                                                                               expected(0, 2)),
+                                               m[3] * x + m[4] * y + m[5] - (expected(1, 0) * x + expected(1, 1) * y +
+                                                                               expected(1, 2))));
+    return largest;
+}
+
+std::string bytesOf(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
 Image render(const Image &sample, const cv::Matx23d &toSample, int width, int height) {
     Image out{width, height, std::vector<unsigned char>(size_t(width) * height * 3), {}};
@@ -55,6 +78,19 @@ protected:
     static std::vector<Image> bracket(const std::vector<Pose> &poses) {
         std::vector<Image> frames;
         for (int i = 0; i < 3; ++i) frames.push_back(render(sample(i), frameToSample(poses[i]), kWidth, kHeight));
+        return frames;
+    }
+    // Five exposures 75 levels apart made from the mid one: the darkest has
+    // 60% of the picture crushed to black, the brightest 71% clipped to white.
+    static constexpr int kOffsets[5] = {-60, -25, 0, 0, 0};
+    static constexpr double kGains[5] = {1, 1, 1, 4, 16};
+    static std::vector<Image> wideBracket(const std::vector<Pose> &poses) {
+        std::vector<Image> frames;
+        for (int i = 0; i < 5; ++i) {
+            frames.push_back(render(sample(1), frameToSample(poses[i]), kWidth, kHeight));
+            for (unsigned char &v : frames.back().rgb)
+                v = (unsigned char)std::clamp(int(v * kGains[i]) + kOffsets[i], 0, 255);
+        }
         return frames;
     }
     void saveAll(const std::vector<Image> &frames, const std::vector<std::string> &names) const {
@@ -96,6 +132,11 @@ TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
     AlignSummary summary;
     std::string error;
     ASSERT_TRUE(alignFrames(expected, 1, summary, error)) << error;
+    // The sample's bright exposure itself lies a fraction of a pixel from the others.
+    for (const auto &[i, bound] : {std::pair{0, 0.3}, {2, 0.5}}) {
+        EXPECT_LT(cornerError(summary.transforms[i], kPoses[i], kPoses[1]), bound) << "frame " << i;
+        EXPECT_EQ(summary.outcome[i], Registration::Kept) << "frame " << i;
+    }
     for (const Image &frame : expected)
         ASSERT_EQ(std::make_pair(frame.width, frame.height), std::make_pair(summary.crop.width, summary.crop.height));
     // Each aligned frame shows the mid frame's part of the sample: compared with that part rendered directly
@@ -107,10 +148,14 @@ TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
         EXPECT_LT(meanAbsDiff(render(sample(i), toCrop.get_minor<2, 3>(0, 0), c.width, c.height).rgb, expected[i].rgb),
                   bound) << "frame " << i;
 
+    // One line: each frame's move, kept, and the crop.
     const ToolRun aligned = run("--align @b.png @d.png @m.png -o @aligned.png");
     ASSERT_EQ(aligned.status, 0) << aligned.err;
-    EXPECT_EQ(aligned.err.rfind("lumora-fuse: aligned 3 frames to " + at("m.png") + " (moved up to ", 0), 0u) << aligned.err;
-    EXPECT_NE(aligned.err.find("cropped to " + std::to_string(summary.crop.width) + "x"), std::string::npos) << aligned.err;
+    EXPECT_EQ(aligned.err.rfind("lumora-fuse: aligned 3 frames to " + at("m.png") + ": " + at("b.png") + " found ", 0),
+              0u) << aligned.err;
+    EXPECT_NE(aligned.err.find(" degrees, kept; " + at("d.png") + " found "), std::string::npos) << aligned.err;
+    EXPECT_NE(aligned.err.find(" degrees, kept; cropped to " + std::to_string(summary.crop.width) + "x"),
+              std::string::npos) << aligned.err;
     EXPECT_EQ(std::count(aligned.err.begin(), aligned.err.end(), '\n'), 1) << aligned.err;
     const Image out = load(at("aligned.png"));
     EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(summary.crop.width, summary.crop.height));
@@ -121,6 +166,79 @@ TEST_F(Align, AlignRegistersAMovedBracketAndSaysHowMuchItCropped) {
     EXPECT_NE(unaligned.err.find("--align would register them\n"), std::string::npos) << unaligned.err;
     EXPECT_EQ(std::count(unaligned.err.begin(), unaligned.err.end(), '\n'), 1) << unaligned.err;
     EXPECT_EQ(run("-q @b.png @d.png @m.png -o @quiet.png").err, "") << "no suggestion under -q";
+}
+
+// Five exposures, the darkest mostly crushed and the brightest mostly
+// clipped, of which the tool fuses three, registered through the two
+// between: moved by known transforms, they come back within half a pixel.
+TEST_F(Align, AWideSpreadIsRegisteredThroughTheFramesBetween) {
+    const std::vector<Pose> poses = {{1, -6, 4}, {0.5, -3, 1}, {0, 0, 0}, {-0.4, 2, 3}, {-0.8, 5, 5}};
+    const std::vector<Image> frames = wideBracket(poses);
+    const std::vector<std::string> names = {"e0.png", "e1.png", "e2.png", "e3.png", "e4.png"};
+    saveAll(frames, names);
+    std::vector<Image> fused = {frames[0], frames[2], frames[4]};
+    const Neighbours neighbours{{at(names[0]), at(names[2]), at(names[4])},
+                                {at(names[0]), at(names[1]), at(names[2]), at(names[3]), at(names[4])}};
+    AlignSummary summary;
+    std::string error;
+    ASSERT_TRUE(alignFrames(fused, 1, summary, error, neighbours)) << error;
+    for (int i : {0, 2}) {
+        EXPECT_LT(cornerError(summary.transforms[i], poses[2 * i], poses[2]), 0.5) << "frame " << i;
+        EXPECT_EQ(summary.outcome[i], Registration::Kept) << "frame " << i;
+    }
+
+    // The tool, given all five, goes through those between as well: the
+    // darkest and brightest frames' moves as the line gives them (straight to
+    // the normal frame, the darkest one shares too little with it).
+    const ToolRun r = run("--align @e0.png @e1.png @e2.png @e3.png @e4.png -o @f.png");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const size_t to = r.err.find("aligned 3 frames to ");
+    ASSERT_NE(to, std::string::npos) << r.err;
+    const int reference = r.err[r.err.find(".png:", to) - 1] - '0';
+    for (int k : {0, 4}) {
+        const size_t found = r.err.find(at(names[k]) + " found ");
+        ASSERT_NE(found, std::string::npos) << r.err;
+        const double moved = std::stod(r.err.substr(found + at(names[k]).size() + 7));
+        EXPECT_NEAR(moved, cornerError(kIdentity, poses[k], poses[reference]), 0.5) << r.err;
+    }
+}
+
+// Frames already in line, at a normal and at the wide spread, and frames
+// with a textured fifth of the picture moving by 8 px a frame over a still
+// rest: no suggestion, and --align keeps every frame where it is, so the
+// output has the unaligned run's size and bytes.
+TEST_F(Align, FramesInLineStayAsTheyAre) {
+    const Pose still{0, 0, 0};
+    std::vector<Image> moving = bracket({still, still, still});
+    const cv::Rect window(120, 80, 194, 136);  // a fifth of the picture
+    for (int i = 0; i < 3; ++i) {
+        const Image part = render(sample(i), frameToSample({0, 8.0 * i - 60, 50 - 5.0 * i}), kWidth, kHeight);
+        for (int y = window.y; y < window.y + window.height; ++y)
+            std::copy_n(&part.rgb[(size_t(y) * kWidth + window.x) * 3], window.width * 3,
+                        &moving[i].rgb[(size_t(y) * kWidth + window.x) * 3]);
+    }
+    const std::vector<Image> wide = wideBracket({still, still, still, still, still});
+    const std::vector<std::pair<const char *, std::vector<Image>>> cases = {
+        {"normal spread", bracket({still, still, still})},
+        {"wide spread", {wide[0], wide[2], wide[4]}},
+        {"moving part", moving},
+    };
+    for (const auto &[name, frames] : cases) {
+        saveAll(frames, {"d.png", "m.png", "b.png"});
+        std::vector<Image> aligned = frames;
+        AlignSummary summary;
+        std::string error;
+        ASSERT_TRUE(alignFrames(aligned, 1, summary, error)) << name << ": " << error;
+        for (int i : {0, 2})
+            EXPECT_LT(cornerError(summary.transforms[i], still, still), 0.3) << name << ", frame " << i;
+
+        const ToolRun plain = run("@d.png @m.png @b.png -o @plain.png");
+        EXPECT_EQ(plain.err, "") << name;
+        const ToolRun r = run("--align @d.png @m.png @b.png -o @aligned.png");
+        ASSERT_EQ(r.status, 0) << name << ": " << r.err;
+        EXPECT_NE(r.err.find("; nothing cropped\n"), std::string::npos) << name << ": " << r.err;
+        EXPECT_EQ(bytesOf(at("aligned.png")), bytesOf(at("plain.png"))) << name;
+    }
 }
 
 TEST_F(Align, TransparentEdgesAreCutAwayAcrossPngAndTiffAlpha) {
