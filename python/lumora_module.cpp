@@ -171,13 +171,7 @@ py::array fuse(const py::sequence &frames, bool bgr, const std::vector<std::stri
     } else {
         region = Loupe{false, 0, 0, width, height};
     }
-    FusionRun run;
-    run.exposures = &exposures;
-    run.region = region;
-    run.params = options.params;
-    run.threads = fusionThreads(options);
-    run.depth = options.depth;
-    run.captureCommentary = !options.verbose;
+    FusionRun run = fusionRunOf(options, exposures, region);
     run.progress = onProgress;
 
     Progress state{progress, false, std::nullopt};

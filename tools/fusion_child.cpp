@@ -38,6 +38,17 @@ void onChildProgress(int *cancel, float amount) {
         gChildBar->draw(amount);
 }
 
+FusionJob jobOf(const FusionRun &run, ProgressCallback progress) {
+    FusionJob job;
+    job.exposures = *run.exposures;
+    job.region = run.region;
+    job.params = run.params;
+    job.threads = run.threads;
+    job.depth = run.depth;
+    job.progress = progress;
+    return job;
+}
+
 // Runs in the fusion process, with SIGINT and SIGTERM blocked until its own
 // handlers are in place: the tool's would remove its output file.
 int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
@@ -57,13 +68,7 @@ int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigs
     if (run.captureCommentary && gCaptureFd >= 0)
         dup2(gCaptureFd, STDERR_FILENO);
 
-    FusionJob job;
-    job.exposures = *run.exposures;
-    job.region = run.region;
-    job.params = run.params;
-    job.threads = run.threads;
-    job.depth = run.depth;
-    job.progress = onChildProgress;
+    FusionJob job = jobOf(run, onChildProgress);
     job.releaseExposures = true;  // this process's copies: a fork's, read once
     gChildBar = run.bar;
     const FusionStatus status = fuseExposures(job, out);
@@ -165,13 +170,7 @@ FusionResult fuseHere(const FusionRun &run, SharedBuffer &out, std::string &erro
         fflush(stderr);
         dup2(gCaptureFd, STDERR_FILENO);
     }
-    FusionJob job;
-    job.exposures = *run.exposures;
-    job.region = run.region;
-    job.params = run.params;
-    job.threads = run.threads;
-    job.depth = run.depth;
-    job.progress = onHereProgress;
+    const FusionJob job = jobOf(run, onHereProgress);
     gHereProgress = run.progress;
     const FusionStatus status = fuseExposures(job, out.data);
     gHereProgress = nullptr;

@@ -206,13 +206,7 @@ private:
         for (int i : order_)
             exposures.push_back(&images_[i]);
         shown_ = !options_.quiet && !options_.verbose && isatty(consoleFd()) ? &bar_ : nullptr;
-        FusionRun fusion;
-        fusion.exposures = &exposures;
-        fusion.region = region_;
-        fusion.params = options_.params;
-        fusion.threads = fusionThreads(options_);
-        fusion.depth = options_.depth;
-        fusion.captureCommentary = !options_.verbose;
+        FusionRun fusion = fusionRunOf(options_, exposures, region_);
         fusion.bar = shown_;
         std::string error;
         const FusionResult fused =
@@ -280,8 +274,15 @@ RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded, bool 
     return BracketRun(options, std::move(decoded), inProcess).run();
 }
 
-int fusionThreads(const Options &options) {
-    return options.threads > 0 ? options.threads : std::min(availableCores(), kMaxThreads);
+FusionRun fusionRunOf(const Options &options, const std::vector<const Image *> &exposures, const Loupe &region) {
+    FusionRun run;
+    run.exposures = &exposures;
+    run.region = region;
+    run.params = options.params;
+    run.threads = options.threads > 0 ? options.threads : std::min(availableCores(), kMaxThreads);
+    run.depth = options.depth;
+    run.captureCommentary = !options.verbose;
+    return run;
 }
 
 RunOutcome runTool(Options options) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fusion_child.h"
 #include "image_io.h"
 #include "options.h"
 
@@ -28,8 +29,10 @@ struct RunOutcome {
 // fuseHere in fusion_child.h).
 RunOutcome fuseBracket(const Options &options, std::vector<Image> decoded = {}, bool inProcess = false);
 
-// The threads a fusion uses: options.threads, or one per available core.
-int fusionThreads(const Options &options);
+// The fusion of exposures (darkest first) over region with the options'
+// parameters, depth and threads (options.threads, or one per available
+// core), its commentary kept unless verbose.
+FusionRun fusionRunOf(const Options &options, const std::vector<const Image *> &exposures, const Loupe &region);
 
 // The whole tool after its options are parsed: checks common to every run,
 // then the batch, or the frame choice and fuseBracket.
