@@ -25,7 +25,13 @@ using DI = hn::RebindToSigned<DF>;
 
 // AVX-512: the table's first 257 entries held in registers, read by
 // two-table permutes where every lane's index is covered. Elsewhere every
-// read is a gather.
+// read is a gather. On AVX2 (an AMD EPYC of two shared vCPUs, the 12 MP
+// level pass benchmark, one thread, medians of interleaved runs) eight
+// scalar loads assembled into the vector measured alike (within the
+// noise); the first 64 entries read by vpermps and blends where every
+// lane's index is below 64, 13-28 % slower on the unsteered levels and up
+// to 7 % on the map levels; the same without the branch, the larger lanes
+// by a masked gather, 17-61 % slower.
 #undef LUMORA_RANGE_TABLE_IN_REGISTERS
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
 #define LUMORA_RANGE_TABLE_IN_REGISTERS 1
