@@ -19,8 +19,12 @@
 // threads it is the sum of both).
 //
 // The time includes the level's 3x3 smoothing (a few ns per pixel, nothing
-// per entry). Label: the instruction set the SIMD path runs on, or "plain".
+// per entry). Label: the instruction set the SIMD path runs on, or "plain";
+// --target=NAME first (AVX2, SSE4, ...: Highway's names) runs the SIMD path
+// on that instruction set instead of the best one, so that a machine with
+// AVX-512 measures the AVX2 code too. The context names the processor.
 #include <benchmark/benchmark.h>
+#include <hwy/targets.h>
 
 #include <png.h>
 
@@ -31,6 +35,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <string>
 #include <tuple>
@@ -229,12 +234,41 @@ BENCHMARK(BM_LevelPass)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
+// The processor's model name, as lscpu gives it.
+std::string processorName() {
+    std::ifstream in("/proc/cpuinfo");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind("model name", 0) == 0 && line.find(':') != std::string::npos)
+            return line.substr(line.find(':') + 2);
+    return "unknown";
+}
+
+// Limits the SIMD path to the compiled instruction set called `name`.
+bool forceTarget(const char *name) {
+    for (int64_t target : hwy::SupportedAndGeneratedTargets())
+        if (std::strcmp(hwy::TargetName(target), name) == 0) {
+            hwy::SetSupportedTargetsForTest(target);
+            return std::strcmp(simd::targetName(), name) == 0;
+        }
+    return false;
+}
+
 }  // namespace
 
-// --size=WxH (before the benchmark's own flags) sets the picture size.
+// --size=WxH and --target=NAME (before the benchmark's own flags) set the
+// picture size and the instruction set.
 int main(int argc, char **argv) {
     std::vector<char *> rest;
     for (int k = 0; k < argc; k++) {
+        if (std::strncmp(argv[k], "--target=", 9) == 0) {
+            if (!forceTarget(argv[k] + 9)) {
+                std::fprintf(stderr, "--target=%s: not compiled or not supported here\n",
+                             argv[k] + 9);
+                return 1;
+            }
+            continue;
+        }
         if (std::strncmp(argv[k], "--size=", 7) == 0) {
             if (std::sscanf(argv[k] + 7, "%dx%d", &gWidth, &gHeight) != 2 || gWidth < 1 ||
                 gHeight < 1) {
@@ -247,6 +281,8 @@ int main(int argc, char **argv) {
     }
     int n = (int)rest.size();
     benchmark::Initialize(&n, rest.data());
+    benchmark::AddCustomContext("processor", processorName());
+    benchmark::AddCustomContext("instruction_set", simd::targetName());
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -102,7 +102,7 @@ int fusion2a(int nbProc, int numLevels, float kernelSize, float kernelSizeMult,
              unsigned char **outImageTower, unsigned char *outImage);
 
 // ---------------------------------------------------------------------------
-// SIMD path (level_pass_hwy.cpp)
+// SIMD path (level_pass_plan.cpp, level_pass_hwy.cpp)
 
 namespace simd {
 // One level's SIMD working state: the sample and CIELab planes of the
@@ -127,10 +127,9 @@ void filterRow(const LevelPlan &plan, int j, int t, KernelEntry *bilateralKernel
 // The instruction set the SIMD path runs on ("AVX3", "AVX2", ...).
 const char *targetName();
 // The range-table reads of the pass alone, for tests: out[x] = lut[idx[x]]
-// as the colour (oneSample false) or one-sample weights read it; count is a
-// multiple of 64, colour indices below EXP_LUT_ENTRIES.
-void rangeLookup(const float *lut, bool oneSample, const int32_t *idx, size_t count,
-                 float *out);
+// as the weights of both kinds of level read it; count is a multiple of 64,
+// indices below EXP_LUT_ENTRIES.
+void rangeLookup(const float *lut, const int32_t *idx, size_t count, float *out);
 }  // namespace simd
 
 }  // namespace lumora

@@ -1,4 +1,4 @@
-// SIMD 8-bit level pass.
+// SIMD 8-bit level pass: the per-target kernels that fill a row.
 //
 // The lanes of a vector are neighbouring pixels of one row, never the
 // entries of one pixel's kernel: every lane runs the per-pixel arithmetic of
@@ -9,147 +9,31 @@
 // bright map copies and those that do not fill a vector, at the end of a
 // row, go through the per-pixel filterPixel8 itself.
 //
-// The level pass (level_pass.cpp) runs the thread team: this file plans the
-// level before the team starts, loads each band's planes in steps the team
-// shares, and fills the rows it is handed.
-//
-// So that an entry of neighbouring pixels lies in neighbouring memory, the
-// bordered working copy is split into planes: one plane of bytes per sample
-// (a one-sample copy is its own plane) and, for filtered colour levels,
-// float planes of every pixel's L, A and B from the CIELab table. Colour
-// planes are a ring of rows, enough for the rows one band of output rows
-// reads: copy row r lives in ring row r mod (ring rows), and the next band
-// converts only the rows it adds, into the ring rows of rows no longer read,
-// so nothing is moved. Whole-image planes would cost a quarter of a gigabyte
-// on a 12 MP picture. Rows are filtered one vector at a time:
-// first the weights of all its entries (into a buffer that stays in the
-// first-level cache) and their sum, then the convolution sums, all in
-// registers; the range table's first entries are read from registers where
-// every lane's index is small, and the planes of the wide kernels' far-apart
-// entries are prefetched a few vectors ahead.
+// The level pass (level_pass.cpp) runs the thread team; the plan
+// (level_pass_plan.cpp) lays out the planes each row reads. Rows are
+// filtered one vector at a time: first the weights of all its entries (into
+// a buffer that stays in the first-level cache) and their sum, then the
+// convolution sums, all in registers; the range table is read as each
+// instruction set reads it best (range_table-inl.h), and the planes of the
+// wide kernels' far-apart entries are prefetched a few vectors ahead.
 //
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
 
-#ifndef LUMORA_SIMD_LEVEL_PASS_SHARED
-#define LUMORA_SIMD_LEVEL_PASS_SHARED
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
-#include "core/switches.h"
-#include "diag/diag.h"
 #include "filter/filter.h"
+#include "filter/level_pass_simd.h"
 #include "tables/tables.h"
-
-namespace lumora {
-namespace simd {
-
-// One sparse kernel addressed in the planes. For the whole level: entry e
-// of the pixel whose window origin is copy pixel index p lies at copy pixel
-// index p + offset[e]. For one row (rowKernel): entry e of the pixel in
-// column i lies at plane index offset[e] + i.
-struct KernelPlan {
-    const ptrdiff_t *offset;
-    const float *factor;
-    int n;
-    int centre;
-};
-
-// What every row of one level's SIMD pass reads.
-struct Pass {
-    const LevelPassArgs *args;
-    const unsigned char *sample[3];  // one plane of bytes per sample
-    const float *lab[3];             // L, A, B planes (filtered colour levels)
-    // Colour levels steered by the map: every pixel's L, A, B and its three
-    // bytes (then a zero) in 16 bytes, one cache line for a packed lane's
-    // entry.
-    const float *record;
-    size_t width;                    // pixels per row of the bordered copy
-    // Rows of the planes' ring (the planes then have one row more, a copy
-    // of ring row 0, for reads that run on past the last ring row's end);
-    // 0: the planes hold the whole copy.
-    int ringRows;
-    KernelPlan normal;
-    KernelPlan fine;
-    bool useMap;
-    int block;  // pixels filtered together, a multiple of the lane count
-};
-
-// One thread's working memory for a block of pixels.
-struct Scratch {
-    float *weights;          // entries x lanes: the bilateral weights of one vector
-    int32_t *resultNormal;   // spp x block truncated sums, normal kernel
-    int32_t *resultFine;     // likewise, fine kernel
-    KernelChoice *choice;    // block kernel choices
-    unsigned char *need;     // 2 x block/lanes: vectors that need the normal / fine kernel
-    int32_t *packed;         // row columns of the fine pixels computed packed
-    ptrdiff_t *rowOffset;    // the row's entry offsets, normal kernel then fine
-    KernelEntry *kernel;     // the thread's kernel buffer for the per-pixel code
-};
-constexpr int SCRATCH_PIECES = 7;  // the pointers of Scratch but the kernel
-
-// Row r of the bordered colour copy into plane row `slot`. The two zero
-// rows of slack after the copy are converted too: the per-pixel code can
-// read them on small images, and it reads bytes 0, 0, 0 there, so the planes
-// hold 0 and labLUT[0][0][0] (lab[0] null: a gauss-only level, no CIELab
-// planes; record null: no records).
-inline void convertRow(const LevelPassArgs &a, unsigned char *const *sample, float *const *lab,
-                       float *record, size_t width, int r, int slot) {
-    const unsigned char *q = a.img->image + (size_t)r * width * 3;
-    for (size_t px = (size_t)slot * width; px < (size_t)(slot + 1) * width; px++, q += 3) {
-        sample[0][px] = q[0];
-        sample[1][px] = q[1];
-        sample[2][px] = q[2];
-        if (lab[0] != nullptr) {
-            const LABData &v = labLUT[q[0]][q[1]][q[2]];
-            lab[0][px] = v.l;
-            lab[1][px] = v.a;
-            lab[2][px] = v.b;
-            if (record != nullptr) {
-                float *rec = record + 4 * px;
-                rec[0] = v.l;
-                rec[1] = v.a;
-                rec[2] = v.b;
-                const unsigned char bytes[4] = {q[0], q[1], q[2], 0};
-                std::memcpy(rec + 3, bytes, 4);
-            }
-        }
-    }
-}
-
-// Kernel k of the level addressed for row j: where each entry of the row's
-// pixels lies in the planes, from the window origin of its column 0. A
-// vector's read may run on past the end of its plane row into the next; the
-// ring's extra row keeps that true across the ring's end.
-inline KernelPlan rowKernel(const KernelPlan &k, size_t width, int ringRows, int j,
-                            ptrdiff_t *offset) {
-    const ptrdiff_t w = (ptrdiff_t)width;
-    for (int e = 0; e < k.n; e++) {
-        const ptrdiff_t q = (ptrdiff_t)j * w + k.offset[e];
-        if (ringRows == 0) {
-            offset[e] = q;
-            continue;
-        }
-        ptrdiff_t row = q / w, column = q % w;
-        if (column < 0) row--, column += w;
-        offset[e] = (row % ringRows) * w + column;
-    }
-    return {offset, k.factor, k.n, k.centre};
-}
-
-}  // namespace simd
-}  // namespace lumora
-
-#endif  // LUMORA_SIMD_LEVEL_PASS_SHARED
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "filter/level_pass_hwy.cpp"
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
+
+#include "filter/range_table-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace lumora {
@@ -184,144 +68,21 @@ HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, hn::
     return hn::GatherOffset(DI(), reinterpret_cast<const int32_t *>(plane + o), idx);
 }
 
+// The lookups alone, over count indices (a multiple of the lane count).
+void RangeLookup(const float *lut, const int32_t *idx, size_t count, float *out) {
+    const DF df;
+    const DI di;
+    const RangeTable t = LoadRangeTable(lut);
+    for (size_t x = 0; x < count; x += hn::Lanes(df))
+        hn::StoreU(RangeWeight(t, hn::LoadU(di, idx + x)), df, out + x);
+}
+
 // ---------------------------------------------------------------------------
 // Whole vectors, one at a time: for each vector of neighbouring pixels the
 // weights of all its entries (into a buffer of one vector per entry, which
 // stays in the first-level cache) with their sum in a register, then the
 // normalised weights and the convolution sums, also in registers. Every lane
 // still runs its own pixel's entries in kernel order.
-
-// The range table's first entries held in registers, read by two-table
-// permutes (AVX-512 only; elsewhere every read is a gather). A lookup gives
-// the table's very floats: only where every lane's index is covered.
-#undef LUMORA_RANGE_TABLE_IN_REGISTERS
-#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-#define LUMORA_RANGE_TABLE_IN_REGISTERS 1
-#else
-#define LUMORA_RANGE_TABLE_IN_REGISTERS 0
-#endif
-
-struct RangeTable {
-    const float *lut;
-#if LUMORA_RANGE_TABLE_IN_REGISTERS
-    // Entries 16q .. 16q + 15 in tq; entry 256 on its own.
-    hn::Vec<DF> t0, t1, t2, t3, t4, t5, t6, t7, t8, t9, t10, t11, t12, t13, t14, t15;
-    hn::Vec<DF> at256;
-#endif
-};
-
-// The table's first 257 entries (the lookups of every filtered level).
-HWY_INLINE RangeTable LoadRangeTable(const float *lut) {
-    RangeTable t;
-    t.lut = lut;
-#if LUMORA_RANGE_TABLE_IN_REGISTERS
-    const DF df;
-    // Written out, not as a loop over an array: kept in registers.
-    t.t0 = hn::LoadU(df, lut + 0);
-    t.t1 = hn::LoadU(df, lut + 16);
-    t.t2 = hn::LoadU(df, lut + 32);
-    t.t3 = hn::LoadU(df, lut + 48);
-    t.t4 = hn::LoadU(df, lut + 64);
-    t.t5 = hn::LoadU(df, lut + 80);
-    t.t6 = hn::LoadU(df, lut + 96);
-    t.t7 = hn::LoadU(df, lut + 112);
-    t.t8 = hn::LoadU(df, lut + 128);
-    t.t9 = hn::LoadU(df, lut + 144);
-    t.t10 = hn::LoadU(df, lut + 160);
-    t.t11 = hn::LoadU(df, lut + 176);
-    t.t12 = hn::LoadU(df, lut + 192);
-    t.t13 = hn::LoadU(df, lut + 208);
-    t.t14 = hn::LoadU(df, lut + 224);
-    t.t15 = hn::LoadU(df, lut + 240);
-    t.at256 = hn::Set(df, lut[256]);
-#endif
-    return t;
-}
-
-#if LUMORA_RANGE_TABLE_IN_REGISTERS
-// Lanes of the 32 entries a, b (a first) at the low five bits of idx.
-HWY_INLINE hn::Vec<DF> Permute2(hn::Vec<DF> a, hn::Vec<DI> idx, hn::Vec<DF> b) {
-    return hn::Vec<DF>{_mm512_permutex2var_ps(a.raw, idx.raw, b.raw)};
-}
-
-HWY_INLINE hn::Mask<DF> Bit(hn::Vec<DI> idx, int32_t bit) {
-    return hn::RebindMask(DF(), hn::TestBit(idx, hn::Set(DI(), bit)));
-}
-
-// Every index below 128.
-HWY_INLINE hn::Vec<DF> Lookup128(const RangeTable &t, hn::Vec<DI> idx) {
-    const auto r0 = Permute2(t.t0, idx, t.t1);
-    const auto r1 = Permute2(t.t2, idx, t.t3);
-    const auto r2 = Permute2(t.t4, idx, t.t5);
-    const auto r3 = Permute2(t.t6, idx, t.t7);
-    const auto b5 = Bit(idx, 32);
-    const auto r01 = hn::IfThenElse(b5, r1, r0);
-    const auto r23 = hn::IfThenElse(b5, r3, r2);
-    return hn::IfThenElse(Bit(idx, 64), r23, r01);
-}
-
-// Every index at most 256.
-HWY_INLINE hn::Vec<DF> Lookup256(const RangeTable &t, hn::Vec<DI> idx) {
-    const auto r0 = Permute2(t.t0, idx, t.t1);
-    const auto r1 = Permute2(t.t2, idx, t.t3);
-    const auto r2 = Permute2(t.t4, idx, t.t5);
-    const auto r3 = Permute2(t.t6, idx, t.t7);
-    const auto r4 = Permute2(t.t8, idx, t.t9);
-    const auto r5 = Permute2(t.t10, idx, t.t11);
-    const auto r6 = Permute2(t.t12, idx, t.t13);
-    const auto r7 = Permute2(t.t14, idx, t.t15);
-    const auto b5 = Bit(idx, 32);
-    const auto r01 = hn::IfThenElse(b5, r1, r0);
-    const auto r23 = hn::IfThenElse(b5, r3, r2);
-    const auto r45 = hn::IfThenElse(b5, r5, r4);
-    const auto r67 = hn::IfThenElse(b5, r7, r6);
-    const auto b6 = Bit(idx, 64);
-    const auto r03 = hn::IfThenElse(b6, r23, r01);
-    const auto r47 = hn::IfThenElse(b6, r67, r45);
-    const auto r07 = hn::IfThenElse(Bit(idx, 128), r47, r03);
-    return hn::IfThenElse(hn::RebindMask(DF(), hn::Eq(idx, hn::Set(DI(), 256))), t.at256, r07);
-}
-
-// Whether every lane's index is below `limit` (compared unsigned).
-HWY_INLINE bool AllBelow(hn::Vec<DI> idx, uint32_t limit) {
-    const hn::RebindToUnsigned<DF> du;
-    return hn::AllTrue(du, hn::Lt(hn::BitCast(du, idx), hn::Set(du, limit)));
-}
-#endif
-
-// The range weights of a colour level: indices are clamped below 20000.
-// Far-apart pixels of a real photo differ a lot in colour: on the wide
-// levels a third to two thirds of the vectors hold an index of 128 or more,
-// and a quarter of those stay within 256 (a 12 MP fusion measured 3 to 7 %
-// faster with the second tree before the gather).
-HWY_INLINE hn::Vec<DF> ColourRange(const RangeTable &t, hn::Vec<DI> idx) {
-#if LUMORA_RANGE_TABLE_IN_REGISTERS
-    if (AllBelow(idx, 128)) return Lookup128(t, idx);
-    if (AllBelow(idx, 257)) return Lookup256(t, idx);
-#endif
-    return hn::GatherIndex(DF(), t.lut, idx);
-}
-
-// Of a one-sample level: the index is a brightness difference, at most 256
-// for 8-bit samples and the kernels' weights below 1.
-HWY_INLINE hn::Vec<DF> GreyRange(const RangeTable &t, hn::Vec<DI> idx) {
-#if LUMORA_RANGE_TABLE_IN_REGISTERS
-    if (AllBelow(idx, 128)) return Lookup128(t, idx);
-    if (AllBelow(idx, 257)) return Lookup256(t, idx);
-#endif
-    return hn::GatherIndex(DF(), t.lut, idx);
-}
-
-// The lookups alone, over count indices (a multiple of the lane count).
-void RangeLookup(const float *lut, bool oneSample, const int32_t *idx, size_t count, float *out) {
-    const DF df;
-    const DI di;
-    const RangeTable t = LoadRangeTable(lut);
-    for (size_t x = 0; x < count; x += hn::Lanes(df)) {
-        const auto i = hn::LoadU(di, idx + x);
-        hn::StoreU(oneSample ? GreyRange(t, i) : ColourRange(t, i), df, out + x);
-    }
-}
 
 // Reads of the entry planes two vectors ahead of the current one, and of
 // the byte planes one cache line ahead every 64 pixels: the wide kernels'
@@ -451,7 +212,7 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
         // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
         dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
         const auto weight =
-            hn::Mul(hn::Set(df, k.factor[e]), ColourRange(table, hn::ConvertTo(di, dist)));
+            hn::Mul(hn::Set(df, k.factor[e]), RangeWeight(table, hn::ConvertTo(di, dist)));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -481,7 +242,7 @@ HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const Kerne
         const auto spatial = hn::Set(df, k.factor[e]);
         const auto bright = hn::Add(spatial, s0);
         const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
-        const auto weight = hn::Mul(spatial, GreyRange(table, index));
+        const auto weight = hn::Mul(spatial, RangeWeight(table, index));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -714,261 +475,15 @@ HWY_EXPORT(TargetName);
 HWY_EXPORT(FilterRow);
 HWY_EXPORT(RangeLookup);
 
-void rangeLookup(const float *lut, bool oneSample, const int32_t *idx, size_t count,
-                 float *out) {
-    HWY_DYNAMIC_DISPATCH(RangeLookup)(lut, oneSample, idx, count, out);
+void rangeLookup(const float *lut, const int32_t *idx, size_t count, float *out) {
+    HWY_DYNAMIC_DISPATCH(RangeLookup)(lut, idx, count, out);
 }
-
-// Vectors per block: the kernel choices, need lists and results of one
-// block are worked out together.
-constexpr size_t BLOCK_VECTORS = 64;
-
-// Bytes of colour planes one band aims at, its shared rows included.
-constexpr size_t BAND_PLANE_BYTES = 96u << 20;
-
-int levelPassBandRows = 0;
 
 const char *targetName() { return HWY_DYNAMIC_DISPATCH(TargetName)(); }
 
-// Sizes of one level's SIMD pass.
-struct Layout {
-    size_t lanes;        // floats per vector of the chosen instruction set
-    size_t width;        // pixels per row of the bordered copy
-    int rows;            // rows of the copy and the two rows of slack after it
-    int nNormal, nFine;  // entries of the kernels in use (nFine 0 without the map)
-    size_t vectors;      // vectors per block
-    size_t pieces[SCRATCH_PIECES];  // bytes of each piece of a thread's scratch
-    size_t threadBytes;  // bytes of a thread's scratch
-    int reachUp, reachDown;  // copy rows above and below a band's output rows its kernels read
-    int bandRows;        // output rows per band
-    int ringRows;        // rows of the colour planes' ring, 0 when they hold the whole copy
-    size_t planeSize;    // pixels per plane
-    bool lab;            // CIELab planes: a filtered colour level
-    bool records;        // and the records of packed lanes: one steered by the map
-    bool useMap;         // the bright map steers the kernels
-};
-
-struct LevelPlan {
-    const LevelPassArgs *args;
-    Layout layout;
-    Pass pass;
-    unsigned char *sample[3];  // the planes, writable
-    float *lab[3];
-    unsigned char *samples;    // the blocks behind them
-    float *labPlanes;
-    float *records;
-    ptrdiff_t *offsets;
-    float *factors;
-    unsigned char *scratch;    // every thread's Scratch pieces
-    void (*filterRow)(const Pass &, int, const Scratch &);
-};
-
-namespace {
-
-// Covered: 8-bit one- and three-sample images with their border built in,
-// guided by themselves. The debug dump of fusion2f stays with the per-pixel
-// code.
-bool covers(const LevelPassArgs &a) {
-    if (a.bps != 8 || !a.imageHasBorder || !a.img->mainImageHasBorders || dbgTestImage)
-        return false;
-    if (a.spp != 1 && a.spp != 3) return false;
-    if (a.filterImg != a.img || a.filterSpp != a.spp || a.filterBps != a.bps ||
-        a.filterExtendedRowStride != a.extendedRowStride)
-        return false;
-    if (a.iMax <= 0 || a.jMax <= 0 || a.extendedRowStride % a.spp != 0) return false;
-    if (!a.levelGaussOnly && a.spp == 3 && labLUT == nullptr) return false;
-    const bool useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
-    return a.numKernelEntries >= 1 && (!useMap || a.numFineKernelEntries >= 1);
-}
-
-// Copy rows a band of output rows [j0, j1) reads through the planes:
-// [j0 - reachUp, j1 + reachDown), from the kernels' extreme entries (the
-// last vector of a row may run one row on).
-void reachOf(const LevelPassArgs &a, Layout &l) {
-    ptrdiff_t lowest = 0, highest = 0;
-    const ptrdiff_t width = (ptrdiff_t)l.width;
-    for (int e = 0; e < l.nNormal + l.nFine; e++) {
-        const KernelEntry &k = e < l.nNormal ? a.spatialKernel[e] : a.spatialKernelFine[e - l.nNormal];
-        const ptrdiff_t o = (ptrdiff_t)k.ypos * width + k.xpos;
-        lowest = std::min(lowest, o);
-        highest = std::max(highest, o);
-    }
-    l.reachUp = (int)((-lowest + width - 1) / width);
-    l.reachDown = (int)(highest / width) + 1;
-}
-
-// One-sample copies are their own plane: a single band. Colour bands keep
-// their planes near BAND_PLANE_BYTES, but at least 64 output rows, so the
-// shared rows are not moved too often and the team has rows enough to share.
-int bandRowsOf(const LevelPassArgs &a, const Layout &l, int team) {
-    if (a.spp != 3) return a.jMax;
-    const size_t pixelBytes = 3 + (l.lab ? 3 * sizeof(float) : 0) + (l.records ? 16 : 0);
-    const long fit = (long)(BAND_PLANE_BYTES / (l.width * pixelBytes)) - l.reachUp - l.reachDown;
-    const int rows = levelPassBandRows > 0 ? levelPassBandRows
-                                           : (int)std::max<long>(fit, std::max(64, 4 * team));
-    return std::min(rows, a.jMax);
-}
-
-Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
-    Layout l{};
-    l.lanes = lanes;
-    l.width = (size_t)(a.extendedRowStride / a.spp);
-    l.rows = a.jMax + 2 * a.img->borderWidth + 2;
-    l.lab = !a.levelGaussOnly && a.spp == 3;
-    l.useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
-    l.records = l.lab && l.useMap;
-    l.nNormal = a.numKernelEntries;
-    l.nFine = l.useMap ? a.numFineKernelEntries : 0;
-    const int nMax = std::max(std::max(l.nNormal, l.nFine), 1);
-    l.vectors = BLOCK_VECTORS;
-    const size_t block = l.vectors * lanes;
-    // Per thread, each piece rounded up to 64 bytes: one vector's weights,
-    // two result blocks, choices, the two need lists, a row of packed
-    // columns (padded to whole vectors) and the row's entry offsets.
-    const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
-    const size_t sizes[SCRATCH_PIECES] = {nMax * lanes * sizeof(float),
-                                          a.spp * block * sizeof(int32_t),
-                                          a.spp * block * sizeof(int32_t),
-                                          block * sizeof(KernelChoice),
-                                          2 * l.vectors,
-                                          ((size_t)a.iMax + lanes) * sizeof(int32_t),
-                                          (size_t)(l.nNormal + l.nFine) * sizeof(ptrdiff_t)};
-    for (int q = 0; q < SCRATCH_PIECES; q++) l.threadBytes += l.pieces[q] = round64(sizes[q]);
-    reachOf(a, l);
-    l.bandRows = bandRowsOf(a, l, std::max(nbProc, 1));
-    const int held = l.bandRows + l.reachUp + l.reachDown;
-    l.ringRows = a.spp == 3 && held < l.rows ? held : 0;
-    l.planeSize = l.width * (size_t)(l.ringRows > 0 ? l.ringRows + 1 : l.rows);
-    return l;
-}
-
-// The plan's blocks: a one-sample copy is its own sample plane; a colour
-// copy is split into three, plus L, A and B when its level is filtered.
-bool allocatePlanes(LevelPlan &p, int team) {
-    const Layout &l = p.layout;
-    const int spp = p.args->spp;
-    if (spp == 3) p.samples = static_cast<unsigned char *>(allocate(l.planeSize * 3));
-    if (l.lab) p.labPlanes = static_cast<float *>(allocate(l.planeSize * 3 * sizeof(float)));
-    if (l.records) p.records = static_cast<float *>(allocate(l.planeSize * 4 * sizeof(float)));
-    const size_t entries = (size_t)(l.nNormal + l.nFine + 1);
-    p.offsets = static_cast<ptrdiff_t *>(allocate(entries * sizeof(ptrdiff_t)));
-    p.factors = static_cast<float *>(allocate(entries * sizeof(float)));
-    p.scratch = static_cast<unsigned char *>(allocate(l.threadBytes * team));
-    if ((spp == 3 && p.samples == nullptr) || (l.lab && p.labPlanes == nullptr) ||
-        (l.records && p.records == nullptr) ||
-        p.offsets == nullptr || p.factors == nullptr || p.scratch == nullptr)
-        return false;
-    p.sample[0] = p.args->img->image;
-    for (int q = 0; q < 3 && spp == 3; q++) p.sample[q] = p.samples + l.planeSize * q;
-    for (int q = 0; q < 3 && l.lab; q++) p.lab[q] = p.labPlanes + l.planeSize * q;
-    return true;
-}
-
-// The kernels addressed in the planes, and what every row reads.
-void planPass(LevelPlan &p) {
-    const LevelPassArgs &a = *p.args;
-    const Layout &l = p.layout;
-    const auto plan = [&](KernelPlan &k, const KernelEntry *kernel, int n, int first) {
-        for (int e = 0; e < n; e++) {
-            p.offsets[first + e] = (ptrdiff_t)kernel[e].ypos * (ptrdiff_t)l.width + kernel[e].xpos;
-            p.factors[first + e] = kernel[e].factor;
-        }
-        k = {p.offsets + first, p.factors + first, n, n / 2};
-    };
-    Pass &pass = p.pass;
-    pass.args = &a;
-    for (int q = 0; q < 3; q++) {
-        pass.sample[q] = p.sample[q];
-        pass.lab[q] = p.lab[q];
-    }
-    pass.record = p.records;
-    pass.width = l.width;
-    pass.ringRows = l.ringRows;
-    pass.useMap = l.useMap;
-    pass.block = (int)(l.vectors * l.lanes);
-    plan(pass.normal, a.spatialKernel, l.nNormal, 0);
-    plan(pass.fine, a.spatialKernelFine, l.nFine, l.nNormal);
-}
-
-// The copy rows [lo, hi) the band from j0 reads through the planes.
-void bandSpan(const LevelPlan &p, int j0, int *lo, int *hi) {
-    const Layout &l = p.layout;
-    const int j1 = std::min(j0 + l.bandRows, p.args->jMax);
-    *lo = std::max(0, j0 - l.reachUp);
-    *hi = std::min(l.rows, j1 + l.reachDown);
-}
-
-// Thread t's scratch, with its kernel buffer.
-Scratch scratchOf(const LevelPlan &p, int t, KernelEntry *kernel) {
-    unsigned char *piece[SCRATCH_PIECES];
-    unsigned char *mine = p.scratch + p.layout.threadBytes * t;
-    for (int q = 0; q < SCRATCH_PIECES; q++) {
-        piece[q] = mine;
-        mine += p.layout.pieces[q];
-    }
-    Scratch s;
-    s.weights = reinterpret_cast<float *>(piece[0]);
-    s.resultNormal = reinterpret_cast<int32_t *>(piece[1]);
-    s.resultFine = reinterpret_cast<int32_t *>(piece[2]);
-    s.choice = reinterpret_cast<KernelChoice *>(piece[3]);
-    s.need = piece[4];
-    s.packed = reinterpret_cast<int32_t *>(piece[5]);
-    s.rowOffset = reinterpret_cast<ptrdiff_t *>(piece[6]);
-    s.kernel = kernel;
-    return s;
-}
-
-}  // namespace
-
-LevelPlan *planLevel(int nbProc, const LevelPassArgs &a) {
-    if (!covers(a)) return nullptr;
-    LevelPlan *p = static_cast<LevelPlan *>(allocateZeroed(1, sizeof(LevelPlan)));
-    if (p == nullptr) return nullptr;
-    p->args = &a;
-    // Choose the instruction set first: the lane count and the row function
-    // must come from the same one.
-    p->layout = layoutOf(a, nbProc, HWY_DYNAMIC_DISPATCH(FloatLanes)());
-    p->filterRow = HWY_DYNAMIC_DISPATCH(FilterRow);
-    if (!allocatePlanes(*p, std::max(nbProc, 1))) {
-        releaseLevelPlan(p);
-        return nullptr;
-    }
-    planPass(*p);
-    return p;
-}
-
-void releaseLevelPlan(LevelPlan *p) {
-    if (p == nullptr) return;
-    release(p->samples);
-    release(p->labPlanes);
-    release(p->records);
-    release(p->offsets);
-    release(p->factors);
-    release(p->scratch);
-    release(p);
-}
-
-int bandRows(const LevelPlan &p) { return p.layout.bandRows; }
-
-bool loadsBands(const LevelPlan &p) { return p.args->spp == 3; }
-
-void loadBand(const LevelPlan &p, int j0, int t, int T) {
-    const Layout &l = p.layout;
-    int lo, hi, heldBefore = 0, r0, r1;
-    bandSpan(p, j0, &lo, &hi);
-    if (j0 > 0) bandSpan(p, j0 - l.bandRows, &r0, &heldBefore);
-    const int first = std::max(lo, heldBefore);  // the rows the band adds
-    staticBlock(hi - first, t, T, &r0, &r1);
-    for (int r = first + r0; r < first + r1; r++) {
-        const int slot = l.ringRows > 0 ? r % l.ringRows : r;
-        convertRow(*p.args, p.sample, p.lab, p.records, l.width, r, slot);
-        if (l.ringRows > 0 && slot == 0)
-            convertRow(*p.args, p.sample, p.lab, p.records, l.width, r, l.ringRows);
-    }
-}
-
-void filterRow(const LevelPlan &p, int j, int t, KernelEntry *bilateralKernel) {
-    p.filterRow(p.pass, j, scratchOf(p, t, bilateralKernel));
+RowFunction rowFunction(size_t *lanes) {
+    *lanes = HWY_DYNAMIC_DISPATCH(FloatLanes)();
+    return HWY_DYNAMIC_DISPATCH(FilterRow);
 }
 
 }  // namespace simd

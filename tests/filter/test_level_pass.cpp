@@ -151,27 +151,26 @@ namespace {
 
 TEST(LevelPassRangeReads, GiveTheTableEntryForEveryIndex) {
     const std::vector<float> lut = unrelatedTable();
-    // Every index in order (vectors wholly below 128, across 128 and 256,
-    // and above), then shuffled (small and large indices in one vector),
-    // then small indices with one large one per 64.
+    // Every index in order (vectors wholly below 64, 128 and 256, across
+    // them, and above), then shuffled (small and large indices in one
+    // vector), then small indices with one large one per 64.
     std::vector<int32_t> idx(EXP_LUT_ENTRIES);
     for (int i = 0; i < EXP_LUT_ENTRIES; i++) idx[i] = i;
     std::vector<int32_t> shuffled = idx;
     std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
     idx.insert(idx.end(), shuffled.begin(), shuffled.end());
-    // The one large index steps up from 128 and from 256, so that a
-    // register read that reaches one entry too far shows.
-    for (int i = 0; i < 4096; i++) idx.push_back(i % 64 == 17 ? 128 + i / 64 : i % 128);
-    for (int i = 0; i < 4096; i++) idx.push_back(i % 64 == 9 ? 256 + i / 64 % 2 : (i * 7) % 256);
+    // The one large index steps up from each register read's limit, so that
+    // a read that reaches one entry too far shows.
+    for (int limit : {64, 128, 257})
+        for (int i = 0; i < 4096; i++)
+            idx.push_back(i % 64 == 17 ? limit + i / 64 % 64 : (i * 7) % limit);
     while (idx.size() % 64 != 0) idx.push_back(255);
     testsupport::forEachTarget([&](int) {
-        for (bool oneSample : {false, true}) {
-            std::vector<float> out(idx.size(), -1.0f);
-            simd::rangeLookup(lut.data(), oneSample, idx.data(), idx.size(), out.data());
-            for (size_t x = 0; x < idx.size(); x++)
-                ASSERT_EQ(std::memcmp(&out[x], &lut[idx[x]], sizeof(float)), 0)
-                    << "index " << idx[x] << " at " << x << " one-sample " << oneSample;
-        }
+        std::vector<float> out(idx.size(), -1.0f);
+        simd::rangeLookup(lut.data(), idx.data(), idx.size(), out.data());
+        for (size_t x = 0; x < idx.size(); x++)
+            ASSERT_EQ(std::memcmp(&out[x], &lut[idx[x]], sizeof(float)), 0)
+                << "index " << idx[x] << " at " << x;
     });
 }
 
