@@ -39,10 +39,7 @@ HWY_BEFORE_NAMESPACE();
 namespace lumora {
 namespace simd {
 namespace HWY_NAMESPACE {
-namespace hn = hwy::HWY_NAMESPACE;
-
-using DF = hn::ScalableTag<float>;
-using DI = hn::RebindToSigned<DF>;
+// hn, DF and DI come with the range-table reads.
 
 size_t FloatLanes() { return hn::Lanes(DF()); }
 
