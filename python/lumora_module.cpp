@@ -95,6 +95,11 @@ std::vector<Image> framesOf(const py::sequence &frames, bool bgr, size_t least) 
         const bool wide = a.itemsize() == 2;
         const auto *base = static_cast<const unsigned char *>(a.data());
         const py::ssize_t sy = a.strides(0), sx = a.strides(1), sc = a.strides(2);
+        if (!wide && !bgr && sc == 1 && sx == 3 && sy == 3 * py::ssize_t(w)) {  // the common case, whole
+            memcpy(image.rgb.data(), base, image.rgb.size());
+            images.push_back(std::move(image));
+            continue;
+        }
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x)
                 for (int c = 0; c < 3; ++c) {
@@ -199,9 +204,11 @@ py::array fuse(const py::sequence &frames, bool bgr, const std::vector<std::stri
                                         : py::array(py::dtype::of<uint8_t>(), shape);
     auto *to = static_cast<unsigned char *>(out.mutable_data());
     const size_t sample = size_t(options.depth / 8), pixels = size_t(region.width) * region.height;
-    for (size_t p = 0; p < pixels; ++p)
+    if (!bgr)
+        memcpy(to, result.data, pixels * 3 * sample);
+    for (size_t p = 0; bgr && p < pixels; ++p)
         for (size_t c = 0; c < 3; ++c)
-            memcpy(to + (p * 3 + c) * sample, result.data + (p * 3 + (bgr ? 2 - c : c)) * sample, sample);
+            memcpy(to + (p * 3 + c) * sample, result.data + (p * 3 + 2 - c) * sample, sample);
     return out;
 }
 
