@@ -40,14 +40,16 @@ from __future__ import annotations
 
 import argparse
 import concurrent.futures
-import importlib.util
+import importlib
 import itertools
 import json
 import os
+import runpy
 import shutil
 import subprocess
 import sys
 import time
+import types
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
@@ -109,12 +111,18 @@ _mef = None
 _sources: dict[str, list] = {}
 
 
+def importable(name: str) -> bool:
+    try:
+        importlib.import_module(name)
+        return True
+    except ImportError:
+        return False
+
+
 def _load_mef(path: str):
     global _mef
     if _mef is None:
-        spec = importlib.util.spec_from_file_location("mef_ssim", path)
-        _mef = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(_mef)
+        _mef = types.SimpleNamespace(**runpy.run_path(path))
     return _mef
 
 
@@ -280,7 +288,7 @@ def main(argv=None) -> int:
     ap.add_argument("--table-only", action="store_true", help="skip the search; the table of --looks")
     ap.add_argument("--looks", help="JSON file: {name: {parameter: value}} of further looks for the table")
     args = ap.parse_args(argv)
-    missing = [m for m in ("numpy", "cv2") if importlib.util.find_spec(m) is None]
+    missing = [m for m in ("numpy", "cv2") if not importable(m)]
     if missing or not shutil.which("enfuse"):
         subprocess.run(["apt-get", "install", "-y", "--no-install-recommends",
                         "python3-numpy", "python3-opencv", "enfuse"], check=True)
