@@ -217,10 +217,6 @@ TEST(Options, EachLookSetsItsParametersAndAnOptionBesideItOverridesThem) {
         EXPECT_EQ(options.look, look) << line;
         EXPECT_EQ(Params(options.params, options.params + kFusionParamCount), want) << line;
     }
-    std::string message;
-    EXPECT_EQ(lookLine(parsed("--look library --strength 12", message)),
-              "library (given: --strength 12): --strength 12 --sharpness 2 --saturation 0 --start-radius 3 "
-              "--radius-growth 5 --spatial-sigma 0.2 --range-sigma 0.2 --highlight-influence 10 --preserve-highlights");
 }
 
 // Every committed fuzz input (among them what the fuzzers once found) through
