@@ -16,8 +16,11 @@ namespace {
 
 // The coarse shift and the first fit work on pictures of at most this many
 // pixels a side (or the resolution asked for, when lower); finer levels
-// double it up to the resolution asked for.
-constexpr int kCoarseSide = 1024;
+// double it up to the resolution asked for. The first fit takes most of its
+// iterations there: at 1024 the look at the 512x384 sample cost 0.95
+// processor seconds, at 256 a quarter of that, with every corner found
+// within 0.002 px of where it was.
+constexpr int kCoarseSide = 256;
 // Smaller pictures are not registered.
 constexpr int kMinSide = 16;
 // alignFrames registers at this resolution at most. On a 12 MP bracket moved
@@ -25,6 +28,10 @@ constexpr int kMinSide = 16;
 // corners came out 0.005 pixel off at the full resolution, 0.007 at 2048 and
 // 0.018 at 1024 pixels a side, for 4.2, 1.1 and 0.36 processor seconds.
 constexpr int kFinestSide = 2048;
+// The look without --align registers at this resolution first, and again at
+// kFinestSide only when that would use a transform: on a 12 MP bracket, 0.16
+// processor seconds instead of 2.3 for a tripod bracket.
+constexpr int kLookSide = 512;
 // Below this correlation, after the fit, a frame shares too little with the
 // reference to be registered.
 constexpr double kMinCorrelation = 0.5;
@@ -301,7 +308,9 @@ PairResult registerFrame(const Levels &reference, const Levels &frame) {
     cv::Matx23f w(1, 0, float(shift.x), 0, 1, float(shift.y));
 
     // Rotation and shift refined level by level; past the coarsest level the
-    // start is close and a hundredth of a pixel is close enough. The fit
+    // start is close, and the fit stops once its correlation changes by less
+    // than 1e-5 (at 1e-4 the sample's dark frame came out 0.31 px off at a
+    // corner instead of 0.30). The fit
     // sees the whole picture: given a mask of the part well exposed in both,
     // it put the dark frame of a tripod bracket 1.9 px off, against 0.4
     // without.
@@ -309,7 +318,7 @@ PairResult registerFrame(const Levels &reference, const Levels &frame) {
         if (l != coarsest)
             w = regrid(w, levelGrid(l + 1), levelGrid(l));
         const cv::TermCriteria criteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, l == coarsest ? 100 : 30,
-                                        l == coarsest ? 1e-6 : 1e-2);
+                                        l == coarsest ? 1e-6 : 1e-5);
         cv::Mat warp(w, true);  // a fit that fails leaves w as it was
         const auto [referenceFit, frameFit] = pairPrepared(reference.grey[l], frame.grey[l]);
         double rho = 0;
@@ -564,10 +573,21 @@ double misalignment(const std::vector<Image> &frames, int reference, const Neigh
     if (std::min(ref.width, ref.height) < 64)
         return 0;
     AlignSummary summary;
-    // At alignFrames' resolution: at half of it, waves on a bracket moved by
-    // 2 px pulled the fit twice as far, and the look and --align disagreed.
-    if (!estimateTransforms(frames, reference, kFinestSide, neighbours, summary))
+    // The answer is alignFrames' own, at its resolution: at half of it, waves
+    // on a bracket moved by 2 px pulled the fit twice as far, and the look
+    // and --align disagreed. Only a coarser look that finds every frame less
+    // than kMinMove out of line spares it; it asks no more than that, since
+    // its judgement of a fit is rougher (it kept the 2 px shift under the
+    // waves of a 1078-pixel bracket where the full look keeps it).
+    if (!estimateTransforms(frames, reference, kLookSide, neighbours, summary))
         return 0;
+    if (std::max(ref.width, ref.height) > kLookSide) {
+        if (std::none_of(summary.found.begin(), summary.found.end(),
+                         [&](const Affine &m) { return cornerShift(m, ref.width, ref.height) >= kMinMove; }))
+            return 0;
+        if (!estimateTransforms(frames, reference, kFinestSide, neighbours, summary))
+            return 0;
+    }
     double largest = 0;
     for (const Affine &m : summary.transforms)
         largest = std::max(largest, cornerShift(m, ref.width, ref.height));

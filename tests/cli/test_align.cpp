@@ -241,6 +241,30 @@ TEST_F(Align, FramesInLineStayAsTheyAre) {
     }
 }
 
+// Pictures larger than the look's first, coarse resolution: it stops there
+// for frames in line, and otherwise gives --align's own figure.
+TEST_F(Align, TheLookAgreesWithAlignOnLargerPictures) {
+    const Pose still{0, 0, 0};
+    const std::vector<Image> wide = wideBracket({still, still, still, still, still});
+    const std::vector<std::pair<const char *, std::vector<Image>>> cases = {
+        {"moved", bracket(kPoses)}, {"in line", {wide[0], wide[2], wide[4]}}};
+    for (const auto &[name, frames] : cases) {
+        std::vector<Image> large;
+        for (const Image &frame : frames) {
+            const cv::Mat in(frame.height, frame.width, CV_8UC3, const_cast<unsigned char *>(frame.rgb.data()));
+            cv::Mat out;
+            cv::resize(in, out, cv::Size(), 2.5, 2.5, cv::INTER_CUBIC);
+            large.push_back(Image{out.cols, out.rows, std::vector<unsigned char>(out.data, out.data + out.total() * 3), {}});
+        }
+        AlignSummary summary;
+        std::string error;
+        std::vector<Image> aligned = large;
+        ASSERT_TRUE(alignFrames(aligned, 1, summary, error)) << name << ": " << error;
+        EXPECT_EQ(misalignment(large, 1), summary.largestShift) << name;
+        EXPECT_EQ(summary.largestShift > 0, std::string(name) == "moved") << name;
+    }
+}
+
 TEST_F(Align, TransparentEdgesAreCutAwayAcrossPngAndTiffAlpha) {
     const std::vector<Image> frames = bracket({{0, 0, 0}, {0, 0, 0}, {0, 0, 0}});
     // Clear for 10 columns on the left in one frame; for 6 rows at the bottom
