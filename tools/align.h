@@ -6,7 +6,8 @@
 // enhanced-correlation fit of a rotation and shift on histogram-equalised
 // pictures refines it to a fraction of a pixel. A transform is used only when
 // it makes the frames' gradients agree clearly better than leaving the frame
-// where it is, and moves it by a pixel or more. The frames moved are then
+// where it is, and only in a bracket where some frame is a pixel or more out
+// of line (a handheld one). The frames moved are then
 // resampled (bicubic) onto the reference frame's grid and all are cut down to
 // the largest rectangle that every one of them covers.
 //
