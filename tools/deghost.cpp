@@ -98,9 +98,10 @@ cv::Mat exposureMap(const Cumulative &from, const Cumulative &to) {
 // processing all spread the darker frame's levels around the map, and they
 // spread them differently at every level; motion over less than half of a
 // level's pixels leaves its median alone. A level with fewer than kFewPixels
-// tested, or where the other frame carries detail in less than half of its
-// pixels (those then are mostly what moved, as at a dark silhouette's edge),
-// takes the median of the whole picture.
+// tested takes the median of the whole picture; one where the other frame
+// carries detail in less than half of its pixels tells nothing (those few
+// lie at the edge of the other's clipped or crushed areas, or are what
+// moved), and the other picture's level decides.
 constexpr int kFewPixels = 32;
 cv::Mat explained(const cv::Mat &level, const cv::Mat &difference, const cv::Mat &valid) {
     cv::Mat joint, levels;  // 256 x 256: level, difference; 256: level
@@ -110,15 +111,19 @@ cv::Mat explained(const cv::Mat &level, const cv::Mat &difference, const cv::Mat
     const float *ranges[] = {range, range};
     cv::calcHist(pair, 2, channels, valid, joint, 2, sizes, ranges);
     cv::calcHist(&level, 1, channels, cv::Mat(), levels, 1, sizes, ranges);
-    auto median = [&](int from, int to) {  // over the levels from..to; -1 when too few
+    // Over the levels from..to: -1 when too few are tested, 255 when the
+    // other frame carries detail in too few of them.
+    auto median = [&](int from, int to) {
         double counts[256] = {}, total = 0, all = 0;
         for (int v = std::max(from, 0); v <= std::min(to, 255); ++v) {
             all += levels.at<float>(v);
             for (int d = 0; d < 256; ++d)
                 counts[d] += joint.at<float>(v, d), total += joint.at<float>(v, d);
         }
-        if (total < kFewPixels || total * 2 < all)
+        if (total < kFewPixels)
             return -1;
+        if (total * 2 < all)
+            return 255;
         double seen = 0;
         for (int d = 0; d < 256; ++d)
             if ((seen += counts[d]) * 2 >= total)
@@ -135,6 +140,35 @@ cv::Mat explained(const cv::Mat &level, const cv::Mat &difference, const cv::Mat
     cv::Mat allowed;
     cv::LUT(level, table, allowed);
     return allowed;
+}
+
+// Where both pictures (one re-exposed to the other's levels) have texture
+// but it does not match: the correlation of their grey levels over a
+// kWindow-pixel square is below kMatched while both vary by kTexture levels
+// or more. Ripples on water move everywhere at once, so that no level's
+// statistics can single them out; their texture never lines up.
+constexpr int kWindow = 7;
+constexpr double kMatched = 0.3, kTexture = 6;
+cv::Mat textureMoved(const cv::Mat &predicted, const cv::Mat &actual, const cv::Mat &valid) {
+    cv::Mat p, a, pp, aa, pa, inside;
+    cv::cvtColor(predicted, p, cv::COLOR_RGB2GRAY);
+    cv::cvtColor(actual, a, cv::COLOR_RGB2GRAY);
+    p.convertTo(p, CV_32F);
+    a.convertTo(a, CV_32F);
+    const cv::Size window(kWindow, kWindow);
+    auto mean = [&](const cv::Mat &m) {
+        cv::Mat out;
+        cv::boxFilter(m, out, CV_32F, window);
+        return out;
+    };
+    const cv::Mat mp = mean(p), ma = mean(a);
+    const cv::Mat vp = mean(p.mul(p)) - mp.mul(mp), va = mean(a.mul(a)) - ma.mul(ma);
+    const cv::Mat cov = mean(p.mul(a)) - mp.mul(ma);
+    const double t2 = kTexture * kTexture;
+    cv::Mat product = vp.mul(va), root;
+    cv::sqrt(cv::max(product, 1e-6), root);
+    cv::erode(valid, inside, cv::getStructuringElement(cv::MORPH_RECT, window));
+    return (cov < kMatched * root) & (vp > t2) & (va > t2) & inside;
 }
 
 // Where frame differs from the reference beyond its exposure and noise (255),
@@ -171,7 +205,7 @@ cv::Mat moved(const cv::Mat &reference, const cv::Mat &frame, const Cumulative &
     cv::Mat any = cv::Mat::zeros(reference.size(), CV_8U);
     for (int c = 0; c < 3; ++c)
         any |= (e[c] > cv::min(explained(b[c], d[c], v[c]), explained(a[c], d[c], v[c]))) & v[c];
-    return any;
+    return any | textureMoved(predicted, actual, v[0] & v[1] & v[2]);
 }
 
 // Opened, closed and rid of specks: what stays is motion, not noise.
