@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "align.h"
+#include "deghost.h"
 #include "batch.h"
 #include "cancel.h"
 #include "frames.h"
@@ -245,6 +246,43 @@ py::tuple align(const py::sequence &frames, int threads) {
     return py::make_tuple(out, info);
 }
 
+py::tuple deghost(const py::sequence &frames, const py::object &reference, int threads) {
+    std::vector<Image> images = framesOf(frames, false, 2);
+    for (const Image &image : images)
+        if (image.rgb.empty())
+            throw py::value_error("empty frame");
+    std::vector<const Image *> given;
+    for (const Image &image : images)
+        given.push_back(&image);
+    const int count = int(images.size());
+    const int chosen = reference.is_none() ? brightnessOrder(given)[images.size() / 2] : py::cast<int>(reference);
+    if (chosen < 0 || chosen >= count)
+        throw py::value_error("reference: " + std::to_string(chosen) + " is not one of the " + std::to_string(count) +
+                              " frames");
+    DeghostSummary summary;
+    {
+        py::gil_scoped_release release;
+        if (threads > 0)
+            setAlignmentThreads(threads);
+        deghostFrames(images, chosen, summary);
+    }
+    py::list out, masks;
+    for (int i = 0; i < count; ++i) {
+        out.append(arrayOf(images[i]));
+        py::array_t<unsigned char> mask({summary.height, summary.width});
+        if (summary.masks[i].empty())
+            std::fill_n(mask.mutable_data(), mask.size(), 0);
+        else
+            std::copy(summary.masks[i].begin(), summary.masks[i].end(), mask.mutable_data());
+        masks.append(mask);
+    }
+    py::dict info;
+    info["reference"] = chosen;
+    info["replaced"] = summary.replaced;
+    info["masks"] = masks;
+    return py::make_tuple(out, info);
+}
+
 py::array_t<unsigned char> readFile(const std::string &path) {
     Image image;
     std::string error;
@@ -346,6 +384,7 @@ py::dict fuseBracketOf(const std::vector<std::string> &args, const std::vector<s
     d["status"] = outcome.status;
     d["line"] = outcome.lastLine;
     d["alignment"] = outcome.alignment;
+    d["deghost"] = outcome.deghost;
     d["frames"] = choice.paths;
     return d;
 }
@@ -371,6 +410,8 @@ int finishBatchOf(const std::vector<std::string> &args, const py::list &brackets
             b.chosen = py::cast<std::vector<std::string>>(d["frames"]);
         if (d.contains("alignment"))
             b.alignment = py::cast<std::string>(d["alignment"]);
+        if (d.contains("deghost"))
+            b.deghost = py::cast<std::string>(d["deghost"]);
         if (d.contains("seconds"))
             b.seconds = py::cast<double>(d["seconds"]);
         out.push_back(std::move(b));
@@ -386,6 +427,7 @@ PYBIND11_MODULE(_lumora, m) {
     m.attr("__version__") = LUMORA_VERSION;
     m.def("fuse", &fuse, py::arg("frames"), py::arg("bgr"), py::arg("args"), py::arg("progress"));
     m.def("align", &align, py::arg("frames"), py::arg("threads"));
+    m.def("deghost", &deghost, py::arg("frames"), py::arg("reference"), py::arg("threads"));
     m.def("read", &readFile, py::arg("path"));
     m.def("write", &writeFile, py::arg("path"), py::arg("array"), py::arg("metadata_from"), py::arg("quality"));
     m.def("plan_batch", &planBatchOf, py::arg("args"));

@@ -574,6 +574,17 @@ std::string alignmentLine(const AlignSummary &summary, const std::vector<std::st
     return line + "; " + (c.area() == (long long)width * height ? "nothing cropped" : cropText(c, width, height));
 }
 
+cv::Mat bitmapDisagreement(const cv::Mat &a, const cv::Mat &b, const cv::Mat &area) {
+    const cv::Mat counted = area & wellExposed(a) & wellExposed(b);
+    if (cv::countNonZero(counted) == 0)
+        return cv::Mat::zeros(a.size(), CV_8U);
+    const int ta = maskedMedian(a, counted), tb = maskedMedian(b, counted);
+    cv::Mat da, db;
+    cv::absdiff(a, cv::Scalar(ta), da);
+    cv::absdiff(b, cv::Scalar(tb), db);
+    return ((a > ta) ^ (b > tb)) & counted & (da > kExclusion) & (db > kExclusion);
+}
+
 void setAlignmentThreads(int threads) { cv::setNumThreads(threads); }
 
 double misalignment(const std::vector<Image> &frames, int reference, const Neighbours &neighbours) {

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include <opencv2/core.hpp>
+
 #include "crop.h"
 #include "image_io.h"
 
@@ -97,5 +99,12 @@ void setAlignmentThreads(int threads);
 // picture, of any frame against frames[reference] that alignment would use;
 // 0 when it would keep every frame as it is or cannot tell.
 double misalignment(const std::vector<Image> &frames, int reference, const Neighbours &neighbours = {});
+
+// Where two grey pictures of one scene at different exposures disagree by
+// their median-threshold bitmaps (each thresholded at its median over the
+// part of area well exposed in both): 255 where one is above its median and
+// the other below, counting only pixels of that part that lie clear of both
+// thresholds. Exposure does not change these bitmaps; motion does.
+cv::Mat bitmapDisagreement(const cv::Mat &a, const cv::Mat &b, const cv::Mat &area);
 
 }  // namespace lumora_fuse

@@ -336,6 +336,14 @@ std::string helpText() {
                                   "fusing, move those it brings clearly into line, and cut the result down to the "
                                   "largest rectangle all of them cover; without it, exposures that aligning would "
                                   "move a pixel or more are reported");
+    s += wrapped("      --deghost", "where the scene moved between the exposures (people, leaves, waves), make "
+                                    "every frame show the reference frame's content at its own exposure, after "
+                                    "--align; a static bracket is left as it is; without it, frames that disagree "
+                                    "beyond what exposure explains are reported");
+    s += wrapped("      --deghost-ref=FRAME", "the reference frame, named as on the command line (default: the "
+                                              "middle exposure)");
+    s += wrapped("      --deghost-masks=DIR", "write each frame's mask (white: replaced) to DIR/STEM_mask.png, "
+                                              "making DIR if missing");
     s += "\nOutput:\n";
     s += wrapped("  -o, --output=FILE",
                  "write the result to FILE (required); it is written whole or not at all, and never over an input "
@@ -371,7 +379,7 @@ std::string helpText() {
     s += wrapped("      --overwrite", "replace existing outputs (by default they are skipped, so that an "
                                       "interrupted batch resumes)");
     s += wrapped("      --report=FILE", "write a JSON summary: per bracket its inputs, output, frames fused, "
-                                        "alignment, seconds and status (fused, skipped or failed)");
+                                        "alignment, deghosting, seconds and status (fused, skipped or failed)");
     s += "\nFusion (ranges are what the fusion handles safely):\n";
     s += wrapped("      --look=NAME", std::string("set every fusion parameter below at once; those given beside it "
                                                   "override its values (default ") + kDefaultLook + "):");
@@ -444,6 +452,9 @@ void declareOptions(CLI::App &app, Options &options, GivenOptions &given) {
     app.add_flag("-V,--version", given.version);
     app.add_flag("-q,--quiet", options.quiet);
     app.add_flag("--align", options.align);
+    app.add_flag("--deghost", options.deghost);
+    app.add_option("--deghost-ref", options.deghostRef);
+    app.add_option("--deghost-masks", options.deghostMasks);
     app.add_flag("-v,--verbose", options.verbose);
     app.add_flag("--preserve-highlights,!--no-preserve-highlights", given.preserve);
     app.add_option("--look", given.look);
@@ -530,6 +541,15 @@ bool checkFramesAndBatch(const CLI::App &app, Options &options, const GivenOptio
             message = std::string(name) + ": only with --batch";
             return false;
         }
+    for (const char *name : {"--deghost-ref", "--deghost-masks"})
+        if (!options.deghost && app.count(name)) {
+            message = std::string(name) + ": only with --deghost";
+            return false;
+        }
+    if (options.batch && app.count("--deghost-ref")) {
+        message = "--deghost-ref: not with --batch (each bracket has frames of its own)";
+        return false;
+    }
     if (options.batch && (app.count("--frames") || app.count("--loupe"))) {
         message = std::string(app.count("--frames") ? "--frames" : "--loupe") +
                   ": not with --batch (each bracket is fused whole, from frames of its own)";

@@ -76,6 +76,9 @@ struct Options {
     int quality = 95;
     int depth = 8;
     bool align = false;  // register the frames to the middle one before fusing
+    bool deghost = false;      // make the frames agree where the scene moved (after --align)
+    std::string deghostRef;    // --deghost-ref: the frame the others are made to agree with
+    std::string deghostMasks;  // --deghost-masks: the folder for each frame's mask
     bool quiet = false;
     bool verbose = false;
     std::vector<std::string> frames;  // --frames: the ones to fuse, as given

@@ -16,6 +16,7 @@
 #include "cancel.h"
 #include "console.h"
 #include "crop.h"
+#include "deghost.h"
 #include "frames.h"
 #include "fusion_call.h"
 #include "fusion_child.h"
@@ -43,11 +44,15 @@ public:
         : options_(options), images_(std::move(decoded)), output_(options.output), inProcess_(inProcess) {}
 
     RunOutcome run() {
-        int status = readExposures();
+        int status = deghostChecks();
+        if (status == kContinue)
+            status = readExposures();
         if (status == kContinue)
             status = cropTransparentEdges();
         if (status == kContinue)
             status = alignExposures();
+        if (status == kContinue)
+            status = deghostExposures();
         if (status == kContinue)
             status = fusedRegion();
         if (status == kContinue)
@@ -144,6 +149,10 @@ private:
                      name.c_str());
             if (off >= 1.0)
                 say(text);
+            // Frames out of line disagree everywhere; --align comes first.
+            else if (!options_.quiet && !options_.deghost && motionShare(images_, reference) > kMotionSuggested)
+                say("the exposures disagree over more than exposure explains (something moved); --deghost would "
+                    "remove the ghosts");
             return kContinue;
         }
         const int width = images_[0].width, height = images_[0].height;
@@ -157,6 +166,46 @@ private:
         outcome_.alignment = alignmentLine(summary, options_.images, width, height);
         if (!options_.quiet)
             say(outcome_.alignment);
+        return cancelRequested() ? cancelled() : kContinue;
+    }
+
+    // --deghost-ref names one of the frames fused, and the masks' folder
+    // takes files, before anything is read.
+    int deghostChecks() {
+        const std::string &named = options_.deghostRef;
+        for (size_t i = 0; i < options_.images.size() && !named.empty(); ++i)
+            if (options_.images[i] == named || sameFile(options_.images[i], named))
+                deghostRef_ = int(i);
+        if (!named.empty() && deghostRef_ < 0) {
+            std::string fused;
+            for (const std::string &image : options_.images)
+                fused += (fused.empty() ? "" : ", ") + image;
+            return usageError("--deghost-ref: '" + named + "' is not one of the frames fused (" + fused + ")");
+        }
+        std::string error;
+        if (!options_.deghostMasks.empty() && !prepareMaskFolder(options_.deghostMasks, error)) {
+            say(error);
+            return 1;
+        }
+        return kContinue;
+    }
+
+    // With --deghost, every frame made to agree with the reference (the
+    // middle exposure, or the one --deghost-ref names) where the scene moved.
+    int deghostExposures() {
+        if (!options_.deghost)
+            return kContinue;
+        const int reference = deghostRef_ >= 0 ? deghostRef_ : order_[images_.size() / 2];
+        DeghostSummary summary;
+        deghostFrames(images_, reference, summary);
+        outcome_.deghost = deghostLine(summary, options_.images);
+        if (!options_.quiet)
+            say(outcome_.deghost);
+        std::string error;
+        if (!options_.deghostMasks.empty() && !writeMasks(options_.deghostMasks, summary, options_.images, error)) {
+            say(error);
+            return 1;
+        }
         return cancelRequested() ? cancelled() : kContinue;
     }
 
@@ -250,6 +299,7 @@ private:
     std::vector<Image> images_;
     OutputFile output_;
     std::vector<int> order_;  // images_ darkest first
+    int deghostRef_ = -1;     // the frame --deghost-ref names, if any
     Loupe region_;
     ProgressBar bar_{consoleFd()};
     ProgressBar *shown_ = nullptr;  // the bar, when it is drawn

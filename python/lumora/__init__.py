@@ -16,7 +16,7 @@ from . import _lumora
 from ._lumora import Cancelled
 
 __version__ = _lumora.__version__
-__all__ = ["fuse", "align", "read", "write", "Cancelled", "__version__"]
+__all__ = ["fuse", "align", "deghost", "read", "write", "Cancelled", "__version__"]
 
 # Python keyword -> lumora-fuse option, for the numeric fusion parameters.
 _PARAMETERS = {
@@ -120,6 +120,26 @@ def align(frames, *, threads=0):
     registered.
     """
     return _lumora.align(frames, threads)
+
+
+def deghost(frames, *, reference=None, threads=0):
+    """Makes the frames agree where the scene moved, as lumora-fuse --deghost does.
+
+    frames: two or more H x W x 3 uint8 (or uint16) arrays of one scene, of
+    one size (aligned first where handheld). Wherever a frame differs from
+    the reference (the middle one by brightness, or the index given) beyond
+    what exposure and noise explain, it shows the reference's content at its
+    own exposure; where the reference is clipped or crushed, the frame best
+    exposed there stands in. A frame with an empty mask comes back unchanged.
+
+    Returns (frames, info): the frames as new uint8 arrays, and a dict with
+    "reference" (the index), "replaced" (per frame the share of its pixels
+    replaced, 0 to 1) and "masks" (per frame an H x W uint8 array, 255 where
+    replaced whole). ValueError when reference is not a frame's index.
+    """
+    if reference is not None and (isinstance(reference, bool) or not isinstance(reference, Integral)):
+        raise TypeError(f"reference: expected an int, got {type(reference).__name__}")
+    return _lumora.deghost(frames, reference, threads)
 
 
 def read(path):

@@ -79,8 +79,9 @@ def run(argv):
                 raise
             except Exception as error:  # a worker lost, a task that raised
                 outcome = {"status": 1, "line": f"{type(error).__name__}: {error}", "frames": [],
-                           "alignment": "none", "seconds": 0.0}
-            bracket.update(frames=outcome["frames"], alignment=outcome["alignment"], seconds=outcome["seconds"])
+                           "alignment": "none", "deghost": "none", "seconds": 0.0}
+            bracket.update(frames=outcome["frames"], alignment=outcome["alignment"], deghost=outcome["deghost"],
+                           seconds=outcome["seconds"])
             done += 1
             if outcome["status"] == 0:
                 bracket["status"] = "fused"

@@ -368,7 +368,7 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
     EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
     const std::string report = slurp(at("report.json"));
-    for (const std::string key : {"\"look\": \"natural: --strength ", "\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"",
+    for (const std::string key : {"\"look\": \"natural: --strength ", "\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"", "\"deghost\": \"none\"",
                                   "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
         EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
 

@@ -41,6 +41,12 @@ std::string checkAccepted(const Options &o) {
     if (o.batch ? !o.frames.empty() || o.loupe.enabled
                 : o.group != 0 || o.overwrite || !o.report.empty())
         return "accepted an option of the other mode (batch " + std::to_string(o.batch) + ")";
+    // The deghosting's reference and masks only with it; its reference, a
+    // frame of one fusion, never in a batch.
+    if (!o.deghost && (!o.deghostRef.empty() || !o.deghostMasks.empty()))
+        return "accepted --deghost-ref or --deghost-masks without --deghost";
+    if (o.batch && !o.deghostRef.empty())
+        return "accepted --deghost-ref with --batch";
     if (!o.frames.empty() && (o.frames.size() < 2 || o.frames.size() > 3))
         return "accepted " + std::to_string(o.frames.size()) + " frames to fuse";
     if (o.group != 0 && (o.group < 2 || o.group > 1000))

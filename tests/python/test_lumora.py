@@ -119,6 +119,25 @@ def test_the_gil_is_released_and_progress_can_cancel(frames):
     assert np.array_equal(lumora.fuse(frames), lumora.fuse(frames)), "nothing left behind"
 
 
+def test_deghost_leaves_a_still_bracket_alone_and_fuses_a_moving_one_as_the_tool(frames, tmp_path):
+    same, info = lumora.deghost(frames)
+    assert info["replaced"] == [0, 0, 0] and all(np.array_equal(a, b) for a, b in zip(same, frames))
+    # A 24-pixel patch of each frame moved to a place of its own, as a walker is.
+    moving = [frame.copy() for frame in frames]
+    for frame, (x, y) in zip(moving, [(4, 66), (80, 4), (100, 66)]):
+        frame[y:y + 24, x:x + 24] = frame[30:54, 45:69]
+    deghosted, info = lumora.deghost(moving)
+    # (The dark frame is mostly crushed, there and around.)
+    assert info["reference"] == 1 and info["replaced"][1] == 0 and info["replaced"][2] > 0.03
+    assert np.array_equal(deghosted[1], moving[1]) and info["masks"][2].max() == 255
+    for i, frame in enumerate(moving):
+        lumora.write(tmp_path / f"{i}.png", frame)
+    tool("--deghost", *(tmp_path / f"{i}.png" for i in range(3)), "-o", tmp_path / "tool.png")
+    assert np.array_equal(lumora.fuse(deghosted), lumora.read(tmp_path / "tool.png"))
+    with pytest.raises(ValueError, match="reference: 3 is not one of the 3 frames"):
+        lumora.deghost(frames, reference=3)
+
+
 def test_dask_batch_writes_what_lumora_fuse_batch_writes(frames, tmp_path):
     source = tmp_path / "in"
     source.mkdir()
