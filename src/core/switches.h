@@ -21,6 +21,15 @@ namespace simd {
 // by size (tests force tiny bands).
 extern int levelPassBandRows;
 }  // namespace simd
+namespace device {
+// The OpenCL level pass: rows per launch (0 chooses by size), a value added
+// to every byte the device writes (its check must then refuse it), and the
+// launch, counted down from when it is set, that fails as an OpenCL error
+// would (0: none).
+extern int bandRows;
+extern int perturbBytes;
+extern int failAtLaunch;
+}  // namespace device
 // Calls of getProposedLevelFactorImpl since process start.
 extern int proposedLevelFactorImplCalls;
 // Entries of the last vectorised CIELab fill that took the exact conversion.
