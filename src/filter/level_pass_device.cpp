@@ -38,6 +38,21 @@ namespace {
 std::mutex deviceMutex;
 int chosen = -1;
 std::string lastDevice = "CPU";
+ProgressCallback pollCallback = nullptr;
+const float *pollAmount = nullptr;
+bool cancelled = false;
+
+}  // namespace
+
+void setBandPoll(ProgressCallback callback, const float *amount) {
+    pollCallback = callback;
+    pollAmount = amount;
+    cancelled = false;
+}
+
+bool cancelledBetweenBands() { return cancelled; }
+
+namespace {
 
 // What the device pass covers: 8-bit one- or three-sample levels with their
 // border built in, guided by themselves, no debug dumps, indices that fit
@@ -282,6 +297,14 @@ void runRows(DeviceState &s, const LevelPassArgs &a) {
     const size_t local[2] = {32, 4};
     const bool shaped = groupLimit >= local[0] * local[1];
     for (int j0 = 0; j0 < a.jMax; j0 += band) {
+        if (j0 > 0 && pollCallback != nullptr) {
+            int cancel = 0;
+            pollCallback(&cancel, *pollAmount);
+            if (cancel != 0) {
+                cancelled = true;
+                return;
+            }
+        }
         const cl_int first = j0, rows = std::min(band, a.jMax - j0);
         check(clSetKernelArg(k, bandArgs, sizeof first, &first), "clSetKernelArg");
         check(clSetKernelArg(k, bandArgs + 1, sizeof rows, &rows), "clSetKernelArg");
@@ -469,6 +492,8 @@ bool levelRows(const LevelPassArgs &a) {
     std::lock_guard<std::mutex> lock(deviceMutex);
     lastDevice = "CPU";
     if (chosen < 0 || !covers(a)) return false;
+    // Cancelled: the fusion ends at its next report, whatever this level holds.
+    if (cancelled) return true;
     DeviceState *s = usableDevice();
     if (s == nullptr) return false;
     try {

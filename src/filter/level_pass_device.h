@@ -33,6 +33,14 @@ std::string lastLevelDevice();
 // one line on stderr, and the CPU filters this level and the rest).
 bool levelRows(const LevelPassArgs &a);
 
+// Between two bands of a level the device pass asks the fusion's host
+// whether to go on: through the driver's callback, with the amount reported
+// so far (so a host sees it repeated). A cancel there stops the device work
+// at once, and the driver ends the fusion at its next report as if the host
+// had cancelled there. Set for one fusion; null when none runs.
+void setBandPoll(ProgressCallback callback, const float *amount);
+bool cancelledBetweenBands();
+
 // The level pass's reference on one thread: filterPixel8 over every pixel.
 void referenceRows(const LevelPassArgs &a);
 

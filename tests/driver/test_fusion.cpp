@@ -14,6 +14,7 @@
 
 #include "core/switches.h"
 #include "driver/driver.h"
+#include "filter/level_pass_device.h"
 #include "test_support.h"
 
 using namespace lumora;
@@ -308,4 +309,34 @@ TEST(HostThreads, ConcurrentCallsGiveSequentialBytesAndTeamsBelowOneRunOneThread
     }
     EXPECT_EQ(count[0], 20);
     EXPECT_EQ(count[1], 20);
+}
+
+// On an OpenCL device in bands of 16 rows: the CPU's bytes, the host asked
+// between bands with the amount so far, and a cancel there ending the
+// fusion at the next report with the output untouched. Skipped without a
+// device.
+TEST(FusionDevice, BandsGiveTheCpuBytesAndCancelBetweenThem) {
+    if (device::deviceNames().empty()) GTEST_SKIP() << "no OpenCL device";
+    const int before = device::selectedDevice();
+    const Bracket b = loadBracket(176, 96, 128, 96);  // six bands a level
+    Params prm;
+    ASSERT_TRUE(device::selectDevice(-1));
+    const Fusion cpu = fuse(b, {0, 2}, prm.p);
+    ASSERT_TRUE(device::selectDevice(0));
+    device::bandRows = 16;
+    resetProgress(0);
+    const Fusion gpu = fuse(b, {0, 2}, prm.p, 2, record);
+    EXPECT_EQ(gpu.out, cpu.out);
+    EXPECT_EQ(device::lastLevelDevice(), device::deviceNames()[0]);
+    // Four stage reports and the final one; five repeats of 0 before the first.
+    ASSERT_GT(g_amounts.size(), 10u);
+    EXPECT_EQ(std::count(g_amounts.begin(), g_amounts.begin() + 5, 0.0f), 5);
+    resetProgress(1);
+    const Fusion cancelled = fuse(b, {0, 2}, prm.p, 2, record);
+    EXPECT_EQ(cancelled.result, 4);
+    EXPECT_TRUE(untouched(cancelled.out));
+    EXPECT_EQ(g_amounts.size(), 2u);  // the cancel, then the report that ends the fusion
+    EXPECT_EQ(g_amounts[0], 0.0f);
+    device::bandRows = 0;
+    device::selectDevice(before);
 }
