@@ -93,6 +93,7 @@ std::vector<int> periods() {
 #ifndef LUMORA_HAVE_OPENCL
 
 std::vector<std::string> deviceNames() { return {}; }
+bool deviceIsCpu(int) { return false; }
 bool selectDevice(int index) { return index == -1; }
 int selectedDevice() { return -1; }
 bool selectedDevicePasses() { return false; }
@@ -458,6 +459,15 @@ std::vector<std::string> deviceNames() {
     std::vector<std::string> names;
     for (const DeviceState &s : states) names.push_back(s.name);
     return names;
+}
+
+bool deviceIsCpu(int index) {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    enumerate();
+    if (index < 0 || index >= (int)states.size()) return false;
+    cl_device_type type = 0;
+    clGetDeviceInfo(states[index].id, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
+    return (type & CL_DEVICE_TYPE_CPU) != 0;
 }
 
 bool selectDevice(int index) {

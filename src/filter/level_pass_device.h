@@ -14,6 +14,9 @@ namespace lumora::device {
 // The OpenCL devices of every platform, in the order their indices count
 // them (empty without an OpenCL runtime, or in a build without OpenCL).
 std::vector<std::string> deviceNames();
+// Whether device index is a CPU (where this library's own CPU path is the
+// faster one); false for an index that names no device.
+bool deviceIsCpu(int index);
 
 // Where levels run from now on, for the whole process: -1 the CPU (the
 // default), else device index. False, leaving the choice as it was, for an

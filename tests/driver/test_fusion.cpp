@@ -14,6 +14,7 @@
 
 #include "core/switches.h"
 #include "driver/driver.h"
+#include "LumoraDevice.h"
 #include "filter/level_pass_device.h"
 #include "test_support.h"
 
@@ -311,23 +312,42 @@ TEST(HostThreads, ConcurrentCallsGiveSequentialBytesAndTeamsBelowOneRunOneThread
     EXPECT_EQ(count[1], 20);
 }
 
+// The device extension: the CPU unless a host asks, indices past the
+// devices refused, AUTO the first device that passes and is no CPU (so not
+// PoCL's, in CI).
+TEST(FusionDevice, ChoiceOfDevice) {
+    const int before = device::selectedDevice();
+    const int count = lumora_device_count();
+    EXPECT_EQ(lumora_device_name(count), nullptr);
+    EXPECT_EQ(lumora_use_device(count), -2);
+    EXPECT_EQ(lumora_use_device(-2), -2);
+    int firstNotCpu = LUMORA_DEVICE_CPU;
+    for (int d = count - 1; d >= 0; d--)
+        if (!device::deviceIsCpu(d)) firstNotCpu = d;
+    EXPECT_EQ(lumora_use_device(LUMORA_DEVICE_AUTO), firstNotCpu);
+    EXPECT_EQ(lumora_use_device(LUMORA_DEVICE_CPU), LUMORA_DEVICE_CPU);
+    EXPECT_EQ(device::selectedDevice(), -1);
+    device::selectDevice(before);
+}
+
 // On an OpenCL device in bands of 16 rows: the CPU's bytes, the host asked
 // between bands with the amount so far, and a cancel there ending the
 // fusion at the next report with the output untouched. Skipped without a
 // device.
 TEST(FusionDevice, BandsGiveTheCpuBytesAndCancelBetweenThem) {
-    if (device::deviceNames().empty()) GTEST_SKIP() << "no OpenCL device";
+    if (lumora_device_count() == 0) GTEST_SKIP() << "no OpenCL device";
     const int before = device::selectedDevice();
     const Bracket b = loadBracket(176, 96, 128, 96);  // six bands a level
     Params prm;
-    ASSERT_TRUE(device::selectDevice(-1));
+    ASSERT_EQ(lumora_use_device(LUMORA_DEVICE_CPU), LUMORA_DEVICE_CPU);
     const Fusion cpu = fuse(b, {0, 2}, prm.p);
-    ASSERT_TRUE(device::selectDevice(0));
+    EXPECT_STREQ(lumora_last_device(), "CPU");
+    ASSERT_EQ(lumora_use_device(0), 0);
     device::bandRows = 16;
     resetProgress(0);
     const Fusion gpu = fuse(b, {0, 2}, prm.p, 2, record);
     EXPECT_EQ(gpu.out, cpu.out);
-    EXPECT_EQ(device::lastLevelDevice(), device::deviceNames()[0]);
+    EXPECT_STREQ(lumora_last_device(), lumora_device_name(0));
     // Four stage reports and the final one; five repeats of 0 before the first.
     ASSERT_GT(g_amounts.size(), 10u);
     EXPECT_EQ(std::count(g_amounts.begin(), g_amounts.begin() + 5, 0.0f), 5);
