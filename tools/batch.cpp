@@ -123,7 +123,7 @@ std::string reportText(const Options &options, const std::vector<Bracket> &brack
         snprintf(seconds, sizeof seconds, "%.3f", b.seconds);
         out += std::string(i ? "," : "") + "\n    {\"inputs\": " + quotedList(inputs) +
                ", \"output\": " + quoted(b.output) + ", \"frames\": " + quotedList(b.chosen) +
-               ", \"alignment\": " + quoted(b.alignment) + ", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
+               ", \"alignment\": " + quoted(b.alignment) + ", \"device\": " + quoted(b.device) + ", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
                ", \"error\": " + quoted(b.error) + "}";
         counts[b.status == "fused" ? 0 : b.status == "skipped" ? 1 : 2] += 1;
     }
@@ -267,6 +267,7 @@ struct BatchRun {
         }
         const RunOutcome outcome = fuseBracket(one, std::move(p.images));
         b.alignment = outcome.alignment;
+        b.device = outcome.device;
         if (outcome.status != 0)
             b.error = outcome.lastLine;
         return outcome.status;

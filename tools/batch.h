@@ -28,6 +28,7 @@ struct BatchBracket {
     std::vector<std::string> chosen;  // the frames fused
     std::string status = "failed", error;  // "fused", "skipped", "failed" or "cancelled"
     std::string alignment = "none";
+    std::string device;  // what filtered, once fused
     double seconds = 0;
 };
 

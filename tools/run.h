@@ -19,6 +19,7 @@ struct RunOutcome {
     int status = 0;                  // exit status: 0, 1 failure, 2 usage error, 130 cancelled
     std::string lastLine;            // the last line said (why, when status is not 0)
     std::string alignment = "none";  // what the alignment did, as its line says it
+    std::string device;              // what filtered: an OpenCL device's name or "CPU"; empty unless fused
 };
 
 // Reads (unless decoded holds the frames already, read and checked), crops

@@ -17,6 +17,7 @@
 
 #ifdef LUMORA_HAVE_OPENCL
 #include <CL/cl.h>
+#include <signal.h>
 #endif
 
 namespace lumora {
@@ -110,6 +111,25 @@ namespace {
 const char kKernelSource[] =
 #include "level_pass_cl.inc"
     ;
+
+// An OpenCL runtime may install handlers for most signals as it starts or
+// compiles (PoCL's LLVM does: SIGINT, SIGTERM, SIGABRT, SIGSEGV...); the
+// host's stay as they were around every call into it.
+class KeepSignalHandlers {
+public:
+    KeepSignalHandlers() {
+        for (int s = 1; s < NSIG; s++) sigaction(s, nullptr, &saved_[s]);
+    }
+    ~KeepSignalHandlers() {
+        for (int s = 1; s < NSIG; s++)
+            if (s != SIGKILL && s != SIGSTOP) sigaction(s, &saved_[s], nullptr);
+    }
+    KeepSignalHandlers(const KeepSignalHandlers &) = delete;
+    KeepSignalHandlers &operator=(const KeepSignalHandlers &) = delete;
+
+private:
+    struct sigaction saved_[NSIG];
+};
 
 std::vector<cl_device_id> allDevices() {
     std::vector<cl_device_id> devices;
@@ -424,6 +444,7 @@ DeviceState *usableDevice() {
     DeviceState &s = states[chosen];
     if (s.failed || s.check == DeviceState::Check::Refused) return nullptr;
     if (s.check == DeviceState::Check::NotYet) {
+        KeepSignalHandlers keep;
         try {
             if (s.kernel == nullptr) build(s);
             const bool same = checkDevice(s);
@@ -444,6 +465,7 @@ DeviceState *usableDevice() {
 
 void enumerate() {
     if (!states.empty()) return;
+    KeepSignalHandlers keep;
     for (cl_device_id id : allDevices()) {
         states.emplace_back();
         states.back().id = id;
@@ -472,6 +494,10 @@ bool deviceIsCpu(int index) {
 
 bool selectDevice(int index) {
     std::lock_guard<std::mutex> lock(deviceMutex);
+    if (index == -1) {  // the CPU: no need to start OpenCL
+        chosen = -1;
+        return true;
+    }
     enumerate();
     if (index < -1 || index >= (int)states.size()) return false;
     chosen = index;
@@ -506,6 +532,7 @@ bool levelRows(const LevelPassArgs &a) {
     if (cancelled) return true;
     DeviceState *s = usableDevice();
     if (s == nullptr) return false;
+    KeepSignalHandlers keep;
     try {
         runRows(*s, a);
     } catch (const ClError &e) {
