@@ -36,9 +36,6 @@ void referenceRows(const LevelPassArgs &a) {
 
 namespace {
 
-std::mutex deviceMutex;
-int chosen = -1;
-std::string lastDevice = "CPU";
 ProgressCallback pollCallback = nullptr;
 const float *pollAmount = nullptr;
 bool cancelled = false;
@@ -53,7 +50,23 @@ void setBandPoll(ProgressCallback callback, const float *amount) {
 
 bool cancelledBetweenBands() { return cancelled; }
 
+#ifndef LUMORA_HAVE_OPENCL
+
+std::vector<std::string> deviceNames() { return {}; }
+bool deviceIsCpu(int) { return false; }
+bool selectDevice(int index) { return index == -1; }
+int selectedDevice() { return -1; }
+bool selectedDevicePasses() { return false; }
+std::string lastLevelDevice() { return "CPU"; }
+bool levelRows(const LevelPassArgs &) { return false; }
+
+#else
+
 namespace {
+
+std::mutex deviceMutex;
+int chosen = -1;
+std::string lastDevice = "CPU";
 
 // What the device pass covers: 8-bit one- or three-sample levels with their
 // border built in, guided by themselves, no debug dumps, indices that fit
@@ -90,21 +103,6 @@ std::vector<int> periods() {
 }
 
 }  // namespace
-
-#ifndef LUMORA_HAVE_OPENCL
-
-std::vector<std::string> deviceNames() { return {}; }
-bool deviceIsCpu(int) { return false; }
-bool selectDevice(int index) { return index == -1; }
-int selectedDevice() { return -1; }
-bool selectedDevicePasses() { return false; }
-std::string lastLevelDevice() { return "CPU"; }
-bool levelRows(const LevelPassArgs &) {
-    lastDevice = "CPU";
-    return false;
-}
-
-#else
 
 namespace {
 
