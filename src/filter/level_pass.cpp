@@ -164,7 +164,7 @@ void simdRows(const simd::LevelPlan &plan, int jMax, KernelEntry *bilateralKerne
 int levelPass(int nbProc, const LevelPassArgs &a) {
     // On an OpenCL device, when one is chosen and covers the level: the
     // same bytes, smoothed here.
-    if (!usePlainPath && device::levelRows(a)) {
+    if (!usePlainPath && device::levelRows(a, nbProc)) {
         if (a.level > 0) {
 #pragma omp parallel num_threads(nbProc)
             smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <mutex>
+#include <new>
 
 #include "core/switches.h"
 #include "diag/diag.h"
@@ -58,7 +59,7 @@ bool selectDevice(int index) { return index == -1; }
 int selectedDevice() { return -1; }
 bool selectedDevicePasses() { return false; }
 std::string lastLevelDevice() { return "CPU"; }
-bool levelRows(const LevelPassArgs &) { return false; }
+bool levelRows(const LevelPassArgs &, int) { return false; }
 
 #else
 
@@ -237,10 +238,28 @@ int rowsPerBand(const LevelPassArgs &a) {
 }
 
 // The level's rows on device s, band by band into a.imgOutput.
-void runRows(DeviceState &s, const LevelPassArgs &a) {
+// The CIELab planes of bordered rows [y0, y0 + rows) into lab, shared out
+// among nbProc threads.
+void labRows(const LevelPassArgs &a, int width, int y0, int rows, int nbProc, float *lab) {
+#pragma omp parallel for num_threads(nbProc) schedule(static)
+    for (int y = 0; y < rows; y++) {
+        const unsigned char *c = a.img->image + (size_t)(y0 + y) * width * 3;
+        float *l = lab + (size_t)y * width * 3;
+        for (int x = 0; x < width; x++, c += 3, l += 3) {
+            const LABData &v = labLUT[c[0]][c[1]][c[2]];
+            l[0] = v.l;
+            l[1] = v.a;
+            l[2] = v.b;
+        }
+    }
+}
+
+// The level's rows on device s, band by band into a.imgOutput. Each band
+// uploads the bordered rows its windows reach (and their CIELab planes), so
+// that neither the device nor the host holds more than a band's worth.
+void runRows(DeviceState &s, const LevelPassArgs &a, int nbProc) {
     const int b = a.img->borderWidth;
-    const int width = a.iMax + 2 * b, height = a.jMax + 2 * b;
-    const size_t pixels = (size_t)width * height;
+    const int width = a.iMax + 2 * b;
     const int nN = a.numKernelEntries, nF = a.levelGaussOnly ? 0 : a.numFineKernelEntries;
 
     std::vector<cl_int> pos(2 * (size_t)(nN + nF));
@@ -251,24 +270,18 @@ void runRows(DeviceState &s, const LevelPassArgs &a) {
         pos[2 * e + 1] = k.ypos;
         factor[e] = k.factor;
     }
-    std::vector<float> lab;
-    if (a.spp == 3 && !a.levelGaussOnly) {
-        lab.resize(3 * pixels);
-        for (size_t p = 0; p < pixels; p++) {
-            const unsigned char *c = a.img->image + 3 * p;
-            const LABData &l = labLUT[c[0]][c[1]][c[2]];
-            lab[3 * p] = l.l;
-            lab[3 * p + 1] = l.a;
-            lab[3 * p + 2] = l.b;
-        }
-    }
+    const int band = std::min(rowsPerBand(a), a.jMax);
+    // A band's windows reach 2b rows below its last.
+    const size_t bandPixels = (size_t)width * (band + 2 * b);
+    const bool colour = a.spp == 3 && !a.levelGaussOnly;
+    std::vector<float> lab(colour ? 3 * bandPixels : 0);
     const bool useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
     const std::vector<int> period = periods();
 
     Buffer img, labBuf, posBuf, factorBuf, lut, map, periodBuf, out;
     const cl_mem_flags in = CL_MEM_READ_ONLY;
-    img.make(s.context, in, pixels * a.spp, a.img->image);
-    labBuf.make(s.context, in, lab.size() * sizeof(float), lab.empty() ? nullptr : lab.data());
+    img.make(s.context, in, bandPixels * a.spp, nullptr);
+    labBuf.make(s.context, in, lab.size() * sizeof(float), nullptr);
     posBuf.make(s.context, in, pos.size() * sizeof(cl_int), pos.data());
     factorBuf.make(s.context, in, factor.size() * sizeof(float), factor.data());
     lut.make(s.context, in, a.levelGaussOnly ? 0 : EXP_LUT_ENTRIES * sizeof(float),
@@ -276,7 +289,6 @@ void runRows(DeviceState &s, const LevelPassArgs &a) {
     map.make(s.context, in, useMap ? (size_t)a.iMax * a.jMax : 0,
              useMap ? a.brightImage : nullptr);
     periodBuf.make(s.context, in, period.size() * sizeof(cl_int), period.data());
-    const int band = std::min(rowsPerBand(a), a.jMax);
     const size_t rowBytes = (size_t)a.iMax * a.spp;
     out.make(s.context, CL_MEM_WRITE_ONLY, rowBytes * band, nullptr);
 
@@ -325,6 +337,17 @@ void runRows(DeviceState &s, const LevelPassArgs &a) {
             }
         }
         const cl_int first = j0, rows = std::min(band, a.jMax - j0);
+        const size_t reach = (size_t)width * (rows + 2 * b);
+        check(clEnqueueWriteBuffer(s.queue, img.mem, CL_FALSE, 0, reach * a.spp,
+                                   a.img->image + (size_t)j0 * width * a.spp, 0, nullptr,
+                                   nullptr),
+              "clEnqueueWriteBuffer");
+        if (colour) {
+            labRows(a, width, j0, rows + 2 * b, nbProc, lab.data());
+            check(clEnqueueWriteBuffer(s.queue, labBuf.mem, CL_FALSE, 0,
+                                       3 * reach * sizeof(float), lab.data(), 0, nullptr, nullptr),
+                  "clEnqueueWriteBuffer");
+        }
         check(clSetKernelArg(k, bandArgs, sizeof first, &first), "clSetKernelArg");
         check(clSetKernelArg(k, bandArgs + 1, sizeof rows, &rows), "clSetKernelArg");
         const size_t global[2] = {(a.iMax + local[0] - 1) / local[0] * local[0],
@@ -402,7 +425,7 @@ bool sameBytesAsCpu(DeviceState &s) {
             a.imgOutput = cpu.data();
             referenceRows(a);
             a.imgOutput = gpu.data();
-            runRows(s, a);
+            runRows(s, a, 1);
             if (cpu != gpu) return false;
         }
     }
@@ -525,7 +548,7 @@ std::string lastLevelDevice() {
     return lastDevice;
 }
 
-bool levelRows(const LevelPassArgs &a) {
+bool levelRows(const LevelPassArgs &a, int nbProc) {
     std::lock_guard<std::mutex> lock(deviceMutex);
     lastDevice = "CPU";
     if (chosen < 0 || !covers(a)) return false;
@@ -535,7 +558,10 @@ bool levelRows(const LevelPassArgs &a) {
     if (s == nullptr) return false;
     KeepSignalHandlers keep;
     try {
-        runRows(*s, a);
+        runRows(*s, a, nbProc);
+    } catch (const std::bad_alloc &) {
+        // The host's band buffers: the CPU pass needs less.
+        return false;
     } catch (const ClError &e) {
         s->failed = true;
         std::fprintf(stderr,

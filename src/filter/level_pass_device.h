@@ -30,11 +30,12 @@ bool selectedDevicePasses();
 std::string lastLevelDevice();
 
 // Rows of one level into a.imgOutput on the selected device, in bands of
-// rows; the caller smooths them. False when the CPU must filter the level:
+// rows (the host's share of a band on nbProc threads); the caller smooths
+// them. False when the CPU must filter the level:
 // no device chosen, a level the device pass does not cover, a device that
 // failed its check, or an OpenCL error (then the device is dropped, with
 // one line on stderr, and the CPU filters this level and the rest).
-bool levelRows(const LevelPassArgs &a);
+bool levelRows(const LevelPassArgs &a, int nbProc);
 
 // Between two bands of a level the device pass asks the fusion's host
 // whether to go on: through the driver's callback, with the amount reported
