@@ -27,6 +27,7 @@ namespace device {
 int bandRows = 0;
 int perturbBytes = 0;
 int failAtLaunch = 0;
+bool divideInDouble = false;
 
 void referenceRows(const LevelPassArgs &a) {
     std::vector<KernelEntry> kernel(
@@ -189,6 +190,7 @@ struct DeviceState {
     cl_command_queue queue = nullptr;
     cl_program program = nullptr;
     cl_kernel kernel = nullptr;
+    std::string options;  // the kernels' build options
     Check check = Check::NotYet;
     bool failed = false;  // an OpenCL error: the CPU filters from then on
 };
@@ -197,7 +199,7 @@ std::vector<DeviceState> states;
 
 // The build options that make the device's division the CPU's, or an empty
 // string for a device that cannot divide exactly or lacks subnormal floats.
-std::string exactOptions(cl_device_id d, std::string &why) {
+std::string exactOptions(cl_device_id d, const char *&why) {
     cl_device_fp_config single = 0, dbl = 0;
     clGetDeviceInfo(d, CL_DEVICE_SINGLE_FP_CONFIG, sizeof single, &single, nullptr);
     clGetDeviceInfo(d, CL_DEVICE_DOUBLE_FP_CONFIG, sizeof dbl, &dbl, nullptr);
@@ -206,22 +208,36 @@ std::string exactOptions(cl_device_id d, std::string &why) {
         why = "no subnormal floats";
         return "";
     }
-    if (single & CL_FP_CORRECTLY_ROUNDED_DIVIDE_SQRT)
+    if ((single & CL_FP_CORRECTLY_ROUNDED_DIVIDE_SQRT) && !(divideInDouble && dbl != 0))
         return "-cl-fp32-correctly-rounded-divide-sqrt";
     if (dbl != 0) return "-DLUMORA_DIVIDE_IN_DOUBLE";
     why = "no correctly rounded division";
     return "";
 }
 
+// A device whose arithmetic cannot give the CPU's bytes, and why.
+struct Unfit {
+    const char *why;
+};
+
+// The context and queue once, the kernels again whenever their options
+// change (the test switch divideInDouble).
 void build(DeviceState &s) {
-    std::string why;
+    const char *why = "";
     const std::string options = exactOptions(s.id, why);
-    if (options.empty()) throw ClError{"a device without exact float division", 0};
+    if (options.empty()) throw Unfit{why};
+    if (s.kernel != nullptr && options == s.options) return;
     cl_int err;
-    s.context = clCreateContext(nullptr, 1, &s.id, nullptr, nullptr, &err);
-    check(err, "clCreateContext");
-    s.queue = clCreateCommandQueue(s.context, s.id, 0, &err);
-    check(err, "clCreateCommandQueue");
+    if (s.context == nullptr) {
+        s.context = clCreateContext(nullptr, 1, &s.id, nullptr, nullptr, &err);
+        check(err, "clCreateContext");
+        s.queue = clCreateCommandQueue(s.context, s.id, 0, &err);
+        check(err, "clCreateCommandQueue");
+    }
+    if (s.kernel != nullptr) clReleaseKernel(s.kernel);
+    if (s.program != nullptr) clReleaseProgram(s.program);
+    s.kernel = nullptr;
+    s.program = nullptr;
     const char *source = kKernelSource;
     s.program = clCreateProgramWithSource(s.context, 1, &source, nullptr, &err);
     check(err, "clCreateProgramWithSource");
@@ -229,6 +245,7 @@ void build(DeviceState &s) {
           "clBuildProgram");
     s.kernel = clCreateKernel(s.program, "levelRows", &err);
     check(err, "clCreateKernel");
+    s.options = options;
 }
 
 // Rows per launch: about a quarter million pixels, at least one row.
@@ -470,7 +487,7 @@ DeviceState *usableDevice() {
     if (s.check == DeviceState::Check::NotYet) {
         KeepSignalHandlers keep;
         try {
-            if (s.kernel == nullptr) build(s);
+            build(s);
             const bool same = checkDevice(s);
             s.check = same ? DeviceState::Check::Passed : DeviceState::Check::Refused;
             if (!same)
@@ -478,6 +495,10 @@ DeviceState *usableDevice() {
                              "lumora: OpenCL device \"%s\" refused: its level pass differs "
                              "from the CPU's\n",
                              s.name.c_str());
+        } catch (const Unfit &u) {
+            s.check = DeviceState::Check::Refused;
+            std::fprintf(stderr, "lumora: OpenCL device \"%s\" refused: %s\n", s.name.c_str(),
+                         u.why);
         } catch (const ClError &e) {
             s.check = DeviceState::Check::Refused;
             std::fprintf(stderr, "lumora: OpenCL device \"%s\" refused: %s failed (%d)\n",

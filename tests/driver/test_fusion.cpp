@@ -331,10 +331,11 @@ TEST(FusionDevice, ChoiceOfDevice) {
 }
 
 // On an OpenCL device in bands of 16 rows: the CPU's bytes, the host asked
-// between bands with the amount so far, and a cancel there ending the
-// fusion at the next report with the output untouched. Skipped without a
-// device.
-TEST(FusionDevice, BandsGiveTheCpuBytesAndCancelBetweenThem) {
+// between bands with the amount so far, a cancel there ending the fusion at
+// the next report with the output untouched, and an OpenCL error in the
+// second level leaving the rest to the CPU with the same bytes. Skipped
+// without a device.
+TEST(FusionDevice, BandsGiveTheCpuBytesCancelBetweenThemAndSurviveAnError) {
     if (lumora_device_count() == 0) GTEST_SKIP() << "no OpenCL device";
     const int before = device::selectedDevice();
     const Bracket b = loadBracket(176, 96, 128, 96);  // six bands a level
@@ -357,6 +358,17 @@ TEST(FusionDevice, BandsGiveTheCpuBytesAndCancelBetweenThem) {
     EXPECT_TRUE(untouched(cancelled.out));
     EXPECT_EQ(g_amounts.size(), 2u);  // the cancel, then the report that ends the fusion
     EXPECT_EQ(g_amounts[0], 0.0f);
+    device::failAtLaunch = 10;  // six bands a level: in the second
+    testing::internal::CaptureStderr();
+    const Fusion failing = fuse(b, {0, 2}, prm.p);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(failing.out, cpu.out);
+    EXPECT_NE(err.find("lumora: OpenCL device \"" + std::string(lumora_device_name(0)) +
+                       "\" failed (clEnqueueNDRangeKernel: -5): the CPU filters from here\n"),
+              std::string::npos)
+        << err;
+    EXPECT_STREQ(lumora_last_device(), "CPU");
+    device::failAtLaunch = 0;
     device::bandRows = 0;
     device::selectDevice(before);
 }

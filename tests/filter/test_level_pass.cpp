@@ -355,22 +355,26 @@ struct LevelPassDevice : testing::TestWithParam<Case> {
     }
     void TearDown() override {
         device::bandRows = device::perturbBytes = device::failAtLaunch = 0;
+        device::divideInDouble = false;
         device::selectDevice(before);
     }
 };
 
 // The plain pass on one thread, then the device in bands of 1 or 3 rows or
-// the usual size: the same bytes, and the device did filter.
+// the usual size, and once with the division through double (where the
+// device has doubles): the same bytes, and the device did filter.
 TEST_P(LevelPassDevice, GivesThePlainBytes) {
     const Case &c = GetParam();
     CaseLevel l(c);
     const Bytes want = passBytes(l.a, l.in.size(), true);
-    for (int rows : {0, 1, 3}) {
-        device::bandRows = rows;
+    for (int rows : {0, 1, 3, -1}) {
+        device::divideInDouble = rows < 0;
+        device::bandRows = std::max(rows, 0);
+        ASSERT_TRUE(device::selectDevice(0));  // checked again, with the switch
         EXPECT_EQ(testsupport::firstDifference(want, passBytes(l.a, l.in.size(), false, c.nbProc),
                                                c.iMax, c.spp),
                   "")
-            << "band " << rows;
+            << (rows < 0 ? "division in double" : "band " + std::to_string(rows));
         EXPECT_EQ(device::lastLevelDevice(), device::deviceNames()[0]);
     }
 }
