@@ -81,11 +81,16 @@ bool covers(const LevelPassArgs &a) {
     if (a.extendedRowStride != (a.iMax + 2 * b) * a.spp || a.largestHalfKernelSize > b)
         return false;
     if ((double)(a.iMax + 2 * b) * (a.jMax + 2 * b) * 3 > INT_MAX / 2) return false;
+    // Every entry inside the window the border allows: a band uploads the
+    // rows its windows reach and no more.
     float largest = 0.0f;
-    for (int e = 0; e < a.numKernelEntries; e++)
-        largest = std::max(largest, std::fabs(a.spatialKernel[e].factor));
-    for (int e = 0; e < a.numFineKernelEntries; e++)
-        largest = std::max(largest, std::fabs(a.spatialKernelFine[e].factor));
+    const int fine = a.levelGaussOnly ? 0 : a.numFineKernelEntries;
+    for (int e = 0; e < a.numKernelEntries + fine; e++) {
+        const KernelEntry &k =
+            e < a.numKernelEntries ? a.spatialKernel[e] : a.spatialKernelFine[e - a.numKernelEntries];
+        if (k.xpos < 0 || k.ypos < 0 || k.xpos > 2 * b || k.ypos > 2 * b) return false;
+        largest = std::max(largest, std::fabs(k.factor));
+    }
     return largest < 4096.0f && a.numKernelEntries > 0;
 }
 
