@@ -23,6 +23,13 @@
 // --target=NAME first (AVX2, SSE4, ...: Highway's names) runs the SIMD path
 // on that instruction set instead of the best one, so that a machine with
 // AVX-512 measures the AVX2 code too. The context names the processor.
+//
+// BM_LevelPassDevice/kind/level/device: the same levels on each OpenCL
+// device the machine has (registered at start, one set per device), in ns
+// per pixel-entry of the whole level as the pyramid calls it: the host's
+// CIELab planes, the uploads, the kernels band by band, the read-back and the
+// CPU's 3x3 smoothing. Labelled with the device's CL_DEVICE_NAME; the
+// device's check against the CPU runs before the timing.
 #include <benchmark/benchmark.h>
 #include <hwy/targets.h>
 
@@ -43,6 +50,7 @@
 
 #include "core/switches.h"
 #include "filter/filter.h"
+#include "filter/level_pass_device.h"
 #include "image/image.h"
 #include "tables/tables.h"
 #include "pictures.h"
@@ -234,6 +242,53 @@ BENCHMARK(BM_LevelPass)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
+// range(0): kind, range(1): level, range(2): the OpenCL device.
+void BM_LevelPassDevice(benchmark::State &state) {
+    const int kind = (int)state.range(0);
+    const int level = (int)state.range(1);
+    const int d = (int)state.range(2);
+    const Picture &p = picture();
+    Level l;
+    buildLevel(l, p, kind % 2 ? 1 : 3, level, kind >= 2);
+    const std::string name = device::deviceNames()[d];
+    if (!device::selectDevice(d) || !device::selectedDevicePasses()) {
+        state.SkipWithError(("device " + name + " refused").c_str());
+        return;
+    }
+    levelPass(2, l.a);  // the kernels built, the buffers' first use
+    double seconds = 0;
+    for (auto _ : state) {
+        const auto t0 = std::chrono::steady_clock::now();
+        levelPass(2, l.a);
+        seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        benchmark::DoNotOptimize(l.out.data());
+    }
+    const bool onDevice = device::lastLevelDevice() == name;
+    device::selectDevice(-1);
+    if (!onDevice) {
+        state.SkipWithError("the level ran on the CPU");
+        return;
+    }
+    state.counters["pixel_entries"] = l.entries;
+    state.counters["ns_per_entry"] = seconds * 1e9 / ((double)state.iterations() * l.entries);
+    static const char *kinds[] = {"colour", "one-sample", "colour map", "one-sample map"};
+    state.SetLabel(std::string(kinds[kind]) + " " + std::to_string(p.w) + "x" +
+                   std::to_string(p.h) + " " + name);
+}
+
+// Every kind on every OpenCL device.
+void registerDevices() {
+    const std::vector<std::string> names = device::deviceNames();
+    for (int d = 0; d < (int)names.size(); d++) {
+        auto *b = benchmark::RegisterBenchmark("BM_LevelPassDevice", BM_LevelPassDevice);
+        b->ArgNames({"kind", "level", "device"});
+        for (int kind : {0, 1})
+            for (int level : {1, 2}) b->Args({kind, level, d});
+        for (int kind : {2, 3}) b->Args({kind, 2, d});
+        b->Unit(benchmark::kMillisecond)->UseRealTime();
+    }
+}
+
 // The processor's model name, as lscpu gives it.
 std::string processorName() {
     std::ifstream in("/proc/cpuinfo");
@@ -283,6 +338,7 @@ int main(int argc, char **argv) {
     benchmark::Initialize(&n, rest.data());
     benchmark::AddCustomContext("processor", processorName());
     benchmark::AddCustomContext("instruction_set", simd::targetName());
+    registerDevices();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -12,6 +12,8 @@ packages=(
   libopencv-core-dev libopencv-imgproc-dev  # the CLI's frame alignment
   libopencv-photo-dev libopencv-video-dev
   libhwy-dev                                # SIMD dispatch
+  ocl-icd-opencl-dev opencl-headers         # the OpenCL level pass (optional)
+  pocl-opencl-icd clinfo                    # a CPU OpenCL device for its tests
   libgtest-dev libgmock-dev libbenchmark-dev  # tests and benchmarks
   clang libclang-rt-dev libomp-dev          # thread sanitizer and fuzzing builds
   python3-dev pybind11-dev python3-pybind11 # the Python module lumora

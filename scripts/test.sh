@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the test suite in five
+# Installs what is missing, then builds and runs the test suite in six
 # stages: the ordinary build; its whole-fusion checks again on the plain
-# reference path; AddressSanitizer with UndefinedBehaviorSanitizer and leak
+# reference path; the OpenCL level pass on PoCL, its own tests and the
+# whole-fusion checks with every level on the device; AddressSanitizer with UndefinedBehaviorSanitizer and leak
 # checking, in the build whose allocations can be made to fail one by one;
 # the fuzzers, each for a short fixed time, so that what a harness promises
 # cannot drift from the code unnoticed; ThreadSanitizer (clang, LLVM's OpenMP
@@ -12,7 +13,7 @@
 #   LUMORA_TEST_STAGES="unit asan" bash scripts/test.sh    some of them
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-stages=${LUMORA_TEST_STAGES:-unit plain asan fuzz tsan}
+stages=${LUMORA_TEST_STAGES:-unit plain opencl asan fuzz tsan}
 jobs=$(nproc)
 timings=()
 
@@ -48,12 +49,33 @@ plain() {
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -- -R '^Fusion(Sample|Protocol)\.'
 }
 
+# The OpenCL level pass on the CPU device PoCL (installed with the other
+# packages): its tests against the plain pass, which skip where no device is
+# found, so the stage first insists on one; then the whole-fusion golden
+# checks with every level on device 0 (LUMORA_TEST_DEVICE, the test main's
+# switch).
+opencl() {
+    local dir="${LUMORA_BUILD_DIR:-$root/build}"
+    configure_build_test "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON \
+        -DLUMORA_WITH_OPENCL=ON -- -R 'LevelPassDevice|FusionDevice|DeviceChoice'
+    if ! "$dir/tools/lumora-fuse" --list-devices | grep -q '^opencl:0 '; then
+        echo "opencl: no OpenCL device (is pocl-opencl-icd installed?)" >&2
+        return 1
+    fi
+    LUMORA_TEST_DEVICE=0 ctest --test-dir "$dir" --output-on-failure -j"$jobs" \
+        -R '^Fusion(Sample|Protocol|Device)\.'
+}
+
+# The sanitizer builds leave OpenCL out (the backend then reports no device):
+# the OpenCL runtime is not built for them, and the opencl stage covers the
+# device pass.
 asan() {
     local flags="-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
     ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     configure_build_test "$root/build-asan" \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_ALLOCATION_FAULTS=ON \
+        -DLUMORA_WITH_OPENCL=OFF \
         "-DCMAKE_C_FLAGS=$flags" "-DCMAKE_CXX_FLAGS=$flags" \
         "-DCMAKE_EXE_LINKER_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=$flags"
 }
@@ -74,6 +96,7 @@ tsan() {
     TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ignore_noninstrumented_modules=1" \
     configure_build_test "$root/build-tsan" \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_BUILD_TESTS=ON -DLUMORA_BUILD_TOOLS=OFF \
+        -DLUMORA_WITH_OPENCL=OFF \
         "-DCMAKE_C_FLAGS=$flags" "-DCMAKE_CXX_FLAGS=$flags" \
         "-DCMAKE_EXE_LINKER_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=$flags" \
         -- -E "Death|SharedLibrary|HostLibrary"

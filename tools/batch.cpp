@@ -123,7 +123,8 @@ std::string reportText(const Options &options, const std::vector<Bracket> &brack
         snprintf(seconds, sizeof seconds, "%.3f", b.seconds);
         out += std::string(i ? "," : "") + "\n    {\"inputs\": " + quotedList(inputs) +
                ", \"output\": " + quoted(b.output) + ", \"frames\": " + quotedList(b.chosen) +
-               ", \"alignment\": " + quoted(b.alignment) + ", \"deghost\": " + quoted(b.deghost) + ", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
+               ", \"alignment\": " + quoted(b.alignment) + ", \"deghost\": " + quoted(b.deghost) +
+               ", \"device\": " + quoted(b.device) + ", \"seconds\": " + seconds + ", \"status\": " + quoted(b.status) +
                ", \"error\": " + quoted(b.error) + "}";
         counts[b.status == "fused" ? 0 : b.status == "skipped" ? 1 : 2] += 1;
     }
@@ -268,6 +269,7 @@ struct BatchRun {
         const RunOutcome outcome = fuseBracket(one, std::move(p.images));
         b.alignment = outcome.alignment;
         b.deghost = outcome.deghost;
+        b.device = outcome.device;
         if (outcome.status != 0)
             b.error = outcome.lastLine;
         return outcome.status;

@@ -29,6 +29,7 @@ struct BatchBracket {
     std::string status = "failed", error;  // "fused", "skipped", "failed" or "cancelled"
     std::string alignment = "none";
     std::string deghost = "none";
+    std::string device;  // what filtered, once fused
     double seconds = 0;
 };
 

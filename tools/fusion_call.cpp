@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 namespace lumora_fuse {
@@ -169,6 +170,11 @@ FusionStatus fuseExposures(const FusionJob &job, unsigned char *out) {
     std::vector<unsigned char> fused(grown ? imageBytes * sampleBytes : 0);
     unsigned char *result = grown ? fused.data() : out;
 
+    // The device is chosen here, in the process that fuses: OpenCL is never
+    // started in a process that forks afterwards.
+    const bool deviceMissing = lumora_use_device(job.device) == -2;
+    if (deviceMissing)
+        lumora_use_device(-1);
     const bool preserve = int(job.params[kPreserveHighlights]) != 0;
     optim_param_struct optim{};
     optim.nbProc = job.threads;
@@ -199,6 +205,12 @@ FusionStatus fuseExposures(const FusionJob &job, unsigned char *out) {
     }
     const bool done = gPass.completed && !gPass.cancelled;
     gPass = PassProgress();
+    if (job.fusedOn) {
+        if (deviceMissing)
+            snprintf(job.fusedOn, kDeviceNameBytes, "CPU (no OpenCL device opencl:%d)", job.device);
+        else
+            snprintf(job.fusedOn, kDeviceNameBytes, "%s", lumora_last_device());
+    }
     if (status < 0)
         return FusionStatus::Refused;
     if (!done)

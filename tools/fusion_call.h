@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "BilateralFilter.h"
+#include "LumoraDevice.h"
 #include "image_io.h"
 #include "options.h"
 
@@ -50,7 +51,13 @@ struct FusionJob {
     // copied for the library: set by a forked fusion process, whose copies
     // are the tool's and are never read or freed again there.
     bool releaseExposures = false;
+    int device = -1;                       // lumora_use_device's argument: -1 the CPU
+    // Receives what filtered (an OpenCL device's name or "CPU", with why
+    // when a device asked for is missing), kDeviceNameBytes at most. May be null.
+    char *fusedOn = nullptr;
 };
+
+constexpr size_t kDeviceNameBytes = 256;
 
 enum class FusionStatus {
     Done,     // out holds the fused region

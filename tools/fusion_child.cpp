@@ -45,6 +45,7 @@ FusionJob jobOf(const FusionRun &run, ProgressCallback progress) {
     job.params = run.params;
     job.threads = run.threads;
     job.depth = run.depth;
+    job.device = run.device;
     job.progress = progress;
     return job;
 }
@@ -71,6 +72,7 @@ int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigs
     FusionJob job = jobOf(run, onChildProgress);
     job.releaseExposures = true;  // this process's copies: a fork's, read once
     gChildBar = run.bar;
+    job.fusedOn = reinterpret_cast<char *>(out + run.region.width * size_t(run.region.height) * 3 * (run.depth / 8));
     const FusionStatus status = fuseExposures(job, out);
     if (run.bar)
         run.bar->clear();
@@ -123,7 +125,7 @@ FusionResult resultOf(int status, std::string &error) {
 
 SharedBuffer::~SharedBuffer() {
     if (data)
-        munmap(data, size);
+        munmap(data, size + kDeviceNameBytes);
 }
 
 void signalFusionChild(int sig) {
@@ -137,13 +139,14 @@ namespace {
 // commentary file.
 bool prepareRun(const FusionRun &run, SharedBuffer &out, std::string &error) {
     out.size = size_t(run.region.width) * run.region.height * 3 * (run.depth / 8);
-    void *memory = mmap(nullptr, out.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void *memory = mmap(nullptr, out.size + kDeviceNameBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         out.size = 0;
         error = std::string("cannot allocate the result: ") + strerror(errno);
         return false;
     }
     out.data = static_cast<unsigned char *>(memory);
+    out.fusedOn = reinterpret_cast<char *>(out.data + out.size);
     if (!prepareCommentary(run.captureCommentary)) {
         error = "cannot keep the library's commentary";
         return false;
@@ -170,7 +173,8 @@ FusionResult fuseHere(const FusionRun &run, SharedBuffer &out, std::string &erro
         fflush(stderr);
         dup2(gCaptureFd, STDERR_FILENO);
     }
-    const FusionJob job = jobOf(run, onHereProgress);
+    FusionJob job = jobOf(run, onHereProgress);
+    job.fusedOn = out.fusedOn;
     gHereProgress = run.progress;
     const FusionStatus status = fuseExposures(job, out.data);
     gHereProgress = nullptr;

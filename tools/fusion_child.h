@@ -23,6 +23,7 @@ struct FusionRun {
     const float *params = nullptr;
     int threads = 1;
     int depth = 8;
+    int device = -1;                // lumora_use_device's argument, applied in the fusing process
     bool captureCommentary = true;  // keep the library's commentary off the terminal
     ProgressBar *bar = nullptr;     // drawn by the fusion process, if given
     // fuseHere only: called with the fraction done, may set *cancel.
@@ -35,6 +36,9 @@ enum class FusionResult { Done, Cancelled, Failed };
 struct SharedBuffer {
     unsigned char *data = nullptr;
     size_t size = 0;
+    // What filtered, written by the fusing process (kDeviceNameBytes, after
+    // the pixels in the same shared memory).
+    char *fusedOn = nullptr;
     SharedBuffer() = default;
     SharedBuffer(const SharedBuffer &) = delete;
     SharedBuffer &operator=(const SharedBuffer &) = delete;

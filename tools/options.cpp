@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include "BilateralFilter.h"
+#include "LumoraDevice.h"
 #include "argfile.h"
 
 #ifndef LUMORA_FUSE_VERSION
@@ -409,6 +410,10 @@ std::string helpText() {
          "      --threads=N            worker threads, 1 to " + std::to_string(kMaxThreads) +
          " (default: one per\n"
          "                             available core)\n"
+         "      --device=D             where the filter runs: auto (an OpenCL device\n"
+         "                             that is no CPU and gives the CPU's bytes, else\n"
+         "                             the CPU), cpu, or opencl:N (default: auto)\n"
+         "      --list-devices         list the OpenCL devices and exit\n"
          "  -q, --quiet                no progress bar, no conversion or cropping notes\n"
          "  -v, --verbose              also show the fusion library's commentary\n"
          "  -h, --help                 display this help and exit\n"
@@ -440,7 +445,8 @@ namespace {
 
 // The options as given, before their checks.
 struct GivenOptions {
-    bool help = false, version = false, preserve = true;
+    bool help = false, version = false, preserve = true, listDevices = false;
+    std::string device = "auto";
     std::string look = kDefaultLook, paramText[kFusionParamCount], threads, quality, depth, loupe, frames, group, format;
 };
 
@@ -459,6 +465,8 @@ void declareOptions(CLI::App &app, Options &options, GivenOptions &given) {
     app.add_flag("--preserve-highlights,!--no-preserve-highlights", given.preserve);
     app.add_option("--look", given.look);
     app.add_option("--threads", given.threads);
+    app.add_option("--device", given.device);
+    app.add_flag("--list-devices", given.listDevices);
     app.add_option("--quality", given.quality);
     app.add_option("--depth", given.depth);
     app.add_option("--loupe", given.loupe);
@@ -490,6 +498,22 @@ bool parseArguments(CLI::App &app, int argc, const char *const *argv, std::strin
     return true;
 }
 
+// --device: auto, cpu, opencl (device 0) or opencl:N.
+bool parseDevice(const std::string &text, int &device, std::string &message) {
+    int index = 0;
+    std::string unused;
+    if (text == "auto" || text == "cpu" || text == "opencl") {
+        device = text == "auto" ? kDeviceAuto : text == "cpu" ? kDeviceCpu : 0;
+        return true;
+    }
+    if (text.rfind("opencl:", 0) == 0 && checkWhole("--device", text.substr(7), 0, 1000, index, unused)) {
+        device = index;
+        return true;
+    }
+    message = "--device: '" + text + "' is not valid (auto, cpu, opencl or opencl:N)";
+    return false;
+}
+
 // The fusion parameters (the look's, then those given) and the output's numbers.
 bool checkValues(const CLI::App &app, Options &options, const GivenOptions &given, std::string &message) {
     const Look *look = findLook(given.look);
@@ -517,6 +541,8 @@ bool checkValues(const CLI::App &app, Options &options, const GivenOptions &give
     if (!checkTogether(options, given.paramText[kStrength], message))
         return false;
     if (app.count("--threads") && !checkWhole("--threads", given.threads, 1, kMaxThreads, options.threads, message))
+        return false;
+    if (app.count("--device") && !parseDevice(given.device, options.device, message))
         return false;
     if (app.count("--quality") && !checkWhole("--quality", given.quality, 1, 100, options.quality, message))
         return false;
@@ -560,6 +586,16 @@ bool checkFramesAndBatch(const CLI::App &app, Options &options, const GivenOptio
 
 }  // namespace
 
+std::string deviceListText() {
+    const int count = lumora_device_count();
+    if (count == 0)
+        return "no OpenCL device: the CPU fuses\n";
+    std::string s;
+    for (int i = 0; i < count; ++i)
+        s += "opencl:" + std::to_string(i) + "  " + lumora_device_name(i) + "\n";
+    return s;
+}
+
 int parseOptions(int argc, const char *const *argv, Options &options, std::string &message) {
     options = Options();
     CLI::App app("Fuse two or three exposures of one scene", "lumora-fuse");
@@ -567,8 +603,8 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
     declareOptions(app, options, given);
     if (!parseArguments(app, argc, argv, message))
         return 2;
-    if (given.help || given.version) {
-        message = given.help ? helpText() : versionText();
+    if (given.help || given.version || given.listDevices) {
+        message = given.help ? helpText() : given.version ? versionText() : deviceListText();
         return 0;
     }
     if (!checkValues(app, options, given, message) || !checkFramesAndBatch(app, options, given, message))

@@ -31,6 +31,10 @@ constexpr int kMinImageSide = 32;
 constexpr float kMaxStrengthWithInfluence = 19.0f;
 // Upper bound of --threads.
 constexpr int kMaxThreads = 256;
+// --device: auto and cpu; opencl:N is N. The library's own numbers
+// (LumoraDevice.h).
+constexpr int kDeviceAuto = -3;
+constexpr int kDeviceCpu = -1;
 
 // How one numeric fusion parameter appears on the command line.
 struct ParamSpec {
@@ -72,6 +76,7 @@ struct Options {
     float params[kFusionParamCount] = {};  // the look's values unless set
     bool paramGiven[kFusionParamCount] = {};  // set by an option of its own
     int threads = 0;                       // 0: one per available core
+    int device = kDeviceAuto;              // where the filter runs: kDeviceAuto, kDeviceCpu or an OpenCL device
     Loupe loupe;
     int quality = 95;
     int depth = 8;
@@ -104,6 +109,10 @@ int parseOptions(int argc, const char *const *argv, Options &options, std::strin
 // the batch report: "natural, --strength given: --strength 20 --sharpness 2
 // ... --preserve-highlights --highlight-influence 10".
 std::string lookLine(const Options &options);
+
+// --list-devices: one line per OpenCL device ("opencl:N  name"), or one
+// line saying there is none.
+std::string deviceListText();
 
 // The --help text (with the default look's values).
 std::string helpText();

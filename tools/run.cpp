@@ -267,6 +267,9 @@ private:
             say(error);
             return 1;
         }
+        outcome_.device = result.fusedOn;
+        if (options_.verbose)
+            say("fused on " + outcome_.device);
         images_.clear();
         return kContinue;
     }
@@ -331,6 +334,7 @@ FusionRun fusionRunOf(const Options &options, const std::vector<const Image *> &
     run.params = options.params;
     run.threads = options.threads > 0 ? options.threads : std::min(availableCores(), kMaxThreads);
     run.depth = options.depth;
+    run.device = options.device;
     run.captureCommentary = !options.verbose;
     return run;
 }

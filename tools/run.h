@@ -20,6 +20,7 @@ struct RunOutcome {
     std::string lastLine;            // the last line said (why, when status is not 0)
     std::string alignment = "none";  // what the alignment did, as its line says it
     std::string deghost = "none";    // what deghosting did, as its line says it
+    std::string device;              // what filtered: an OpenCL device's name or "CPU"; empty unless fused
 };
 
 // Reads (unless decoded holds the frames already, read and checked), crops

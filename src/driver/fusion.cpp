@@ -9,6 +9,7 @@
 #include "blend/blend.h"
 #include "driver/driver.h"
 #include "filter/filter.h"
+#include "filter/level_pass_device.h"
 #include "tables/tables.h"
 
 namespace lumora {
@@ -22,7 +23,9 @@ int progress(ProgressCallback cb, float amount) {
 
 bool Progress::advance(float share) {
     amount += share;
-    return progress(callback, amount) != 0;
+    const bool goOn = progress(callback, amount) != 0;
+    // A cancel asked for between the bands of a device pass ends here too.
+    return goOn && !device::cancelledBetweenBands();
 }
 
 FusionConstants deriveConstants(const FusionArgs &a) {
@@ -407,6 +410,11 @@ void runStages(const FusionConstants &c, const FusionArgs &a, FusionBuffers &buf
     buildErrorCoefficients(c.invSigmaWeighting, coeffErreur, coeffErreurPreserve);
 
     Progress prog{a.callback};
+    // The device pass asks the host between bands, for this fusion only.
+    struct BandPoll {
+        explicit BandPoll(Progress &p) { device::setBandPoll(p.callback, &p.amount); }
+        ~BandPoll() { device::setBandPoll(nullptr, nullptr); }
+    } bandPoll(prog);
     if (a.spp == 3 && c.fusionPreserveHighlights) {
         if (!buildHighlightMasks(c, a, buf)) return;
         if (!prog.advance(c.brightProgressProportion)) return;

@@ -10,6 +10,7 @@
 
 #include "core/switches.h"
 #include "filter/filter.h"
+#include "filter/level_pass_device.h"
 
 namespace lumora {
 
@@ -161,6 +162,15 @@ void simdRows(const simd::LevelPlan &plan, int jMax, KernelEntry *bilateralKerne
 }  // namespace
 
 int levelPass(int nbProc, const LevelPassArgs &a) {
+    // On an OpenCL device, when one is chosen and covers the level: the
+    // same bytes, smoothed here.
+    if (!usePlainPath && device::levelRows(a, nbProc)) {
+        if (a.level > 0) {
+#pragma omp parallel num_threads(nbProc)
+            smoothImage3x3(a.imgOutput, a.iMax, a.jMax, a.spp, a.bps, a.smoothImg);
+        }
+        return 0;
+    }
     // Null (the plain rows) when the SIMD path does not cover the level or
     // is short of memory: both give the same bytes.
     simd::LevelPlan *plan = usePlainPath ? nullptr : simd::planLevel(nbProc, a);

@@ -272,6 +272,7 @@ TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAnd
         {"--depth 12 @a.png @b.png -o @f.png", 2, "--depth: '12' is not valid (8 or 16)"},
         {"--quality 101 @a.png @b.png -o @f.jpg", 2, "--quality: '101' is not valid (a whole number from 1 to 100)"},
         {"--threads 0 @a.png @b.png -o @f.jpg", 2, "--threads: '0' is not valid"},
+        {"--device gpu @a.png @b.png -o @f.jpg", 2, "--device: 'gpu' is not valid (auto, cpu, opencl or opencl:N)"},
         {"--loupe 1,2,3 @a.png @b.png -o @f.jpg", 2, "--loupe: '1,2,3' is not X,Y,W,H"},
         {"--loupe 100,0,64,48 @a.png @b.png -o @f.jpg", 2, "does not fit in the 128x96 picture"},
         {"--frobnicate @a.png @b.png -o @f.jpg", 2, "--frobnicate"},
@@ -368,7 +369,8 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     ASSERT_EQ(run("-q @in/s12.jpg @in/s10.jpg @in/s11.jpg -o @alone.png").status, 0);
     EXPECT_EQ(slurp(at("out/s11_fused.png")), slurp(at("alone.png"))) << "the second bracket, exactly";
     const std::string report = slurp(at("report.json"));
-    for (const std::string key : {"\"look\": \"natural: --strength ", "\"inputs\": [", "\"output\": ", "\"frames\": [", "\"alignment\": \"none\"", "\"deghost\": \"none\"",
+    for (const std::string key : {"\"look\": \"natural: --strength ", "\"inputs\": [", "\"output\": ", "\"frames\": [",
+                                  "\"alignment\": \"none\"", "\"deghost\": \"none\"", "\"device\": \"",
                                   "\"seconds\": ", "\"status\": \"failed\"", "\"fused\": 3", "\"failed\": 1"})
         EXPECT_NE(report.find(key), std::string::npos) << key << " in " << report;
 
@@ -377,6 +379,26 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
     for (const std::string &name : outputs)
         EXPECT_NE(r.err.find(expand("@out/" + name + ": exists; skipped")), std::string::npos) << r.err;
     EXPECT_NE(slurp(at("report.json")).find("\"fused\": 0, \"skipped\": 3, \"failed\": 1"), std::string::npos);
+}
+
+// Every --device gives the same bytes and --verbose names what fused: the
+// CPU in place of a device that is missing; --list-devices lists them.
+TEST_F(Cli, DeviceChoiceKeepsTheBytesAndIsNamed) {
+    writeBracket({"a.png", "b.png", "c.png"});
+    ASSERT_EQ(run("-q --device cpu @a.png @b.png -o @cpu.png").status, 0);
+    ToolRun r = run("-v --device opencl:999 @a.png @b.png -o @missing.png");
+    EXPECT_NE(r.err.find("lumora-fuse: fused on CPU (no OpenCL device opencl:999)\n"), std::string::npos) << r.err;
+    EXPECT_TRUE(slurp(at("missing.png")) == slurp(at("cpu.png")));
+    const ToolRun list = run("--list-devices");
+    EXPECT_EQ(list.status, 0);
+    if (list.out.rfind("opencl:0  ", 0) != 0) {
+        EXPECT_EQ(list.out, "no OpenCL device: the CPU fuses\n");
+        return;
+    }
+    const std::string name = list.out.substr(10, list.out.find('\n') - 10);
+    r = run("-v --device opencl:0 @a.png @b.png -o @device.png");
+    EXPECT_NE(r.err.find("lumora-fuse: fused on " + name + "\n"), std::string::npos) << r.err;
+    EXPECT_TRUE(slurp(at("device.png")) == slurp(at("cpu.png")));
 }
 
 TEST_F(Cli, HelpFollowsGnuConventionsAndNamesEveryFusionOption) {

@@ -14,6 +14,8 @@
 
 #include "core/switches.h"
 #include "driver/driver.h"
+#include "LumoraDevice.h"
+#include "filter/level_pass_device.h"
 #include "test_support.h"
 
 using namespace lumora;
@@ -308,4 +310,65 @@ TEST(HostThreads, ConcurrentCallsGiveSequentialBytesAndTeamsBelowOneRunOneThread
     }
     EXPECT_EQ(count[0], 20);
     EXPECT_EQ(count[1], 20);
+}
+
+// The device extension: the CPU unless a host asks, indices past the
+// devices refused, AUTO the first device that passes and is no CPU (so not
+// PoCL's, in CI).
+TEST(FusionDevice, ChoiceOfDevice) {
+    const int before = device::selectedDevice();
+    const int count = lumora_device_count();
+    EXPECT_EQ(lumora_device_name(count), nullptr);
+    EXPECT_EQ(lumora_use_device(count), -2);
+    EXPECT_EQ(lumora_use_device(-2), -2);
+    int firstNotCpu = LUMORA_DEVICE_CPU;
+    for (int d = count - 1; d >= 0; d--)
+        if (!device::deviceIsCpu(d)) firstNotCpu = d;
+    EXPECT_EQ(lumora_use_device(LUMORA_DEVICE_AUTO), firstNotCpu);
+    EXPECT_EQ(lumora_use_device(LUMORA_DEVICE_CPU), LUMORA_DEVICE_CPU);
+    EXPECT_EQ(device::selectedDevice(), -1);
+    device::selectDevice(before);
+}
+
+// On an OpenCL device in bands of 16 rows: the CPU's bytes, the host asked
+// between bands with the amount so far, a cancel there ending the fusion at
+// the next report with the output untouched, and an OpenCL error in the
+// second level leaving the rest to the CPU with the same bytes. Skipped
+// without a device.
+TEST(FusionDevice, BandsGiveTheCpuBytesCancelBetweenThemAndSurviveAnError) {
+    if (lumora_device_count() == 0) GTEST_SKIP() << "no OpenCL device";
+    const int before = device::selectedDevice();
+    const Bracket b = loadBracket(176, 96, 128, 96);  // six bands a level
+    Params prm;
+    ASSERT_EQ(lumora_use_device(LUMORA_DEVICE_CPU), LUMORA_DEVICE_CPU);
+    const Fusion cpu = fuse(b, {0, 2}, prm.p);
+    EXPECT_STREQ(lumora_last_device(), "CPU");
+    ASSERT_EQ(lumora_use_device(0), 0);
+    device::bandRows = 16;
+    resetProgress(0);
+    const Fusion gpu = fuse(b, {0, 2}, prm.p, 2, record);
+    EXPECT_EQ(gpu.out, cpu.out);
+    EXPECT_STREQ(lumora_last_device(), lumora_device_name(0));
+    // Four stage reports and the final one; five repeats of 0 before the first.
+    ASSERT_GT(g_amounts.size(), 10u);
+    EXPECT_EQ(std::count(g_amounts.begin(), g_amounts.begin() + 5, 0.0f), 5);
+    resetProgress(1);
+    const Fusion cancelled = fuse(b, {0, 2}, prm.p, 2, record);
+    EXPECT_EQ(cancelled.result, 4);
+    EXPECT_TRUE(untouched(cancelled.out));
+    EXPECT_EQ(g_amounts.size(), 2u);  // the cancel, then the report that ends the fusion
+    EXPECT_EQ(g_amounts[0], 0.0f);
+    device::failAtLaunch = 10;  // six bands a level: in the second
+    testing::internal::CaptureStderr();
+    const Fusion failing = fuse(b, {0, 2}, prm.p);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(failing.out, cpu.out);
+    EXPECT_NE(err.find("lumora: OpenCL device \"" + std::string(lumora_device_name(0)) +
+                       "\" failed (clEnqueueNDRangeKernel: -5): the CPU filters from here\n"),
+              std::string::npos)
+        << err;
+    EXPECT_STREQ(lumora_last_device(), "CPU");
+    device::failAtLaunch = 0;
+    device::bandRows = 0;
+    device::selectDevice(before);
 }

@@ -19,6 +19,7 @@
 
 #include "core/switches.h"
 #include "filter/filter.h"
+#include "filter/level_pass_device.h"
 #include "image/image.h"
 #include "tables/tables.h"
 #include "test_support.h"
@@ -237,6 +238,40 @@ Bytes picture(const Case &c, std::mt19937 &gen) {
 
 void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
 
+// The case's level: its kernels, range table, picture and bright map, in a
+// bordered image, and the pass's arguments over them.
+struct CaseLevel {
+    std::mt19937 gen;
+    std::vector<KernelEntry> normal, fine;
+    std::vector<float> expLut = unrelatedTable();
+    Bytes in, map;
+    ImageWithBorder img;
+    LevelPassArgs a;
+
+    explicit CaseLevel(const Case &c) : gen(std::hash<std::string>()(c.name) & 0xFFFF) {
+        normal = randomKernel(gen, c.b, 50, 1.0f);
+        fine = randomKernel(gen, c.b, 90, 1.0f);
+        for (auto *k : {&normal, &fine}) {
+            float sum = 0.0f;
+            for (const auto &e : *k) sum += e.factor;
+            for (auto &e : *k) e.factor = e.factor * c.weightScale / sum;
+            if (c.centreWeight > 0.0f) (*k)[k->size() / 2].factor = c.centreWeight;
+        }
+        if (c.table != Table::Unrelated)
+            fusion2lut(c.table == Table::Sigma001 ? 0.01f : 10.0f, 255, expLut.data());
+        in = picture(c, gen);
+        map = testsupport::brightMap(std::max(c.map, 1), c.iMax, c.jMax, 7);
+        img = {.inputImage = in.data(), .borderWidth = c.b, .mainImageHasBorders = 1};
+        EXPECT_NE(createOutsideImageBorders(c.iMax, c.jMax, c.spp, 8, &img), -4);
+        a = levelArgs(img, c.iMax, c.jMax, c.spp, c.b, normal, fine, expLut.data(),
+                      c.map ? map.data() : nullptr);
+        a.largestHalfKernelSize = c.b - 1;  // copied pixels come from a narrower level's frame
+        a.levelGaussOnly = c.gaussOnly;
+        a.level = c.level;
+    }
+    ~CaseLevel() { freeOutsideImageBorders(&img); }
+};
+
 struct LevelPassSimd : testing::TestWithParam<Case> {
     static void SetUpTestSuite() { CIELab_Init(2); }
     void TearDown() override { simd::levelPassBandRows = 0; }
@@ -246,39 +281,20 @@ struct LevelPassSimd : testing::TestWithParam<Case> {
 // bands of 1, 3 or 7 rows or the usual size: the same bytes.
 TEST_P(LevelPassSimd, GivesThePlainBytes) {
     const Case &c = GetParam();
-    std::mt19937 gen(std::hash<std::string>()(c.name) & 0xFFFF);
-    std::vector<KernelEntry> normal = randomKernel(gen, c.b, 50, 1.0f), fine = randomKernel(gen, c.b, 90, 1.0f);
-    for (auto *k : {&normal, &fine}) {
-        float sum = 0.0f;
-        for (const auto &e : *k) sum += e.factor;
-        for (auto &e : *k) e.factor = e.factor * c.weightScale / sum;
-        if (c.centreWeight > 0.0f) (*k)[k->size() / 2].factor = c.centreWeight;
-    }
-    std::vector<float> expLut = unrelatedTable();
-    if (c.table != Table::Unrelated)
-        fusion2lut(c.table == Table::Sigma001 ? 0.01f : 10.0f, 255, expLut.data());
-    Bytes in = picture(c, gen);
-    Bytes map = testsupport::brightMap(std::max(c.map, 1), c.iMax, c.jMax, 7);
-    ImageWithBorder img{.inputImage = in.data(), .borderWidth = c.b, .mainImageHasBorders = 1};
-    ASSERT_NE(createOutsideImageBorders(c.iMax, c.jMax, c.spp, 8, &img), -4);
-    LevelPassArgs a = levelArgs(img, c.iMax, c.jMax, c.spp, c.b, normal, fine, expLut.data(),
-                                c.map ? map.data() : nullptr);
-    a.largestHalfKernelSize = c.b - 1;  // copied pixels come from a narrower level's frame
-    a.levelGaussOnly = c.gaussOnly;
-    a.level = c.level;
-    const Bytes want = passBytes(a, in.size(), true);
+    CaseLevel l(c);
+    const Bytes want = passBytes(l.a, l.in.size(), true);
     testsupport::forEachTarget([&](int) {
-        simd::LevelPlan *plan = simd::planLevel(c.nbProc, a);
+        simd::LevelPlan *plan = simd::planLevel(c.nbProc, l.a);
         EXPECT_NE(plan, nullptr) << "the SIMD path must cover these levels";
         simd::releaseLevelPlan(plan);
         for (int rows : {0, 1, 3, 7}) {
             simd::levelPassBandRows = rows;
-            EXPECT_EQ(testsupport::firstDifference(want, passBytes(a, in.size(), false, c.nbProc),
-                                                   c.iMax, c.spp), "")
+            EXPECT_EQ(testsupport::firstDifference(
+                          want, passBytes(l.a, l.in.size(), false, c.nbProc), c.iMax, c.spp),
+                      "")
                 << "band " << rows << " (rows from jMax are the smoothed copy)";
         }
     });
-    freeOutsideImageBorders(&img);
 }
 
 // Widths 1, 15, 17, 33, 47 and 163: rows that end inside a vector of every
@@ -321,5 +337,89 @@ const Case kCases[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Cases, LevelPassSimd, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<Case> &i) { return i.param.name; });
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The OpenCL level pass, on the first device the machine has (PoCL in CI);
+// skipped where there is none.
+
+namespace {
+
+struct LevelPassDevice : testing::TestWithParam<Case> {
+    static void SetUpTestSuite() { CIELab_Init(2); }
+    int before = device::selectedDevice();  // the test main's choice, restored
+    void SetUp() override {
+        if (device::deviceNames().empty()) GTEST_SKIP() << "no OpenCL device";
+        ASSERT_TRUE(device::selectDevice(0));
+    }
+    void TearDown() override {
+        device::bandRows = device::perturbBytes = device::failAtLaunch = 0;
+        device::divideInDouble = false;
+        device::selectDevice(before);
+    }
+};
+
+// The plain pass on one thread, then the device in bands of 1 or 3 rows or
+// the usual size, and once with the division through double (where the
+// device has doubles): the same bytes, and the device did filter.
+TEST_P(LevelPassDevice, GivesThePlainBytes) {
+    const Case &c = GetParam();
+    CaseLevel l(c);
+    const Bytes want = passBytes(l.a, l.in.size(), true);
+    for (int rows : {0, 1, 3, -1}) {
+        device::divideInDouble = rows < 0;
+        device::bandRows = std::max(rows, 0);
+        ASSERT_TRUE(device::selectDevice(0));  // checked again, with the switch
+        EXPECT_EQ(testsupport::firstDifference(want, passBytes(l.a, l.in.size(), false, c.nbProc),
+                                               c.iMax, c.spp),
+                  "")
+            << (rows < 0 ? "division in double" : "band " + std::to_string(rows));
+        EXPECT_EQ(device::lastLevelDevice(), device::deviceNames()[0]);
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Cases, LevelPassDevice, testing::ValuesIn(kCases),
+                         [](const testing::TestParamInfo<Case> &i) { return i.param.name; });
+
+// A device whose bytes differ is refused by its check with one line that
+// names it, and a device that fails mid-level leaves the level, and the
+// rest, to the CPU with one line: the bytes never change.
+using LevelPassDeviceFallback = LevelPassDevice;
+TEST_F(LevelPassDeviceFallback, RefusesADifferingDeviceAndSurvivesAFailingOne) {
+    CaseLevel l(kCases[7]);  // colour under a map: copied, normal and fine pixels
+    const Bytes want = passBytes(l.a, l.in.size(), true);
+    const std::string name = device::deviceNames()[0];
+    struct Trouble {
+        const char *what;
+        int perturb, failAt;
+        std::string line;
+    } troubles[] = {
+        {"a differing device", 1, 0,
+         "lumora: OpenCL device \"" + name +
+             "\" refused: its level pass differs from the CPU's\n"},
+        {"an error at the third launch", 0, 3,
+         "lumora: OpenCL device \"" + name +
+             "\" failed (clEnqueueNDRangeKernel: -5): the CPU filters from here\n"},
+    };
+    for (const Trouble &t : troubles) {
+        ASSERT_TRUE(device::selectDevice(0));
+        ASSERT_TRUE(device::selectedDevicePasses()) << t.what;
+        ASSERT_TRUE(device::selectDevice(0));  // checked again on its next use
+        device::perturbBytes = t.perturb;
+        if (t.failAt > 0) {  // the error comes after a clean check
+            ASSERT_TRUE(device::selectedDevicePasses());
+        }
+        device::failAtLaunch = t.failAt;
+        device::bandRows = 2;
+        testing::internal::CaptureStderr();
+        const Bytes got = passBytes(l.a, l.in.size(), false);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), t.line) << t.what;
+        EXPECT_EQ(testsupport::firstDifference(want, got, l.a.iMax, l.a.spp), "") << t.what;
+        EXPECT_EQ(device::lastLevelDevice(), "CPU") << t.what;
+        EXPECT_EQ(passBytes(l.a, l.in.size(), false), want) << t.what << ": the next level";
+        EXPECT_EQ(device::lastLevelDevice(), "CPU") << t.what;
+        device::perturbBytes = device::failAtLaunch = 0;
+    }
+}
 
 }  // namespace

@@ -61,6 +61,8 @@ std::string checkAccepted(const Options &o) {
         return "accepted a 16-bit JPEG";
     if (o.threads < 0 || o.threads > kMaxThreads || o.quality < 1 || o.quality > 100)
         return "accepted threads " + std::to_string(o.threads) + " or quality " + std::to_string(o.quality);
+    if (o.device < kDeviceAuto || o.device == -2 || o.device > 1000)
+        return "accepted device " + std::to_string(o.device);
     if (o.loupe.enabled && (o.loupe.x < 0 || o.loupe.y < 0 || o.loupe.width < 0 || o.loupe.height < 0))
         return "accepted a negative loupe";
     for (int i = 0; i < kParamSpecCount; ++i) {

@@ -1,0 +1,605 @@
+// The 8-bit level pass on an OpenCL device. The host uploads the bordered
+// level, its CIELab planes (colour), both kernels, the range table and the
+// bright map once per level, then launches the rows band by band and reads
+// each band back; the 3x3 smoothing stays on the CPU.
+#include "filter/level_pass_device.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <mutex>
+#include <new>
+
+#include "core/switches.h"
+#include "diag/diag.h"
+#include "image/image.h"
+#include "tables/tables.h"
+
+#ifdef LUMORA_HAVE_OPENCL
+#include <CL/cl.h>
+#include <signal.h>
+#endif
+
+namespace lumora {
+namespace device {
+
+int bandRows = 0;
+int perturbBytes = 0;
+int failAtLaunch = 0;
+bool divideInDouble = false;
+
+void referenceRows(const LevelPassArgs &a) {
+    std::vector<KernelEntry> kernel(
+        (size_t)std::max({a.numKernelEntries, a.numFineKernelEntries, 1}));
+    for (int j = 0; j < a.jMax; j++)
+        for (int i = 0; i < a.iMax; i++) filterPixel8(a, i, j, 0, kernel.data());
+}
+
+namespace {
+
+ProgressCallback pollCallback = nullptr;
+const float *pollAmount = nullptr;
+bool cancelled = false;
+
+}  // namespace
+
+void setBandPoll(ProgressCallback callback, const float *amount) {
+    pollCallback = callback;
+    pollAmount = amount;
+    cancelled = false;
+}
+
+bool cancelledBetweenBands() { return cancelled; }
+
+#ifndef LUMORA_HAVE_OPENCL
+
+std::vector<std::string> deviceNames() { return {}; }
+bool deviceIsCpu(int) { return false; }
+bool selectDevice(int index) { return index == -1; }
+int selectedDevice() { return -1; }
+bool selectedDevicePasses() { return false; }
+std::string lastLevelDevice() { return "CPU"; }
+bool levelRows(const LevelPassArgs &, int) { return false; }
+
+#else
+
+namespace {
+
+std::mutex deviceMutex;
+int chosen = -1;
+std::string lastDevice = "CPU";
+
+// What the device pass covers: 8-bit one- or three-sample levels with their
+// border built in, guided by themselves, no debug dumps, indices that fit
+// an int, one-sample brightness differences inside the range table.
+bool covers(const LevelPassArgs &a) {
+    if (a.bps != 8 || a.filterBps != 8 || (a.spp != 1 && a.spp != 3)) return false;
+    if (a.filterSpp != a.spp || a.filterImg != a.img || !a.imageHasBorder) return false;
+    if (!a.img->mainImageHasBorders || dbgTestImage) return false;
+    const int b = a.img->borderWidth;
+    if (a.extendedRowStride != (a.iMax + 2 * b) * a.spp || a.largestHalfKernelSize > b)
+        return false;
+    if ((double)(a.iMax + 2 * b) * (a.jMax + 2 * b) * 3 > INT_MAX / 2) return false;
+    // Every entry inside the window the border allows: a band uploads the
+    // rows its windows reach and no more.
+    float largest = 0.0f;
+    const int fine = a.levelGaussOnly ? 0 : a.numFineKernelEntries;
+    for (int e = 0; e < a.numKernelEntries + fine; e++) {
+        const KernelEntry &k =
+            e < a.numKernelEntries ? a.spatialKernel[e] : a.spatialKernelFine[e - a.numKernelEntries];
+        if (k.xpos < 0 || k.ypos < 0 || k.xpos > 2 * b || k.ypos > 2 * b) return false;
+        largest = std::max(largest, std::fabs(k.factor));
+    }
+    return largest < 4096.0f && a.numKernelEntries > 0;
+}
+
+// Per bright value: -1 copied, 0 normal kernel, p > 0 the fine kernel where
+// (i + j) % p == 0, found from chooseKernel itself.
+std::vector<int> periods() {
+    std::vector<int> p(256, 0);
+    for (int bright = 0; bright < 256; bright++) {
+        if (chooseKernel(bright, 0, 0) == KernelChoice::Copy) {
+            p[bright] = -1;
+            continue;
+        }
+        for (int period = 1; period <= 64 && p[bright] == 0; period++)
+            if (chooseKernel(bright, period, 0) == KernelChoice::Fine) p[bright] = period;
+    }
+    return p;
+}
+
+}  // namespace
+
+namespace {
+
+const char kKernelSource[] =
+#include "level_pass_cl.inc"
+    ;
+
+// An OpenCL runtime may install handlers for most signals as it starts or
+// compiles (PoCL's LLVM does: SIGINT, SIGTERM, SIGABRT, SIGSEGV...); the
+// host's stay as they were around every call into it.
+class KeepSignalHandlers {
+public:
+    KeepSignalHandlers() {
+        for (int s = 1; s < NSIG; s++) sigaction(s, nullptr, &saved_[s]);
+    }
+    ~KeepSignalHandlers() {
+        for (int s = 1; s < NSIG; s++)
+            if (s != SIGKILL && s != SIGSTOP) sigaction(s, &saved_[s], nullptr);
+    }
+    KeepSignalHandlers(const KeepSignalHandlers &) = delete;
+    KeepSignalHandlers &operator=(const KeepSignalHandlers &) = delete;
+
+private:
+    struct sigaction saved_[NSIG];
+};
+
+std::vector<cl_device_id> allDevices() {
+    std::vector<cl_device_id> devices;
+    cl_uint numPlatforms = 0;
+    if (clGetPlatformIDs(0, nullptr, &numPlatforms) != CL_SUCCESS || numPlatforms == 0)
+        return devices;
+    std::vector<cl_platform_id> platforms(numPlatforms);
+    if (clGetPlatformIDs(numPlatforms, platforms.data(), nullptr) != CL_SUCCESS) return devices;
+    for (cl_platform_id p : platforms) {
+        cl_uint n = 0;
+        if (clGetDeviceIDs(p, CL_DEVICE_TYPE_ALL, 0, nullptr, &n) != CL_SUCCESS || n == 0)
+            continue;
+        std::vector<cl_device_id> ids(n);
+        if (clGetDeviceIDs(p, CL_DEVICE_TYPE_ALL, n, ids.data(), nullptr) == CL_SUCCESS)
+            devices.insert(devices.end(), ids.begin(), ids.end());
+    }
+    return devices;
+}
+
+std::string nameOf(cl_device_id d) {
+    char name[256] = {0};
+    clGetDeviceInfo(d, CL_DEVICE_NAME, sizeof name - 1, name, nullptr);
+    return name;
+}
+
+// An OpenCL call that failed: which, and its code.
+struct ClError {
+    const char *call;
+    cl_int code;
+};
+void check(cl_int code, const char *call) {
+    if (code != CL_SUCCESS) throw ClError{call, code};
+}
+
+// A buffer released with its scope.
+struct Buffer {
+    cl_mem mem = nullptr;
+    Buffer() = default;
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+    ~Buffer() {
+        if (mem) clReleaseMemObject(mem);
+    }
+    void make(cl_context ctx, cl_mem_flags flags, size_t bytes, const void *data) {
+        cl_int err;
+        mem = clCreateBuffer(ctx, flags | (data ? CL_MEM_COPY_HOST_PTR : 0),
+                             std::max<size_t>(bytes, 16), const_cast<void *>(data), &err);
+        check(err, "clCreateBuffer");
+    }
+};
+
+// One device's context, queue and built kernel, made on its first use.
+struct DeviceState {
+    enum class Check { NotYet, Passed, Refused };
+    cl_device_id id = nullptr;
+    std::string name;
+    cl_context context = nullptr;
+    cl_command_queue queue = nullptr;
+    cl_program program = nullptr;
+    cl_kernel kernel = nullptr;
+    std::string options;  // the kernels' build options
+    Check check = Check::NotYet;
+    bool failed = false;  // an OpenCL error: the CPU filters from then on
+};
+
+std::vector<DeviceState> states;
+
+// The build options that make the device's division the CPU's, or an empty
+// string for a device that cannot divide exactly or lacks subnormal floats.
+std::string exactOptions(cl_device_id d, const char *&why) {
+    cl_device_fp_config single = 0, dbl = 0;
+    clGetDeviceInfo(d, CL_DEVICE_SINGLE_FP_CONFIG, sizeof single, &single, nullptr);
+    clGetDeviceInfo(d, CL_DEVICE_DOUBLE_FP_CONFIG, sizeof dbl, &dbl, nullptr);
+    // Range weights can be subnormal, and the CPU keeps them.
+    if (!(single & CL_FP_DENORM)) {
+        why = "no subnormal floats";
+        return "";
+    }
+    if ((single & CL_FP_CORRECTLY_ROUNDED_DIVIDE_SQRT) && !(divideInDouble && dbl != 0))
+        return "-cl-fp32-correctly-rounded-divide-sqrt";
+    if (dbl != 0) return "-DLUMORA_DIVIDE_IN_DOUBLE";
+    why = "no correctly rounded division";
+    return "";
+}
+
+// A device whose arithmetic cannot give the CPU's bytes, and why.
+struct Unfit {
+    const char *why;
+};
+
+// The context and queue once, the kernels again whenever their options
+// change (the test switch divideInDouble).
+void build(DeviceState &s) {
+    const char *why = "";
+    const std::string options = exactOptions(s.id, why);
+    if (options.empty()) throw Unfit{why};
+    if (s.kernel != nullptr && options == s.options) return;
+    cl_int err;
+    if (s.context == nullptr) {
+        s.context = clCreateContext(nullptr, 1, &s.id, nullptr, nullptr, &err);
+        check(err, "clCreateContext");
+        s.queue = clCreateCommandQueue(s.context, s.id, 0, &err);
+        check(err, "clCreateCommandQueue");
+    }
+    if (s.kernel != nullptr) clReleaseKernel(s.kernel);
+    if (s.program != nullptr) clReleaseProgram(s.program);
+    s.kernel = nullptr;
+    s.program = nullptr;
+    const char *source = kKernelSource;
+    s.program = clCreateProgramWithSource(s.context, 1, &source, nullptr, &err);
+    check(err, "clCreateProgramWithSource");
+    check(clBuildProgram(s.program, 1, &s.id, options.c_str(), nullptr, nullptr),
+          "clBuildProgram");
+    s.kernel = clCreateKernel(s.program, "levelRows", &err);
+    check(err, "clCreateKernel");
+    s.options = options;
+}
+
+// Rows per launch: about a quarter million pixels, at least one row.
+int rowsPerBand(const LevelPassArgs &a) {
+    if (bandRows > 0) return bandRows;
+    return std::max(1, (1 << 18) / std::max(a.iMax, 1));
+}
+
+// The level's rows on device s, band by band into a.imgOutput.
+// The CIELab planes of bordered rows [y0, y0 + rows) into lab, shared out
+// among nbProc threads.
+void labRows(const LevelPassArgs &a, int width, int y0, int rows, int nbProc, float *lab) {
+#pragma omp parallel for num_threads(nbProc) schedule(static)
+    for (int y = 0; y < rows; y++) {
+        const unsigned char *c = a.img->image + (size_t)(y0 + y) * width * 3;
+        float *l = lab + (size_t)y * width * 3;
+        for (int x = 0; x < width; x++, c += 3, l += 3) {
+            const LABData &v = labLUT[c[0]][c[1]][c[2]];
+            l[0] = v.l;
+            l[1] = v.a;
+            l[2] = v.b;
+        }
+    }
+}
+
+// The level's rows on device s, band by band into a.imgOutput. Each band
+// uploads the bordered rows its windows reach (and their CIELab planes), so
+// that neither the device nor the host holds more than a band's worth.
+void runRows(DeviceState &s, const LevelPassArgs &a, int nbProc) {
+    const int b = a.img->borderWidth;
+    const int width = a.iMax + 2 * b;
+    const int nN = a.numKernelEntries, nF = a.levelGaussOnly ? 0 : a.numFineKernelEntries;
+
+    std::vector<cl_int> pos(2 * (size_t)(nN + nF));
+    std::vector<float> factor((size_t)(nN + nF));
+    for (int e = 0; e < nN + nF; e++) {
+        const KernelEntry &k = e < nN ? a.spatialKernel[e] : a.spatialKernelFine[e - nN];
+        pos[2 * e] = k.xpos;
+        pos[2 * e + 1] = k.ypos;
+        factor[e] = k.factor;
+    }
+    const int band = std::min(rowsPerBand(a), a.jMax);
+    // A band's windows reach 2b rows below its last.
+    const size_t bandPixels = (size_t)width * (band + 2 * b);
+    const bool colour = a.spp == 3 && !a.levelGaussOnly;
+    std::vector<float> lab(colour ? 3 * bandPixels : 0);
+    const bool useMap = !a.levelGaussOnly && levelUsesBrightMap(a);
+    const std::vector<int> period = periods();
+
+    Buffer img, labBuf, posBuf, factorBuf, lut, map, periodBuf, out;
+    const cl_mem_flags in = CL_MEM_READ_ONLY;
+    img.make(s.context, in, bandPixels * a.spp, nullptr);
+    labBuf.make(s.context, in, lab.size() * sizeof(float), nullptr);
+    posBuf.make(s.context, in, pos.size() * sizeof(cl_int), pos.data());
+    factorBuf.make(s.context, in, factor.size() * sizeof(float), factor.data());
+    lut.make(s.context, in, a.levelGaussOnly ? 0 : EXP_LUT_ENTRIES * sizeof(float),
+             a.levelGaussOnly ? nullptr : a.expLut);
+    map.make(s.context, in, useMap ? (size_t)a.iMax * a.jMax : 0,
+             useMap ? a.brightImage : nullptr);
+    periodBuf.make(s.context, in, period.size() * sizeof(cl_int), period.data());
+    const size_t rowBytes = (size_t)a.iMax * a.spp;
+    out.make(s.context, CL_MEM_WRITE_ONLY, rowBytes * band, nullptr);
+
+    const cl_int ers = width * a.spp, spp = a.spp, iMax = a.iMax, numNormal = nN,
+                 numFine = nF, mapOn = useMap, gauss = a.levelGaussOnly,
+                 copyOffset = a.largestHalfKernelSize, perturb = perturbBytes;
+    cl_kernel k = s.kernel;
+    int arg = 0;
+    auto set = [&](size_t size, const void *value) {
+        check(clSetKernelArg(k, arg++, size, value), "clSetKernelArg");
+    };
+    set(sizeof(cl_mem), &img.mem);
+    set(sizeof(cl_mem), &labBuf.mem);
+    set(sizeof ers, &ers);
+    set(sizeof spp, &spp);
+    set(sizeof iMax, &iMax);
+    const int bandArgs = arg;  // j0 and rows, set per band
+    arg += 2;
+    set(sizeof(cl_mem), &posBuf.mem);
+    set(sizeof(cl_mem), &factorBuf.mem);
+    set(sizeof numNormal, &numNormal);
+    set(sizeof numFine, &numFine);
+    set(sizeof(cl_mem), &lut.mem);
+    set(sizeof(cl_mem), &map.mem);
+    set(sizeof(cl_mem), &periodBuf.mem);
+    set(sizeof mapOn, &mapOn);
+    set(sizeof gauss, &gauss);
+    set(sizeof copyOffset, &copyOffset);
+    set(sizeof(cl_mem), &out.mem);
+    set(sizeof perturb, &perturb);
+
+    // Work-groups of 32 x 4 pixels where the device allows them; a row's
+    // end, or a band's, can fall inside one.
+    size_t groupLimit = 0;
+    clGetKernelWorkGroupInfo(k, s.id, CL_KERNEL_WORK_GROUP_SIZE, sizeof groupLimit, &groupLimit,
+                             nullptr);
+    const size_t local[2] = {32, 4};
+    const bool shaped = groupLimit >= local[0] * local[1];
+    for (int j0 = 0; j0 < a.jMax; j0 += band) {
+        if (j0 > 0 && pollCallback != nullptr) {
+            int cancel = 0;
+            pollCallback(&cancel, *pollAmount);
+            if (cancel != 0) {
+                cancelled = true;
+                return;
+            }
+        }
+        const cl_int first = j0, rows = std::min(band, a.jMax - j0);
+        const size_t reach = (size_t)width * (rows + 2 * b);
+        check(clEnqueueWriteBuffer(s.queue, img.mem, CL_FALSE, 0, reach * a.spp,
+                                   a.img->image + (size_t)j0 * width * a.spp, 0, nullptr,
+                                   nullptr),
+              "clEnqueueWriteBuffer");
+        if (colour) {
+            labRows(a, width, j0, rows + 2 * b, nbProc, lab.data());
+            check(clEnqueueWriteBuffer(s.queue, labBuf.mem, CL_FALSE, 0,
+                                       3 * reach * sizeof(float), lab.data(), 0, nullptr, nullptr),
+                  "clEnqueueWriteBuffer");
+        }
+        check(clSetKernelArg(k, bandArgs, sizeof first, &first), "clSetKernelArg");
+        check(clSetKernelArg(k, bandArgs + 1, sizeof rows, &rows), "clSetKernelArg");
+        const size_t global[2] = {(a.iMax + local[0] - 1) / local[0] * local[0],
+                                  (rows + local[1] - 1) / local[1] * local[1]};
+        if (failAtLaunch > 0 && --failAtLaunch == 0)
+            throw ClError{"clEnqueueNDRangeKernel", CL_OUT_OF_RESOURCES};
+        check(clEnqueueNDRangeKernel(s.queue, k, 2, nullptr, global, shaped ? local : nullptr, 0,
+                                     nullptr, nullptr),
+              "clEnqueueNDRangeKernel");
+        check(clEnqueueReadBuffer(s.queue, out.mem, CL_TRUE, 0, rowBytes * rows,
+                                  a.imgOutput + (size_t)j0 * rowBytes, 0, nullptr, nullptr),
+              "clEnqueueReadBuffer");
+    }
+}
+
+// A small level of every kind the fusion uses, on the device and on the
+// CPU: colour and one sample; level 1, a gauss-only level, and level 2
+// under a map of every bright value (copied, normal and fine pixels). The
+// 13 x 13 window gives sums long enough that a contracted multiply-add
+// shows: on PoCL a kernel built with FP_CONTRACT ON is refused (a 5 x 5
+// window let it pass).
+bool sameBytesAsCpu(DeviceState &s) {
+    const int iMax = 37, jMax = 9, b = 6;
+    uint32_t seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 1664525u + 1013904223u;
+        return seed >> 8;
+    };
+    auto kernel = [&](int keep) {
+        std::vector<KernelEntry> k;
+        for (int x = 0; x <= 2 * b; x++)
+            for (int y = 0; y <= 2 * b; y++)
+                if ((int)(next() % 100) < keep || (x == b && y == b))
+                    k.push_back({x, y, (float)(next() % 1000) / 700.0f / 12.0f, 0, 0, 0});
+        return k;
+    };
+    std::vector<KernelEntry> normal = kernel(50), fine = kernel(90);
+    std::vector<float> lut(EXP_LUT_ENTRIES);
+    for (float &v : lut) v = (float)(next() % 1000000) / 1e6f;
+    lut[7] = 1e-40f;
+    std::vector<unsigned char> map((size_t)iMax * jMax);
+    for (size_t n = 0; n < map.size(); n++) map[n] = (unsigned char)(n * 37 % 256);
+    for (int spp : {1, 3}) {
+        std::vector<unsigned char> picture((size_t)iMax * jMax * spp);
+        for (auto &v : picture) v = (unsigned char)(next() % 256);
+        ImageWithBorder img{.inputImage = picture.data(), .borderWidth = b,
+                            .mainImageHasBorders = 1};
+        if (createOutsideImageBorders(iMax, jMax, spp, 8, &img) == -4) return false;
+        struct Borders {
+            ImageWithBorder *img;
+            ~Borders() { freeOutsideImageBorders(img); }
+        } borders{&img};
+        for (int kind = 0; kind < 3; kind++) {
+            LevelPassArgs a{};
+            a.img = a.filterImg = &img;
+            a.filterSpp = a.spp = spp;
+            a.filterBps = a.bps = 8;
+            a.byteDepth = 1;
+            a.filterRowStride = a.rowStride = a.rowStrideBytes = iMax * spp;
+            a.filterExtendedRowStride = a.extendedRowStride = (iMax + 2 * b) * spp;
+            a.spatialKernel = normal.data();
+            a.numKernelEntries = (int)normal.size();
+            a.spatialKernelFine = fine.data();
+            a.numFineKernelEntries = (int)fine.size();
+            a.expLut = lut.data();
+            a.brightImage = map.data();
+            a.iMax = iMax;
+            a.jMax = jMax;
+            a.physicalKernelSize = a.largestPhysicalKernelSize = 2 * b + 1;
+            a.halfKernelSize = a.largestHalfKernelSize = b;
+            a.imageHasBorder = 1;
+            a.level = kind == 2 ? 2 : 1;
+            a.levelGaussOnly = kind == 1;
+            std::vector<unsigned char> cpu(picture.size()), gpu(picture.size(), 0xA5);
+            a.imgOutput = cpu.data();
+            referenceRows(a);
+            a.imgOutput = gpu.data();
+            runRows(s, a, 1);
+            if (cpu != gpu) return false;
+        }
+    }
+    return true;
+}
+
+// A stand-in CIELab table while the real one is not filled (a check before
+// the first fusion): every red and green share one row of made-up values.
+// The device reads the planes the host makes from the table, so any table
+// checks the arithmetic.
+struct StandInLab {
+    std::vector<LABData> row = std::vector<LABData>(256);
+    std::vector<LABData *> greens = std::vector<LABData *>(256, nullptr);
+    std::vector<LABData **> reds = std::vector<LABData **>(256, nullptr);
+    StandInLab() {
+        for (int v = 0; v < 256; v++) row[v] = {v * 0.39f, v * 1.3f - 160.0f, 90.0f - v * 0.7f};
+        std::fill(greens.begin(), greens.end(), row.data());
+        std::fill(reds.begin(), reds.end(), greens.data());
+    }
+};
+
+bool checkDevice(DeviceState &s) {
+    if (labLUT != nullptr) return sameBytesAsCpu(s);
+    StandInLab standIn;
+    labLUT = standIn.reds.data();
+    bool same = false;
+    try {
+        same = sameBytesAsCpu(s);
+    } catch (...) {
+        labLUT = nullptr;
+        throw;
+    }
+    labLUT = nullptr;
+    return same;
+}
+
+// The chosen device, built and checked; null when the CPU must filter.
+DeviceState *usableDevice() {
+    if (chosen < 0 || chosen >= (int)states.size()) return nullptr;
+    DeviceState &s = states[chosen];
+    if (s.failed || s.check == DeviceState::Check::Refused) return nullptr;
+    if (s.check == DeviceState::Check::NotYet) {
+        KeepSignalHandlers keep;
+        try {
+            build(s);
+            const bool same = checkDevice(s);
+            s.check = same ? DeviceState::Check::Passed : DeviceState::Check::Refused;
+            if (!same)
+                std::fprintf(stderr,
+                             "lumora: OpenCL device \"%s\" refused: its level pass differs "
+                             "from the CPU's\n",
+                             s.name.c_str());
+        } catch (const Unfit &u) {
+            s.check = DeviceState::Check::Refused;
+            std::fprintf(stderr, "lumora: OpenCL device \"%s\" refused: %s\n", s.name.c_str(),
+                         u.why);
+        } catch (const ClError &e) {
+            s.check = DeviceState::Check::Refused;
+            std::fprintf(stderr, "lumora: OpenCL device \"%s\" refused: %s failed (%d)\n",
+                         s.name.c_str(), e.call, (int)e.code);
+        }
+    }
+    return s.check == DeviceState::Check::Passed ? &s : nullptr;
+}
+
+void enumerate() {
+    if (!states.empty()) return;
+    KeepSignalHandlers keep;
+    for (cl_device_id id : allDevices()) {
+        states.emplace_back();
+        states.back().id = id;
+        states.back().name = nameOf(id);
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> deviceNames() {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    enumerate();
+    std::vector<std::string> names;
+    for (const DeviceState &s : states) names.push_back(s.name);
+    return names;
+}
+
+bool deviceIsCpu(int index) {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    enumerate();
+    if (index < 0 || index >= (int)states.size()) return false;
+    cl_device_type type = 0;
+    clGetDeviceInfo(states[index].id, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
+    return (type & CL_DEVICE_TYPE_CPU) != 0;
+}
+
+bool selectDevice(int index) {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    if (index == -1) {  // the CPU: no need to start OpenCL
+        chosen = -1;
+        return true;
+    }
+    enumerate();
+    if (index < -1 || index >= (int)states.size()) return false;
+    chosen = index;
+    // Chosen again, a device is checked again and an earlier failure forgotten.
+    if (index >= 0) {
+        states[index].check = DeviceState::Check::NotYet;
+        states[index].failed = false;
+    }
+    return true;
+}
+
+int selectedDevice() {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    return chosen;
+}
+
+bool selectedDevicePasses() {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    return usableDevice() != nullptr;
+}
+
+std::string lastLevelDevice() {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    return lastDevice;
+}
+
+bool levelRows(const LevelPassArgs &a, int nbProc) {
+    std::lock_guard<std::mutex> lock(deviceMutex);
+    lastDevice = "CPU";
+    if (chosen < 0 || !covers(a)) return false;
+    // Cancelled: the fusion ends at its next report, whatever this level holds.
+    if (cancelled) return true;
+    DeviceState *s = usableDevice();
+    if (s == nullptr) return false;
+    KeepSignalHandlers keep;
+    try {
+        runRows(*s, a, nbProc);
+    } catch (const std::bad_alloc &) {
+        // The host's band buffers: the CPU pass needs less.
+        return false;
+    } catch (const ClError &e) {
+        s->failed = true;
+        std::fprintf(stderr,
+                     "lumora: OpenCL device \"%s\" failed (%s: %d): the CPU filters from here\n",
+                     s->name.c_str(), e.call, (int)e.code);
+        return false;
+    }
+    lastDevice = s->name;
+    return true;
+}
+
+#endif
+
+}  // namespace device
+}  // namespace lumora
