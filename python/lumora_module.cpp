@@ -213,15 +213,22 @@ py::array fuse(const py::sequence &frames, bool bgr, const std::vector<std::stri
     return out;
 }
 
-py::tuple align(const py::sequence &frames, int threads) {
+// Two or more non-empty frames, and the index of the middle one by brightness.
+std::vector<Image> framesToRegister(const py::sequence &frames, int &middle) {
     std::vector<Image> images = framesOf(frames, false, 2);
-    for (const Image &image : images)
+    std::vector<const Image *> given;
+    for (const Image &image : images) {
         if (image.rgb.empty())
             throw py::value_error("empty frame");
-    std::vector<const Image *> given;
-    for (const Image &image : images)
         given.push_back(&image);
-    const int reference = brightnessOrder(given)[images.size() / 2];
+    }
+    middle = brightnessOrder(given)[images.size() / 2];
+    return images;
+}
+
+py::tuple align(const py::sequence &frames, int threads) {
+    int reference = 0;
+    std::vector<Image> images = framesToRegister(frames, reference);
     AlignSummary summary;
     std::string error;
     bool aligned;
@@ -247,15 +254,10 @@ py::tuple align(const py::sequence &frames, int threads) {
 }
 
 py::tuple deghost(const py::sequence &frames, const py::object &reference, int threads) {
-    std::vector<Image> images = framesOf(frames, false, 2);
-    for (const Image &image : images)
-        if (image.rgb.empty())
-            throw py::value_error("empty frame");
-    std::vector<const Image *> given;
-    for (const Image &image : images)
-        given.push_back(&image);
+    int middle = 0;
+    std::vector<Image> images = framesToRegister(frames, middle);
     const int count = int(images.size());
-    const int chosen = reference.is_none() ? brightnessOrder(given)[images.size() / 2] : py::cast<int>(reference);
+    const int chosen = reference.is_none() ? middle : py::cast<int>(reference);
     if (chosen < 0 || chosen >= count)
         throw py::value_error("reference: " + std::to_string(chosen) + " is not one of the " + std::to_string(count) +
                               " frames");

@@ -2,6 +2,8 @@
 // sparse convolution, level pass and pyramid.
 #pragma once
 
+#include <vector>
+
 #include "core/core.h"
 
 namespace lumora {
@@ -63,6 +65,13 @@ struct LevelPassArgs {
     int extendedRowStride;
     int imageHasBorder;
 };
+// A level-1 pass over an 8-bit image with its border of b built in, guided
+// by itself, in a (2b+1)-square window, with the given kernels, range table
+// and bright map: the checks of a faster pass build theirs from it.
+LevelPassArgs selfGuidedLevel(ImageWithBorder &img, int iMax, int jMax, int spp, int b,
+                              std::vector<KernelEntry> &normal, std::vector<KernelEntry> &fine,
+                              float *expLut, unsigned char *map);
+
 // 0, or -4 when a thread's kernel buffer could not be allocated (then no row
 // is filtered). The pass runs the level's only thread team; the SIMD path,
 // where it covers the level, fills the rows the team hands it.

@@ -161,6 +161,31 @@ void simdRows(const simd::LevelPlan &plan, int jMax, KernelEntry *bilateralKerne
 
 }  // namespace
 
+LevelPassArgs selfGuidedLevel(ImageWithBorder &img, int iMax, int jMax, int spp, int b,
+                              std::vector<KernelEntry> &normal, std::vector<KernelEntry> &fine,
+                              float *expLut, unsigned char *map) {
+    LevelPassArgs a{};
+    a.img = a.filterImg = &img;
+    a.filterSpp = a.spp = spp;
+    a.filterBps = a.bps = 8;
+    a.byteDepth = 1;
+    a.filterRowStride = a.rowStride = a.rowStrideBytes = iMax * spp;
+    a.filterExtendedRowStride = a.extendedRowStride = (iMax + 2 * b) * spp;
+    a.spatialKernel = normal.data();
+    a.numKernelEntries = (int)normal.size();
+    a.spatialKernelFine = fine.data();
+    a.numFineKernelEntries = (int)fine.size();
+    a.expLut = expLut;
+    a.brightImage = map;
+    a.iMax = iMax;
+    a.jMax = jMax;
+    a.physicalKernelSize = a.largestPhysicalKernelSize = 2 * b + 1;
+    a.halfKernelSize = a.largestHalfKernelSize = b;
+    a.level = 1;
+    a.imageHasBorder = 1;
+    return a;
+}
+
 int levelPass(int nbProc, const LevelPassArgs &a) {
     // On an OpenCL device, when one is chosen and covers the level: the
     // same bytes, smoothed here.

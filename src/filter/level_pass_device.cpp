@@ -423,24 +423,7 @@ bool sameBytesAsCpu(DeviceState &s) {
             ~Borders() { freeOutsideImageBorders(img); }
         } borders{&img};
         for (int kind = 0; kind < 3; kind++) {
-            LevelPassArgs a{};
-            a.img = a.filterImg = &img;
-            a.filterSpp = a.spp = spp;
-            a.filterBps = a.bps = 8;
-            a.byteDepth = 1;
-            a.filterRowStride = a.rowStride = a.rowStrideBytes = iMax * spp;
-            a.filterExtendedRowStride = a.extendedRowStride = (iMax + 2 * b) * spp;
-            a.spatialKernel = normal.data();
-            a.numKernelEntries = (int)normal.size();
-            a.spatialKernelFine = fine.data();
-            a.numFineKernelEntries = (int)fine.size();
-            a.expLut = lut.data();
-            a.brightImage = map.data();
-            a.iMax = iMax;
-            a.jMax = jMax;
-            a.physicalKernelSize = a.largestPhysicalKernelSize = 2 * b + 1;
-            a.halfKernelSize = a.largestHalfKernelSize = b;
-            a.imageHasBorder = 1;
+            LevelPassArgs a = selfGuidedLevel(img, iMax, jMax, spp, b, normal, fine, lut.data(), map.data());
             a.level = kind == 2 ? 2 : 1;
             a.levelGaussOnly = kind == 1;
             std::vector<unsigned char> cpu(picture.size()), gpu(picture.size(), 0xA5);
