@@ -1,10 +1,10 @@
 // test_align.cpp: registration of the sample bracket moved by known
 // transforms, at a normal and at an extreme exposure spread and with a moving
 // part, the common area of aligned frames, and lumora-fuse's --align and
-// transparent inputs as a user meets them.
+// transparent inputs as a user meets them (frames --align cannot register
+// are a row of the tool's bad-input table).
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -13,7 +13,6 @@
 #include "align.h"
 #include "cli_support.h"
 
-namespace fs = std::filesystem;
 using namespace lumora_fuse;
 using namespace lumora_cli;
 
@@ -289,19 +288,6 @@ TEST_F(Align, TransparentEdgesAreCutAwayAcrossPngAndTiffAlpha) {
                      "the part opaque in every frame\n");
     const Image out = load(at("f.png"));
     EXPECT_EQ(std::make_pair(out.width, out.height), std::make_pair(410, 298));
-}
-
-TEST_F(Align, FramesWithNothingInCommonAreRefusedInOneLine) {
-    // Three corners of the sample: no frame shows what another shows.
-    std::vector<Image> frames;
-    for (const auto &[x, y] : {std::pair{0, 0}, {352, 264}, {0, 264}})
-        frames.push_back(render(sample(1), cv::Matx23d(1, 0, x, 0, 1, y), 160, 120));
-    saveAll(frames, {"a.png", "b.png", "c.png"});
-    const ToolRun r = run("--align @a.png @b.png @c.png -o @f.png");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(": cannot align to "), std::string::npos) << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_FALSE(fs::exists(at("f.png")));
 }
 
 }  // namespace

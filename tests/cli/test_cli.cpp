@@ -212,7 +212,11 @@ TEST_F(Cli, CopiesExifXmpAndIccOfTheMiddleExposure) {
 TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAndWritesNothing) {
     writeBracket({"a.png", "b.png", "c.png"});
     for (const auto &[name, image] : {std::pair<const char *, Image>{"other.png", crop(bracket_[2], 0, 0, 64, 48)},
-                                      {"whole.jpg", bracket_[1]}, {"whole.tif", bracket_[1]}})
+                                      {"whole.jpg", bracket_[1]}, {"whole.tif", bracket_[1]},
+                                      // three corners: no frame shows what another shows
+                                      {"n0.png", crop(bracket_[1], 0, 0, 64, 48)},
+                                      {"n1.png", crop(bracket_[1], 64, 48, 64, 48)},
+                                      {"n2.png", crop(bracket_[1], 0, 48, 64, 48)}})
         save(at(name), image);
     const std::string jpg = slurp(at("whole.jpg")), png = slurp(at("a.png")), tif = slurp(at("whole.tif")),
                       input = slurp(at("b.png"));
@@ -285,6 +289,7 @@ TEST_F(Cli, RejectsBadInputOptionsHugePicturesAndFailedWritesWithOneClearLineAnd
         {"--look vivid @a.png @b.png -o @f.jpg", 2, "--look: 'vivid' is not valid (natural, detail or library)"},
         {"--preserve-highlights --highlight-influence 5 @a.png @b.png -o @f.jpg", 2,
          "--strength 37.5 (look natural): above 19 only with --highlight-influence 10"},
+        {"--align @n0.png @n1.png @n2.png -o @f.jpg", 1, ": cannot align to @n"},
         {"--deghost --deghost-ref @c.png @a.png @b.png -o @f.jpg", 2,
          "--deghost-ref: '@c.png' is not one of the frames fused (@a.png, @b.png)"},
         {"--deghost --deghost-masks @locked.png/masks @a.png @b.png -o @f.jpg", 1,
