@@ -2,7 +2,7 @@
 """Benchmarks of the Python module lumora.
 
     PYTHONPATH=build/python /usr/bin/python3 bench/python_bench.py overhead [--runs N]
-    PYTHONPATH=build/python /usr/bin/python3 bench/python_bench.py batch [--brackets N] [--mp X]
+    PYTHONPATH=build/python /usr/bin/python3 bench/python_bench.py batch [--brackets N] [--mp X] [--repeat R]
 
 overhead: lumora.fuse on the sample bracket upscaled to 1 MP (1155 x 866),
 against the time spent inside the tool's fusion call (the same C++ call
@@ -60,7 +60,7 @@ def overhead(runs):
           f"overhead {100 * (t - c) / c:.2f}% ({runs} runs, medians)")
 
 
-def batch(count, megapixels):
+def batch(count, megapixels, repeat):
     width = int((megapixels * 1e6 * 4 / 3) ** 0.5)
     frames = bracket(width, width * 3 // 4)
     tool = os.path.join(ROOT, "build", "tools", "lumora-fuse")
@@ -78,21 +78,25 @@ def batch(count, megapixels):
             return subprocess.Popen([tool, "--batch", *options, *sources, "-o", os.path.join(work, out)],
                                     preexec_fn=lambda: os.sched_setaffinity(0, {core}))
 
-        start = time.perf_counter()
-        assert tool_on(cores[0], halves, "one").wait() == 0  # one machine of one core
-        one = time.perf_counter() - start
-        # What the two cores give two independent fusions at best: each half
-        # by its own tool pinned to its own core (two hyperthreads of one core
-        # share its load ports, and give far less than twice one).
-        start = time.perf_counter()
-        runs = [tool_on(core, [half], f"best{k}") for k, (core, half) in enumerate(zip(cores[:2], halves))]
-        assert all(r.wait() == 0 for r in runs)
-        best = time.perf_counter() - start
-        start = time.perf_counter()
-        status = lumora.batch.run([*options, "--workers", "2", *halves, "-o", os.path.join(work, "two")])
-        two = time.perf_counter() - start
-        assert status == 0
-    print(f"{count} brackets of {width}x{width * 3 // 4}: lumora-fuse --batch --threads 1 on one core: {one:.1f} s; "
+        ones, bests, twos = [], [], []
+        for rep in range(repeat):  # interleaved, so that a shared machine's drift falls on all three alike
+            start = time.perf_counter()
+            assert tool_on(cores[0], halves, f"one{rep}").wait() == 0  # one machine of one core
+            ones.append(time.perf_counter() - start)
+            # What the two cores give two independent fusions at best: each
+            # half by its own tool pinned to its own core (two hyperthreads of
+            # one core share its load ports, and give far less than twice one).
+            start = time.perf_counter()
+            runs = [tool_on(core, [half], f"best{rep}{k}") for k, (core, half) in enumerate(zip(cores[:2], halves))]
+            assert all(r.wait() == 0 for r in runs)
+            bests.append(time.perf_counter() - start)
+            start = time.perf_counter()  # the cluster's start included
+            status = lumora.batch.run([*options, "--workers", "2", *halves, "-o", os.path.join(work, f"two{rep}")])
+            twos.append(time.perf_counter() - start)
+            assert status == 0
+    one, best, two = (statistics.median(t) for t in (ones, bests, twos))
+    print(f"{count} brackets of {width}x{width * 3 // 4}, medians of {repeat} interleaved runs: "
+          f"lumora-fuse --batch --threads 1 on one core: {one:.1f} s; "
           f"lumora.batch, two workers of one thread: {two:.1f} s (ratio {two / one:.2f}); "
           f"two lumora-fuse --batch on a half each, each pinned to its own core: {best:.1f} s "
           f"(ratio {best / one:.2f}, the most two of this machine's cores give)")
@@ -104,8 +108,9 @@ def main():
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--brackets", type=int, default=20)
     parser.add_argument("--mp", type=float, default=0.5)
+    parser.add_argument("--repeat", type=int, default=3)
     a = parser.parse_args()
-    overhead(a.runs) if a.what == "overhead" else batch(a.brackets, a.mp)
+    overhead(a.runs) if a.what == "overhead" else batch(a.brackets, a.mp, a.repeat)
 
 
 if __name__ == "__main__":
