@@ -160,11 +160,13 @@ Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
     const int nMax = std::max(std::max(l.nNormal, l.nFine), 1);
     l.vectors = BLOCK_VECTORS;
     const size_t block = l.vectors * lanes;
-    // Per thread, each piece rounded up to 64 bytes: one vector's weights,
-    // two result blocks, choices, the two need lists, a row of packed
-    // columns (padded to whole vectors) and the row's entry offsets.
+    // Per thread, each piece rounded up to 64 bytes: one vector's weights
+    // and its stashed bytes, two result blocks, choices, the two need lists,
+    // a row of packed columns (padded to whole vectors) and the row's entry
+    // offsets.
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
     const size_t sizes[SCRATCH_PIECES] = {nMax * lanes * sizeof(float),
+                                          nMax * lanes * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
                                           block * sizeof(KernelChoice),
@@ -246,12 +248,13 @@ Scratch scratchOf(const LevelPlan &p, int t, KernelEntry *kernel) {
     }
     Scratch s;
     s.weights = reinterpret_cast<float *>(piece[0]);
-    s.resultNormal = reinterpret_cast<int32_t *>(piece[1]);
-    s.resultFine = reinterpret_cast<int32_t *>(piece[2]);
-    s.choice = reinterpret_cast<KernelChoice *>(piece[3]);
-    s.need = piece[4];
-    s.packed = reinterpret_cast<int32_t *>(piece[5]);
-    s.rowOffset = reinterpret_cast<ptrdiff_t *>(piece[6]);
+    s.stash = reinterpret_cast<int32_t *>(piece[1]);
+    s.resultNormal = reinterpret_cast<int32_t *>(piece[2]);
+    s.resultFine = reinterpret_cast<int32_t *>(piece[3]);
+    s.choice = reinterpret_cast<KernelChoice *>(piece[4]);
+    s.need = piece[5];
+    s.packed = reinterpret_cast<int32_t *>(piece[6]);
+    s.rowOffset = reinterpret_cast<ptrdiff_t *>(piece[7]);
     s.kernel = kernel;
     return s;
 }

@@ -48,6 +48,7 @@ struct Pass {
 // One thread's working memory for a block of pixels.
 struct Scratch {
     float *weights;          // entries x lanes: the bilateral weights of one vector
+    int32_t *stash;          // entries x lanes: a packed vector's bytes, kept for its sums
     int32_t *resultNormal;   // spp x block truncated sums, normal kernel
     int32_t *resultFine;     // likewise, fine kernel
     KernelChoice *choice;    // block kernel choices
@@ -56,7 +57,7 @@ struct Scratch {
     ptrdiff_t *rowOffset;    // the row's entry offsets, normal kernel then fine
     KernelEntry *kernel;     // the thread's kernel buffer for the per-pixel code
 };
-constexpr int SCRATCH_PIECES = 7;  // the pointers of Scratch but the kernel
+constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
 
 // Kernel k of the level addressed for row j: where each entry of the row's
 // pixels lies in the planes, from the window origin of its column 0. A
