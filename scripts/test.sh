@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the test suite in six
+# Installs what is missing, then builds and runs the test suite in seven
 # stages: the ordinary build; its whole-fusion checks again on the plain
 # reference path; the OpenCL level pass on PoCL, its own tests and the
-# whole-fusion checks with every level on the device; AddressSanitizer with UndefinedBehaviorSanitizer and leak
+# whole-fusion checks with every level on the device; an arm64 cross build
+# whose SIMD-against-plain tests run under qemu-user (NEON and SVE);
+# AddressSanitizer with UndefinedBehaviorSanitizer and leak
 # checking, in the build whose allocations can be made to fail one by one;
 # the fuzzers, each for a short fixed time, so that what a harness promises
 # cannot drift from the code unnoticed; ThreadSanitizer (clang, LLVM's OpenMP
@@ -13,7 +15,7 @@
 #   LUMORA_TEST_STAGES="unit asan" bash scripts/test.sh    some of them
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-stages=${LUMORA_TEST_STAGES:-unit plain opencl asan fuzz tsan}
+stages=${LUMORA_TEST_STAGES:-unit plain opencl arm64 asan fuzz tsan}
 jobs=$(nproc)
 timings=()
 
@@ -82,6 +84,10 @@ asan() {
 
 # Each libFuzzer target for LUMORA_FUZZ_SECONDS (30 by default) from its
 # committed seeds; any input that breaks a promise fails the stage.
+arm64() {
+    bash "$root/scripts/test-arm64.sh" --simd
+}
+
 fuzz() {
     bash "$root/scripts/fuzz.sh" "${LUMORA_FUZZ_SECONDS:-30}"
 }
