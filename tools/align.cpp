@@ -375,7 +375,8 @@ constexpr Affine kIdentity{1, 0, 0, 0, 1, 0};
 // The chains of frames, each registered to the one before it, that lead from
 // the reference to every other frame: through the bracket's frames between
 // them where neighbours allow, else straight. Each step is a frame index
-// (below frames.size()) or, past that, one of extra.
+// (below frames.size()) or, past that, one of extra: the frames between, in
+// bracket order, decoded here unless an earlier call left them in extra.
 std::vector<std::vector<int>> chains(const std::vector<Image> &frames, int reference, const Neighbours &neighbours,
                                      std::vector<Image> &extra) {
     std::vector<std::vector<int>> straight;
@@ -397,16 +398,19 @@ std::vector<std::vector<int>> chains(const std::vector<Image> &frames, int refer
     std::vector<int> step(bracket.size(), -1);  // each bracket file's step index
     for (size_t i = 0; i < frames.size(); ++i)
         step[position[i]] = int(i);
+    size_t next = 0;  // the next frame between
     for (int p = from; p <= to; ++p) {
         if (step[p] >= 0)
             continue;
-        Image image;
-        std::string error;
-        if (!readImage(bracket[p], image, error) || image.width != frames[0].width ||
-            image.height != frames[0].height)
-            return straight;
-        step[p] = int(frames.size() + extra.size());
-        extra.push_back(std::move(image));
+        if (next == extra.size()) {
+            Image image;
+            std::string error;
+            if (!readImage(bracket[p], image, error) || image.width != frames[0].width ||
+                image.height != frames[0].height)
+                return straight;
+            extra.push_back(std::move(image));
+        }
+        step[p] = int(frames.size() + next++);
     }
     std::vector<std::vector<int>> result(2);
     for (int p = position[reference] - 1; p >= from; --p)
@@ -419,7 +423,7 @@ std::vector<std::vector<int>> chains(const std::vector<Image> &frames, int refer
 }  // namespace
 
 bool estimateTransforms(const std::vector<Image> &frames, int reference, int maxSide, const Neighbours &neighbours,
-                        AlignSummary &summary) {
+                        AlignSummary &summary, std::vector<Image> *between) {
     summary.reference = reference;
     summary.transforms.assign(frames.size(), kIdentity);
     summary.found.assign(frames.size(), kIdentity);
@@ -431,7 +435,8 @@ bool estimateTransforms(const std::vector<Image> &frames, int reference, int max
         return false;
     }
     const int coarseSide = maxSide > 0 ? std::min(maxSide, kCoarseSide) : kCoarseSide;
-    std::vector<Image> extra;
+    std::vector<Image> own;
+    std::vector<Image> &extra = between != nullptr ? *between : own;
     const auto paths = chains(frames, reference, neighbours, extra);
     auto image = [&](int step) -> const Image & {
         return step < int(frames.size()) ? frames[step] : extra[step - frames.size()];
@@ -598,13 +603,14 @@ double misalignment(const std::vector<Image> &frames, int reference, const Neigh
     // than kMinMove out of line spares it; it asks no more than that, since
     // its judgement of a fit is rougher (it kept the 2 px shift under the
     // waves of a 1078-pixel bracket where the full look keeps it).
-    if (!estimateTransforms(frames, reference, kLookSide, neighbours, summary))
+    std::vector<Image> between;  // decoded once for both passes
+    if (!estimateTransforms(frames, reference, kLookSide, neighbours, summary, &between))
         return 0;
     if (std::max(ref.width, ref.height) > kLookSide) {
         if (std::none_of(summary.found.begin(), summary.found.end(),
                          [&](const Affine &m) { return cornerShift(m, ref.width, ref.height) >= kMinMove; }))
             return 0;
-        if (!estimateTransforms(frames, reference, kFinestSide, neighbours, summary))
+        if (!estimateTransforms(frames, reference, kFinestSide, neighbours, summary, &between))
             return 0;
     }
     double largest = 0;

@@ -66,9 +66,11 @@ struct Neighbours {
 // is used only when it makes the pair agree clearly better than the identity
 // (summary.outcome says which). False, with the index of the first frame that
 // cannot be registered (no detail in common with its neighbour, or fewer than
-// 16 pixels a side) in summary.failed.
+// 16 pixels a side) in summary.failed. between, when given, keeps the
+// bracket's frames between the fused ones, decoded by the first call that
+// needs them, for the next call on the same frames and neighbours.
 bool estimateTransforms(const std::vector<Image> &frames, int reference, int maxSide, const Neighbours &neighbours,
-                        AlignSummary &summary);
+                        AlignSummary &summary, std::vector<Image> *between = nullptr);
 
 // The largest axis-aligned rectangle of the reference grid (width x height)
 // whose every pixel maps inside every frame under its transform (or less than
