@@ -92,8 +92,9 @@ bool alignFrames(std::vector<Image> &frames, int reference, AlignSummary &summar
 // picture.
 std::string alignmentLine(const AlignSummary &summary, const std::vector<std::string> &names, int width, int height);
 
-// The threads the registration and resampling may use (by default one per
-// core).
+// The threads the registration and resampling may use (0: one per core;
+// always one in builds with AddressSanitizer, which cannot fork safely past
+// a busy thread).
 void setAlignmentThreads(int threads);
 
 // A look, by the same registration as alignFrames, at whether aligning

@@ -138,8 +138,7 @@ private:
         order_ = brightnessOrder(frames);
         const int reference = order_[images_.size() / 2];
         const std::string &name = options_.images[reference];
-        if (options_.threads > 0)
-            setAlignmentThreads(options_.threads);
+        setAlignmentThreads(options_.threads);
         const Neighbours neighbours{options_.images, options_.bracket};
         if (!options_.align) {
             const double off = options_.quiet ? 0 : misalignment(images_, reference, neighbours);
