@@ -82,12 +82,14 @@ asan() {
         "-DCMAKE_EXE_LINKER_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=$flags"
 }
 
-# Each libFuzzer target for LUMORA_FUZZ_SECONDS (30 by default) from its
-# committed seeds; any input that breaks a promise fails the stage.
+# The arm64 cross build's SIMD-against-plain tests on small images under
+# qemu-user, each test program run once (scripts/test-arm64.sh).
 arm64() {
     bash "$root/scripts/test-arm64.sh" --simd
 }
 
+# Each libFuzzer target for LUMORA_FUZZ_SECONDS (30 by default) from its
+# committed seeds; any input that breaks a promise fails the stage.
 fuzz() {
     bash "$root/scripts/fuzz.sh" "${LUMORA_FUZZ_SECONDS:-30}"
 }
