@@ -11,6 +11,8 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
 
+#include "fusion_child.h"  // kForkWithOneThread
+
 namespace lumora_fuse {
 namespace {
 
@@ -590,24 +592,9 @@ cv::Mat bitmapDisagreement(const cv::Mat &a, const cv::Mat &b, const cv::Mat &ar
     return ((a > ta) ^ (b > tb)) & counted & (da > kExclusion) & (db > kExclusion);
 }
 
-// The tool forks its fusion after registering. GCC's AddressSanitizer does
-// not hold its allocator's locks across fork, so an OpenCV worker thread
-// still freeing memory at that moment leaves the child's allocator locked
-// for good (the child hung in its first thread's start). Sanitised builds
-// therefore register on the calling thread alone; glibc's malloc is safe
-// across fork, so ordinary builds keep every thread.
-#if defined(__SANITIZE_ADDRESS__)
-#define LUMORA_FORK_NEEDS_ONE_THREAD 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define LUMORA_FORK_NEEDS_ONE_THREAD 1
-#endif
-#endif
-
 void setAlignmentThreads(int threads) {
-#ifdef LUMORA_FORK_NEEDS_ONE_THREAD
-    threads = 1;
-#endif
+    if (kForkWithOneThread)
+        threads = 1;
     cv::setNumThreads(threads > 0 ? threads : -1);  // -1: OpenCV's default, every core
 }
 

@@ -93,8 +93,7 @@ bool alignFrames(std::vector<Image> &frames, int reference, AlignSummary &summar
 std::string alignmentLine(const AlignSummary &summary, const std::vector<std::string> &names, int width, int height);
 
 // The threads the registration and resampling may use (0: one per core;
-// always one in builds with AddressSanitizer, which cannot fork safely past
-// a busy thread).
+// always one where kForkWithOneThread).
 void setAlignmentThreads(int threads);
 
 // A look, by the same registration as alignFrames, at whether aligning

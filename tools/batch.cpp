@@ -17,6 +17,7 @@
 #include "cancel.h"
 #include "console.h"
 #include "fusion_call.h"
+#include "fusion_child.h"
 #include "memory.h"
 #include "run.h"
 
@@ -263,7 +264,8 @@ struct BatchRun {
         if (k + 1 < todo.size()) {
             const Bracket &after = brackets[todo[k + 1]];
             const double pixels = double(after.frames[0].width) * after.frames[0].height;
-            if (memoryHolds(b.frames[0].width, b.frames[0].height, int(one.images.size()), pixels * 3 * 4))
+            if (!kForkWithOneThread &&
+                memoryHolds(b.frames[0].width, b.frames[0].height, int(one.images.size()), pixels * 3 * 4))
                 next = prepareInBackground(after);
         }
         const RunOutcome outcome = fuseBracket(one, std::move(p.images));

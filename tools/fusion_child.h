@@ -17,6 +17,25 @@
 
 namespace lumora_fuse {
 
+// Builds with AddressSanitizer: GCC's runtime does not hold its allocator's
+// locks across fork, so a thread inside malloc or free when the fusion's
+// process is forked leaves that process's allocator locked for good (it hung
+// in its first thread's start). Such builds keep every other thread idle at
+// the fork: the registration runs on one thread, and a batch decodes its next
+// bracket only after the fusion. glibc's malloc holds its locks across fork,
+// so ordinary builds need neither.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kForkWithOneThread = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr bool kForkWithOneThread = true;
+#else
+inline constexpr bool kForkWithOneThread = false;
+#endif
+#else
+inline constexpr bool kForkWithOneThread = false;
+#endif
+
 struct FusionRun {
     const std::vector<const Image *> *exposures = nullptr;  // darkest first
     Loupe region;                                           // the part to fuse (whole picture if not enabled)
