@@ -270,7 +270,7 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
         // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
         dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
         const auto weight =
-            hn::Mul(hn::Set(df, k.factor[e]), RangeWeight(table, hn::ConvertTo(di, dist)));
+            hn::Mul(hn::Set(df, k.factor[e]), RangeWeight(table, TruncateInRange(dist)));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -304,7 +304,7 @@ HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const Kerne
         }
         const auto spatial = hn::Set(df, k.factor[e]);
         const auto bright = hn::Add(spatial, s0);
-        const auto index = hn::ConvertTo(di, hn::Abs(hn::Sub(bright, centreBright)));
+        const auto index = TruncateInRange(hn::Abs(hn::Sub(bright, centreBright)));
         const auto weight = hn::Mul(spatial, RangeWeight(table, index));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);

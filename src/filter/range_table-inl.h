@@ -109,6 +109,22 @@ HWY_INLINE hn::Vec<DF> LookupInRegisters(const RangeTable &t, hn::Vec<DI> idx) {
 }
 #endif
 
+// (int) v for lanes known to lie within int32's range, as a range-table
+// index always does. On x86, Highway's ConvertTo also mends lanes that
+// overflow: four more instructions between each entry's distance and its
+// table read, which x86's truncating conversion alone does not need.
+HWY_INLINE hn::Vec<DI> TruncateInRange(hn::Vec<DF> v) {
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+    return hn::Vec<DI>{_mm512_cvttps_epi32(v.raw)};
+#elif HWY_TARGET == HWY_AVX2
+    return hn::Vec<DI>{_mm256_cvttps_epi32(v.raw)};
+#elif HWY_TARGET == HWY_SSE4 || HWY_TARGET == HWY_SSSE3
+    return hn::Vec<DI>{_mm_cvttps_epi32(v.raw)};
+#else
+    return hn::ConvertTo(DI(), v);
+#endif
+}
+
 // lut[idx] in every lane, for the indices of both kinds of level: a colour
 // level's are clamped below EXP_LUT_ENTRIES, a one-sample level's are a
 // brightness difference, at most 256 for 8-bit samples. Far-apart pixels of
