@@ -233,7 +233,6 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
     const DF df;
     const DI di;
     const size_t N = hn::Lanes(df);
-    const auto limit = hn::Set(df, (float)EXP_LUT_ENTRIES);
     const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
     LaneStarts starts;
     if constexpr (PACKED) hn::StoreU(quads, di, starts.at);
@@ -267,8 +266,10 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
         const auto dB = hn::Sub(B, cB);
         // No fused multiply-add: each square is rounded, L and A first.
         auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
-        // Past the table: its last entry, EXP_LUT_ENTRIES - 1.
-        dist = hn::IfThenElse(hn::Ge(dist, limit), lastEntry, dist);
+        // Past the table (EXP_LUT_ENTRIES or more): its last entry. As a
+        // minimum, one instruction: a distance between the last entry and
+        // the table's end truncates to the last entry all the same.
+        dist = hn::Min(dist, lastEntry);
         const auto weight =
             hn::Mul(hn::Set(df, k.factor[e]), RangeWeight(table, TruncateInRange(dist)));
         hn::StoreU(weight, df, w + e * N);
