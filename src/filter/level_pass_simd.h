@@ -47,7 +47,7 @@ struct Pass {
 
 // One thread's working memory for a block of pixels.
 struct Scratch {
-    float *weights;          // entries x lanes: the bilateral weights of one vector
+    float *weights;          // entries x vectors at once x lanes: their bilateral weights
     int32_t *stash;          // entries x lanes: a packed vector's bytes, kept for its sums
     int32_t *resultNormal;   // spp x block truncated sums, normal kernel
     int32_t *resultFine;     // likewise, fine kernel
@@ -57,6 +57,12 @@ struct Scratch {
     ptrdiff_t *rowOffset;    // the row's entry offsets, normal kernel then fine
     KernelEntry *kernel;     // the thread's kernel buffer for the per-pixel code
 };
+// Neighbouring vectors of unpacked lanes a filtered level's kernels work out
+// together: two for colour levels, four for one-sample levels (AVX2, AMD
+// EPYC, 12 MP level pass benchmark and whole fusions: four colour vectors
+// run out of registers; four one-sample vectors beat two by about a tenth).
+constexpr int vectorsAtOnce(int spp) { return spp == 3 ? 2 : 4; }
+constexpr int MAX_VECTORS_AT_ONCE = 4;
 constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
 
 // Kernel k of the level addressed for row j: where each entry of the row's
