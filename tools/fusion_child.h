@@ -43,6 +43,7 @@ struct FusionRun {
     int threads = 1;
     int depth = 8;
     int device = -1;                // lumora_use_device's argument, applied in the fusing process
+                                    // (fuseInChild settles auto once first, in a process of its own)
     bool captureCommentary = true;  // keep the library's commentary off the terminal
     ProgressBar *bar = nullptr;     // drawn by the fusion process, if given
     // fuseHere only: called with the fraction done, may set *cancel.

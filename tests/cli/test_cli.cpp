@@ -392,7 +392,8 @@ TEST_F(Cli, BatchFusesEveryBracketOfAFolderReportsFailuresAndResumes) {
 }
 
 // Every --device gives the same bytes and --verbose names what fused: the
-// CPU in place of a device that is missing; --list-devices lists them.
+// CPU in place of a device that is missing, auto's choice; --list-devices
+// lists them.
 TEST_F(Cli, DeviceChoiceKeepsTheBytesAndIsNamed) {
     writeBracket({"a.png", "b.png", "c.png"});
     ASSERT_EQ(run("-q --device cpu @a.png @b.png -o @cpu.png").status, 0);
@@ -401,6 +402,13 @@ TEST_F(Cli, DeviceChoiceKeepsTheBytesAndIsNamed) {
     EXPECT_TRUE(slurp(at("missing.png")) == slurp(at("cpu.png")));
     const ToolRun list = run("--list-devices");
     EXPECT_EQ(list.status, 0);
+    // auto, settled before the fusing process starts: the CPU or a listed device.
+    r = run("-v --device auto @a.png @b.png -o @auto.png");
+    const size_t on = r.err.find("lumora-fuse: fused on ");
+    ASSERT_NE(on, std::string::npos) << r.err;
+    const std::string autoName = r.err.substr(on + 22, r.err.find('\n', on) - on - 22);
+    EXPECT_TRUE(autoName == "CPU" || list.out.find("  " + autoName + "\n") != std::string::npos) << r.err;
+    EXPECT_TRUE(slurp(at("auto.png")) == slurp(at("cpu.png")));
     if (list.out.rfind("opencl:0  ", 0) != 0) {
         EXPECT_EQ(list.out, "no OpenCL device: the CPU fuses\n");
         return;
