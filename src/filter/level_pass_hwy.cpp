@@ -138,8 +138,9 @@ void RangeLookup(const float *lut, const int32_t *idx, size_t count, float *out)
 // normalised weights and the convolution sums, also in registers. Every lane
 // still runs its own pixel's entries in kernel order.
 
-// Reads of the entry planes two vectors ahead of the current one, and of
-// the byte planes one cache line ahead every 64 pixels: the wide kernels'
+// Reads of the entry planes two vectors (or runs of vectors) ahead of the
+// current one, and of the byte planes one cache line ahead every 64
+// pixels: the wide kernels'
 // entries are rows apart, beyond the hardware prefetcher's reach. Into the
 // second-level cache only: two vectors of a wide kernel's entries are more
 // lines than the first-level cache holds (fetched into the first level, the
