@@ -50,25 +50,43 @@ FusionJob jobOf(const FusionRun &run, ProgressCallback progress) {
     return job;
 }
 
-// Runs in the fusion process, with SIGINT and SIGTERM blocked until its own
-// handlers are in place: the tool's would remove its output file.
-int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
-    setSignalHandler(SIGINT, onChildCancelSignal);
-    setSignalHandler(SIGTERM, onChildCancelSignal);
+// SIGINT and SIGTERM blocked, as a fork from the tool needs them until
+// startForked has run; mask receives the mask before.
+void blockCancelSignals(sigset_t &mask) {
+    sigset_t cancelSignals;
+    sigemptyset(&cancelSignals);
+    sigaddset(&cancelSignals, SIGINT);
+    sigaddset(&cancelSignals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &cancelSignals, &mask);
+}
+
+// The start of a process forked from the tool (parent) with the cancel
+// signals blocked: the tool's handlers would remove its output file, so
+// SIGINT and SIGTERM get onCancel and the fatal signals their default
+// before mask comes back. False when the tool has gone already.
+bool startForked(pid_t parent, const sigset_t &mask, void (*onCancel)(int), bool captureCommentary) {
+    setSignalHandler(SIGINT, onCancel);
+    setSignalHandler(SIGTERM, onCancel);
     for (int sig : kFatalSignals)
         setSignalHandler(sig, SIG_DFL);
-    // A tool killed outright cannot stop its fusion, which would go on using
-    // every core for a result no one reads: the kernel kills it instead. The
-    // tool may have died before the request was made; then the fusion has
-    // been handed to another parent already.
+    // A tool killed outright cannot stop this process, which would go on
+    // using every core for a result no one reads: the kernel kills it
+    // instead. The tool may have died before the request was made; then
+    // the process has been handed to another parent already.
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
-        return kChildIncomplete;
+        return false;
     sigprocmask(SIG_SETMASK, &mask, nullptr);
     // Every library call writes its commentary on the standard error stream;
     // a normal run keeps it in the memory file instead.
-    if (run.captureCommentary && gCaptureFd >= 0)
+    if (captureCommentary && gCaptureFd >= 0)
         dup2(gCaptureFd, STDERR_FILENO);
+    return true;
+}
 
+// Runs in the fusion process.
+int childMain(const FusionRun &run, unsigned char *out, pid_t parent, const sigset_t &mask) {
+    if (!startForked(parent, mask, onChildCancelSignal, run.captureCommentary))
+        return kChildIncomplete;
     FusionJob job = jobOf(run, onChildProgress);
     job.releaseExposures = true;  // this process's copies: a fork's, read once
     gChildBar = run.bar;
@@ -200,11 +218,11 @@ namespace {
 // --device auto, settled once for the tool's run in a process of its own:
 // loading OpenCL costs a process its runtimes' start even where auto takes
 // none of their devices (PoCL, which auto passes over as a CPU, maps and
-// touches its compiler: 62 MiB and 0.6 s on the 512x384 sample). The
-// fusing processes then load OpenCL only for the device auto chose, which
-// they check again on its first use as every process does. Signals are
-// blocked while the probe forks; it dies with the tool, and a failed probe
-// leaves auto to the fusing process as before.
+// touches its compiler: 62 MiB on the 512x384 sample). The fusing
+// processes then load OpenCL only for the device auto chose, which they
+// check again on its first use as every process does. The probe starts as
+// the fusion process does and dies with the tool; a failed probe leaves
+// auto to the fusing process as before.
 int autoDevice(bool captureCommentary) {
     static int chosen = LUMORA_DEVICE_AUTO;
     static bool settled = false;
@@ -216,20 +234,14 @@ int autoDevice(bool captureCommentary) {
         return chosen;
     fflush(stdout);
     fflush(stderr);
-    sigset_t all, mask;
-    sigfillset(&all);
-    sigprocmask(SIG_BLOCK, &all, &mask);
+    sigset_t mask;
+    blockCancelSignals(mask);
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
         close(fds[0]);
-        for (int sig : {SIGINT, SIGTERM})
-            setSignalHandler(sig, SIG_DFL);
-        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)
+        if (!startForked(parent, mask, SIG_DFL, captureCommentary))
             _exit(1);
-        sigprocmask(SIG_SETMASK, &mask, nullptr);
-        if (captureCommentary && gCaptureFd >= 0)
-            dup2(gCaptureFd, STDERR_FILENO);
         const int device = lumora_use_device(LUMORA_DEVICE_AUTO);
         _exit(write(fds[1], &device, sizeof device) == ssize_t(sizeof device) ? 0 : 1);
     }
@@ -260,11 +272,8 @@ FusionResult fuseInChild(const FusionRun &asked, SharedBuffer &out, std::string 
         run.device = autoDevice(run.captureCommentary);
     fflush(stdout);
     fflush(stderr);
-    sigset_t cancelSignals, mask;
-    sigemptyset(&cancelSignals);
-    sigaddset(&cancelSignals, SIGINT);
-    sigaddset(&cancelSignals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &cancelSignals, &mask);
+    sigset_t mask;
+    blockCancelSignals(mask);
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0)
