@@ -226,6 +226,40 @@ HWY_INLINE void Samples(const LaneSource<SPP, PACKED> &src, ptrdiff_t o, hn::Vec
     }
 }
 
+// The per-pixel arithmetic of one entry, shared by the one-vector and the
+// run paths so that both keep its operations in the same order.
+
+// A colour entry's range-table index: the squared CIELab distance, each
+// square rounded (no fused multiply-add), L and A summed first; past the
+// table (EXP_LUT_ENTRIES or more) its last entry. As a minimum, one
+// instruction: a distance between the last entry and the table's end
+// truncates to the last entry all the same.
+HWY_INLINE hn::Vec<DI> ColourIndex(hn::Vec<DF> L, hn::Vec<DF> A, hn::Vec<DF> B, hn::Vec<DF> cL,
+                                   hn::Vec<DF> cA, hn::Vec<DF> cB) {
+    const DF df;
+    const auto dL = hn::Sub(L, cL), dA = hn::Sub(A, cA), dB = hn::Sub(B, cB);
+    const auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
+    return TruncateInRange(hn::Min(dist, hn::Set(df, (float)(EXP_LUT_ENTRIES - 1))));
+}
+
+// A one-sample entry's: the brightness difference, unclamped.
+HWY_INLINE hn::Vec<DI> GreyIndex(hn::Vec<DF> bright, hn::Vec<DF> centreBright) {
+    return TruncateInRange(hn::Abs(hn::Sub(bright, centreBright)));
+}
+
+// Whether a vector's weights are divided by their sum: wherever its
+// truncation is non-zero (the per-pixel test |(int)sum| > 1e-5, i.e.
+// |sum| >= 1).
+HWY_INLINE hn::Mask<DF> Divides(hn::Vec<DF> sum) {
+    const DF df;
+    return hn::Ge(hn::Abs(sum), hn::Set(df, 1.0f));
+}
+
+// A weight as the convolution uses it.
+HWY_INLINE hn::Vec<DF> Normalised(hn::Vec<DF> weight, hn::Vec<DF> sum, hn::Mask<DF> divide) {
+    return hn::IfThenElse(divide, hn::Div(weight, sum), weight);
+}
+
 // The bilateral weights of a colour vector's entries into w (one vector per
 // entry), returning their sum. A packed vector's bytes at each entry go
 // into stash, so that its sums read them without a second gather.
@@ -236,7 +270,6 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
     const DF df;
     const DI di;
     const size_t N = hn::Lanes(df);
-    const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
     LaneStarts starts;
     if constexpr (PACKED) hn::StoreU(quads, di, starts.at);
     hn::Vec<DF> L, A, B;
@@ -264,17 +297,8 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
         }
         read(o);
         if constexpr (PACKED) hn::StoreU(bytes, di, stash + e * N);
-        const auto dL = hn::Sub(L, cL);
-        const auto dA = hn::Sub(A, cA);
-        const auto dB = hn::Sub(B, cB);
-        // No fused multiply-add: each square is rounded, L and A first.
-        auto dist = hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
-        // Past the table (EXP_LUT_ENTRIES or more): its last entry. As a
-        // minimum, one instruction: a distance between the last entry and
-        // the table's end truncates to the last entry all the same.
-        dist = hn::Min(dist, lastEntry);
-        const auto weight =
-            hn::Mul(hn::Set(df, k.factor[e]), RangeWeight(table, TruncateInRange(dist)));
+        const auto weight = hn::Mul(hn::Set(df, k.factor[e]),
+                                    RangeWeight(table, ColourIndex(L, A, B, cL, cA, cB)));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -308,8 +332,7 @@ HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const Kerne
         }
         const auto spatial = hn::Set(df, k.factor[e]);
         const auto bright = hn::Add(spatial, s0);
-        const auto index = TruncateInRange(hn::Abs(hn::Sub(bright, centreBright)));
-        const auto weight = hn::Mul(spatial, RangeWeight(table, index));
+        const auto weight = hn::Mul(spatial, RangeWeight(table, GreyIndex(bright, centreBright)));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -317,10 +340,8 @@ HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const Kerne
 }
 
 // The convolution sums of one vector, entry by entry: with the kernel's own
-// weights (gauss), or with the weights in w divided by their sum wherever
-// its truncation is non-zero (the per-pixel test |(int)sum| > 1e-5, i.e.
-// |sum| >= 1). A packed vector's samples are the bytes its weights pass
-// stashed.
+// weights (gauss), or with the weights in w as Normalised makes them. A
+// packed vector's samples are the bytes its weights pass stashed.
 template <int SPP, bool PACKED>
 HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const KernelPlan &k,
                                 hn::Vec<DI> lanes, bool gauss, const float *HWY_RESTRICT w,
@@ -345,14 +366,13 @@ HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const Kernel
             return;
         }
     }
-    const auto divide = hn::Ge(hn::Abs(sum), hn::Set(df, 1.0f));
+    const auto divide = Divides(sum);
     for (int e = 0; e < k.n; e++) {
         if constexpr (PACKED)
             SamplesOf<SPP>(hn::LoadU(DI(), stash + e * N), s0, s1, s2);
         else
             Samples(src, k.offset[e], lanes, s0, s1, s2);
-        const auto weight = hn::LoadU(df, w + e * N);
-        accumulate(hn::IfThenElse(divide, hn::Div(weight, sum), weight));
+        accumulate(Normalised(hn::LoadU(df, w + e * N), sum, divide));
     }
 }
 
@@ -387,7 +407,6 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
     Each<V>([&](size_t u) { sum[u] = hn::Zero(df); });
     const ptrdiff_t c = k.offset[k.centre] + x;
     if constexpr (SPP == 3) {
-        const auto lastEntry = hn::Set(df, (float)(EXP_LUT_ENTRIES - 1));
         Each<V>([&](size_t u) {
             c0[u] = hn::LoadU(df, src.L + c + u * N);
             c1[u] = hn::LoadU(df, src.A + c + u * N);
@@ -400,13 +419,10 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
             PrefetchAhead(src.Bp + o + 2 * V * N);
             const auto spatial = hn::Set(df, k.factor[e]);
             Each<V>([&](size_t u) {
-                const auto dL = hn::Sub(hn::LoadU(df, src.L + o + u * N), c0[u]);
-                const auto dA = hn::Sub(hn::LoadU(df, src.A + o + u * N), c1[u]);
-                const auto dB = hn::Sub(hn::LoadU(df, src.Bp + o + u * N), c2[u]);
-                const auto dist =
-                    hn::Add(hn::Add(hn::Mul(dL, dL), hn::Mul(dA, dA)), hn::Mul(dB, dB));
-                const auto weight = hn::Mul(
-                    spatial, RangeWeight(table, TruncateInRange(hn::Min(dist, lastEntry))));
+                const auto index =
+                    ColourIndex(hn::LoadU(df, src.L + o + u * N), hn::LoadU(df, src.A + o + u * N),
+                                hn::LoadU(df, src.Bp + o + u * N), c0[u], c1[u], c2[u]);
+                const auto weight = hn::Mul(spatial, RangeWeight(table, index));
                 hn::StoreU(weight, df, w + (V * e + u) * N);
                 sum[u] = hn::Add(sum[u], weight);
             });
@@ -420,8 +436,7 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
             const auto spatial = hn::Set(df, k.factor[e]);
             Each<V>([&](size_t u) {
                 const auto bright = hn::Add(spatial, LoadSamples(src.S0 + o + u * N));
-                const auto index = TruncateInRange(hn::Abs(hn::Sub(bright, c0[u])));
-                const auto weight = hn::Mul(spatial, RangeWeight(table, index));
+                const auto weight = hn::Mul(spatial, RangeWeight(table, GreyIndex(bright, c0[u])));
                 hn::StoreU(weight, df, w + (V * e + u) * N);
                 sum[u] = hn::Add(sum[u], weight);
             });
@@ -429,21 +444,20 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
     }
     hn::Mask<DF> divide[V];
     Each<V>([&](size_t u) {
-        divide[u] = hn::Ge(hn::Abs(sum[u]), hn::Set(df, 1.0f));
+        divide[u] = Divides(sum[u]);
         c0[u] = c1[u] = c2[u] = hn::Zero(df);  // now the sums of the samples
     });
     for (int e = 0; e < k.n; e++) {
         const ptrdiff_t o = k.offset[e] + x;
-        if (src.lineStart) {
-            PrefetchAhead(src.S0 + o + 64);
-            if constexpr (SPP == 3) {
+        if constexpr (SPP == 3) {  // a one-sample run's weights pass fetched its line
+            if (src.lineStart) {
+                PrefetchAhead(src.S0 + o + 64);
                 PrefetchAhead(src.S1 + o + 64);
                 PrefetchAhead(src.S2 + o + 64);
             }
         }
         Each<V>([&](size_t u) {
-            const auto weight = hn::LoadU(df, w + (V * e + u) * N);
-            const auto n = hn::IfThenElse(divide[u], hn::Div(weight, sum[u]), weight);
+            const auto n = Normalised(hn::LoadU(df, w + (V * e + u) * N), sum[u], divide[u]);
             c0[u] = hn::Add(c0[u], hn::Mul(LoadSamples(src.S0 + o + u * N), n));
             if constexpr (SPP == 3) {
                 c1[u] = hn::Add(c1[u], hn::Mul(LoadSamples(src.S1 + o + u * N), n));

@@ -161,11 +161,11 @@ Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
     l.vectors = BLOCK_VECTORS;
     const size_t block = l.vectors * lanes;
     // Per thread, each piece rounded up to 64 bytes: the weights of the
-    // vectors filtered at once and a vector's stashed bytes, two result blocks, choices, the two need lists,
-    // a row of packed columns (padded to whole vectors) and the row's entry
-    // offsets.
+    // vectors filtered at once and a vector's stashed bytes, two result
+    // blocks, choices, the two need lists, a row of packed columns (padded to
+    // whole vectors) and the row's entry offsets.
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
-    const size_t sizes[SCRATCH_PIECES] = {nMax * MAX_VECTORS_AT_ONCE * lanes * sizeof(float),
+    const size_t sizes[SCRATCH_PIECES] = {nMax * (size_t)vectorsAtOnce(a.spp) * lanes * sizeof(float),
                                           nMax * lanes * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),

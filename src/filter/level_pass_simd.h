@@ -62,7 +62,6 @@ struct Scratch {
 // EPYC, 12 MP level pass benchmark and whole fusions: four colour vectors
 // run out of registers; four one-sample vectors beat two by about a tenth).
 constexpr int vectorsAtOnce(int spp) { return spp == 3 ? 2 : 4; }
-constexpr int MAX_VECTORS_AT_ONCE = 4;
 constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
 
 // Kernel k of the level addressed for row j: where each entry of the row's
