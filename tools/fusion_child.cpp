@@ -50,14 +50,20 @@ FusionJob jobOf(const FusionRun &run, ProgressCallback progress) {
     return job;
 }
 
-// SIGINT and SIGTERM blocked, as a fork from the tool needs them until
-// startForked has run; mask receives the mask before.
-void blockCancelSignals(sigset_t &mask) {
+// fork() from the tool, with its output streams flushed and SIGINT and
+// SIGTERM blocked until the new process has run startForked; mask receives
+// the mask from before (the tool restores it after the fork), parent the
+// tool's process.
+pid_t forkFromTool(sigset_t &mask, pid_t &parent) {
+    fflush(stdout);
+    fflush(stderr);
     sigset_t cancelSignals;
     sigemptyset(&cancelSignals);
     sigaddset(&cancelSignals, SIGINT);
     sigaddset(&cancelSignals, SIGTERM);
     sigprocmask(SIG_BLOCK, &cancelSignals, &mask);
+    parent = getpid();
+    return fork();
 }
 
 // The start of a process forked from the tool (parent) with the cancel
@@ -232,12 +238,9 @@ int autoDevice(bool captureCommentary) {
     int fds[2];
     if (pipe(fds) != 0)
         return chosen;
-    fflush(stdout);
-    fflush(stderr);
     sigset_t mask;
-    blockCancelSignals(mask);
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
+    pid_t parent;
+    const pid_t pid = forkFromTool(mask, parent);
     if (pid == 0) {
         close(fds[0]);
         if (!startForked(parent, mask, SIG_DFL, captureCommentary))
@@ -270,12 +273,9 @@ FusionResult fuseInChild(const FusionRun &asked, SharedBuffer &out, std::string 
     FusionRun run = asked;
     if (run.device == LUMORA_DEVICE_AUTO)
         run.device = autoDevice(run.captureCommentary);
-    fflush(stdout);
-    fflush(stderr);
     sigset_t mask;
-    blockCancelSignals(mask);
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
+    pid_t parent;
+    const pid_t pid = forkFromTool(mask, parent);
     if (pid == 0)
         _exit(childMain(run, out.data, parent, mask));
     const int forkErrno = errno;
