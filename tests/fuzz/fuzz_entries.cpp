@@ -135,7 +135,9 @@ std::string fuzzOptions(const uint8_t *data, size_t size) {
     if (status == kContinue)
         return checkAccepted(options);
     if (status == 0)
-        return message == helpText() || message == versionText() ? "" : "--help or --version printed: " + message;
+        return message == helpText() || message == versionText() || message == deviceListText()
+                   ? ""
+                   : "--help, --version or --list-devices printed: " + message;
     if (status != 2 || message.empty() || message.find('\n') != std::string::npos)
         return "usage error " + std::to_string(status) + " without a one-line message: '" + message + "'";
     return "";
