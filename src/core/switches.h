@@ -25,12 +25,14 @@ namespace device {
 // The OpenCL level pass: rows per launch (0 chooses by size), a value added
 // to every byte the device writes (its check must then refuse it), the
 // launch, counted down from when it is set, that fails as an OpenCL error
-// would (0: none), and the division through double that a device without
+// would (0: none), the rand() calls each launch makes as a driver might, and
+// the division through double that a device without
 // correctly rounded division gets, on a device that has doubles (applied
 // when a device is next checked).
 extern int bandRows;
 extern int perturbBytes;
 extern int failAtLaunch;
+extern int driverDraws;
 extern bool divideInDouble;
 }  // namespace device
 // Calls of getProposedLevelFactorImpl since process start.

@@ -5,9 +5,11 @@
 #include "filter/level_pass_device.h"
 
 #include <algorithm>
+#include <cfenv>
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <new>
 
@@ -27,6 +29,7 @@ namespace device {
 int bandRows = 0;
 int perturbBytes = 0;
 int failAtLaunch = 0;
+int driverDraws = 0;
 bool divideInDouble = false;
 
 void referenceRows(const LevelPassArgs &a) {
@@ -117,23 +120,39 @@ const char kKernelSource[] =
 #include "level_pass_cl.inc"
     ;
 
-// An OpenCL runtime may install handlers for most signals as it starts or
-// compiles (PoCL's LLVM does: SIGINT, SIGTERM, SIGABRT, SIGSEGV...); the
-// host's stay as they were around every call into it.
-class KeepSignalHandlers {
+// What an OpenCL runtime may change in the calling thread, kept as it was
+// around every call into it:
+// - signal handlers: PoCL's LLVM installs its own for most signals as it
+//   starts or compiles (SIGINT, SIGTERM, SIGABRT, SIGSEGV...);
+// - the floating-point environment (rounding, flushing of subnormals);
+// - the C library's rand() sequence, from which the fusion draws its
+//   kernels' jitter. NVIDIA's OpenCL driver (580, an H100) draws from it in
+//   a process's first device calls: the levels drawn after them got other
+//   kernels, and the first fusion on the device other bytes than the CPU's.
+//   A driver's draws inside our calls go to a scratch state of their own
+//   (glibc's rand() is random(), whose state setstate swaps), and the
+//   fusion's sequence resumes where it stood.
+class KeepHostState {
 public:
-    KeepSignalHandlers() {
+    KeepHostState() {
         for (int s = 1; s < NSIG; s++) sigaction(s, nullptr, &saved_[s]);
+        fegetenv(&environment_);
+        randState_ = initstate(1, scratch_, sizeof scratch_);
     }
-    ~KeepSignalHandlers() {
+    ~KeepHostState() {
+        setstate(randState_);
+        fesetenv(&environment_);
         for (int s = 1; s < NSIG; s++)
             if (s != SIGKILL && s != SIGSTOP) sigaction(s, &saved_[s], nullptr);
     }
-    KeepSignalHandlers(const KeepSignalHandlers &) = delete;
-    KeepSignalHandlers &operator=(const KeepSignalHandlers &) = delete;
+    KeepHostState(const KeepHostState &) = delete;
+    KeepHostState &operator=(const KeepHostState &) = delete;
 
 private:
     struct sigaction saved_[NSIG];
+    fenv_t environment_;
+    char scratch_[128];
+    char *randState_;
 };
 
 std::vector<cl_device_id> allDevices() {
@@ -374,6 +393,7 @@ void runRows(DeviceState &s, const LevelPassArgs &a, int nbProc) {
         check(clSetKernelArg(k, bandArgs + 1, sizeof rows, &rows), "clSetKernelArg");
         const size_t global[2] = {(a.iMax + local[0] - 1) / local[0] * local[0],
                                   (rows + local[1] - 1) / local[1] * local[1]};
+        for (int d = 0; d < driverDraws; d++) (void)std::rand();
         if (failAtLaunch > 0 && --failAtLaunch == 0)
             throw ClError{"clEnqueueNDRangeKernel", CL_OUT_OF_RESOURCES};
         check(clEnqueueNDRangeKernel(s.queue, k, 2, nullptr, global, shaped ? local : nullptr, 0,
@@ -473,7 +493,7 @@ DeviceState *usableDevice() {
     DeviceState &s = states[chosen];
     if (s.failed || s.check == DeviceState::Check::Refused) return nullptr;
     if (s.check == DeviceState::Check::NotYet) {
-        KeepSignalHandlers keep;
+        KeepHostState keep;
         try {
             build(s);
             const bool same = checkDevice(s);
@@ -498,7 +518,7 @@ DeviceState *usableDevice() {
 
 void enumerate() {
     if (!states.empty()) return;
-    KeepSignalHandlers keep;
+    KeepHostState keep;
     for (cl_device_id id : allDevices()) {
         states.emplace_back();
         states.back().id = id;
@@ -521,6 +541,7 @@ bool deviceIsCpu(int index) {
     enumerate();
     if (index < 0 || index >= (int)states.size()) return false;
     cl_device_type type = 0;
+    KeepHostState keep;
     clGetDeviceInfo(states[index].id, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
     return (type & CL_DEVICE_TYPE_CPU) != 0;
 }
@@ -565,7 +586,7 @@ bool levelRows(const LevelPassArgs &a, int nbProc) {
     if (cancelled) return true;
     DeviceState *s = usableDevice();
     if (s == nullptr) return false;
-    KeepSignalHandlers keep;
+    KeepHostState keep;
     try {
         runRows(*s, a, nbProc);
     } catch (const std::bad_alloc &) {
