@@ -376,7 +376,21 @@ HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const Kernel
     }
 }
 
-#if !HWY_HAVE_SCALABLE
+// Runs of neighbouring vectors (FilterNeighbours) on the fixed-width targets
+// but AVX-512. Scalable vectors (SVE) cannot be held in arrays. On AVX-512
+// (Intel Xeon, Sapphire Rapids class, one thread, 12 MP level pass
+// benchmark, ns per pixel-entry) runs took twice as long as single vectors:
+// colour level 1 1.43-1.59 against 0.78-0.81, level 2 3.5-4.0 against
+// 1.3-1.8, colour map 4.1-4.7 against 2.6-3.1, one-sample 0.95-1.02 against
+// 0.64; sixteen-lane runs of 32 and 64 pixels spill far more than AVX2's.
+#undef LUMORA_RUNS_OF_VECTORS
+#if HWY_HAVE_SCALABLE || HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+#define LUMORA_RUNS_OF_VECTORS 0
+#else
+#define LUMORA_RUNS_OF_VECTORS 1
+#endif
+
+#if LUMORA_RUNS_OF_VECTORS
 // Runs f(u) for u = 0 .. V - 1, written out.
 template <size_t V, class F>
 HWY_INLINE void Each(F &&f) {
@@ -473,7 +487,7 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
         }
     });
 }
-#endif  // !HWY_HAVE_SCALABLE (scalable vectors cannot be held in arrays)
+#endif  // LUMORA_RUNS_OF_VECTORS
 
 // The nv vectors of a block from column `base` of a row, with kernel k
 // addressed for that row, that `need` marks (null: all): their truncated
@@ -501,7 +515,7 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
         if (need != nullptr && !need[v]) continue;
         src.x = x;
         src.lineStart = !PACKED && x % 64 == 0;
-#if !HWY_HAVE_SCALABLE
+#if LUMORA_RUNS_OF_VECTORS
         if constexpr (!PACKED) {
             // Filtered vectors in runs of V where all V are needed.
             constexpr size_t V = vectorsAtOnce(SPP);

@@ -61,6 +61,7 @@ struct Scratch {
 // together: two for colour levels, four for one-sample levels (AVX2, AMD
 // EPYC, 12 MP level pass benchmark and whole fusions: four colour vectors
 // run out of registers; four one-sample vectors beat two by about a tenth).
+// AVX-512 and SVE go one vector at a time (level_pass_hwy.cpp).
 constexpr int vectorsAtOnce(int spp) { return spp == 3 ? 2 : 4; }
 constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
 
