@@ -378,7 +378,7 @@ HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const Kernel
 
 // Runs of neighbouring vectors (FilterNeighbours) on the fixed-width targets
 // but AVX-512. Scalable vectors (SVE) cannot be held in arrays. On AVX-512
-// (Intel Xeon, Sapphire Rapids class, one thread, 12 MP level pass
+// (Intel Xeon, Sapphire Rapids or later, one thread, 12 MP level pass
 // benchmark, ns per pixel-entry) runs took twice as long as single vectors:
 // colour level 1 1.43-1.59 against 0.78-0.81, level 2 3.5-4.0 against
 // 1.3-1.8, colour map 4.1-4.7 against 2.6-3.1, one-sample 0.95-1.02 against

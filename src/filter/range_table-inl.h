@@ -26,7 +26,7 @@ using DI = hn::RebindToSigned<DF>;
 // Every read is a gather, on every instruction set: it measured best
 // wherever it was set against another strategy, one thread, the 12 MP level
 // pass benchmark, ns per pixel-entry:
-// - AVX-512, Intel Xeon (Sapphire Rapids class): the table's first 257
+// - AVX-512, Intel Xeon (Sapphire Rapids or later): the table's first 257
 //   entries held in 16 registers and read by two-table permutes where every
 //   lane's index is covered, before the gather, gave colour level 2 1.80
 //   against 1.31, colour map 3.11 against 2.63, level 1 alike (vectors
