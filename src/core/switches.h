@@ -25,7 +25,8 @@ namespace device {
 // The OpenCL level pass: rows per launch (0 chooses by size), a value added
 // to every byte the device writes (its check must then refuse it), the
 // launch, counted down from when it is set, that fails as an OpenCL error
-// would (0: none), the rand() calls each launch makes as a driver might, and
+// would (0: none), the rand() calls each launch makes as a driver might, the
+// input's layout on the device (0 by device, 1 band by band, 2 whole), and
 // the division through double that a device without
 // correctly rounded division gets, on a device that has doubles (applied
 // when a device is next checked).
@@ -33,6 +34,7 @@ extern int bandRows;
 extern int perturbBytes;
 extern int failAtLaunch;
 extern int driverDraws;
+extern int inputLayout;
 extern bool divideInDouble;
 }  // namespace device
 // Calls of getProposedLevelFactorImpl since process start.

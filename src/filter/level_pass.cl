@@ -39,14 +39,14 @@ float rangeWeight(int spp, __global const float *lab, __global const uchar *img,
 }
 
 // Rows [j0, j0 + rows) of the level into out (the band's rows only).
-// img: the bordered input from row j0 on (the rows the band's windows
-// reach), ers samples a row, pixel (i, j)'s window top-left at
-// (j - j0) * ers + i * spp; lab: three floats per bordered pixel of the same
-// rows (colour only); entries: (x, y) offsets of normal then fine kernel, factors
+// img: the bordered input from its row inputRow0 on (0: the whole input;
+// j0: the rows the band's windows reach), ers samples a row, pixel (i, j)'s
+// window top-left at (j - inputRow0) * ers + i * spp; lab: three floats per
+// bordered pixel of the same rows (colour only); entries: (x, y) offsets of normal then fine kernel, factors
 // beside them; period: per bright value, -1 copy, 0 normal, p > 0 fine where
 // (i + j) % p == 0; gaussOnly: the normal kernel's weights as they are.
 __kernel void levelRows(__global const uchar *img, __global const float *lab, int ers, int spp,
-                        int iMax, int j0, int rows, __global const int2 *pos,
+                        int iMax, int j0, int rows, int inputRow0, __global const int2 *pos,
                         __global const float *factor, int numNormal, int numFine,
                         __global const float *lut, __global const uchar *map,
                         __constant int *period, int useMap, int gaussOnly, int copyOffset,
@@ -55,8 +55,8 @@ __kernel void levelRows(__global const uchar *img, __global const float *lab, in
     const int j = j0 + get_global_id(1);
     if (i >= iMax || j >= j0 + rows) return;
     const int labWidth = ers / spp;
-    const int window = (j - j0) * ers + i * spp;
-    const int labWindow = (j - j0) * labWidth + i;
+    const int window = (j - inputRow0) * ers + i * spp;
+    const int labWindow = (j - inputRow0) * labWidth + i;
     __global uchar *o = out + (j - j0) * iMax * spp + i * spp;
 
     int first = 0, n = numNormal;

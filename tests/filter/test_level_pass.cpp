@@ -337,27 +337,36 @@ struct LevelPassDevice : testing::TestWithParam<Case> {
         ASSERT_TRUE(device::selectDevice(0));
     }
     void TearDown() override {
-        device::bandRows = device::perturbBytes = device::failAtLaunch = 0;
+        device::bandRows = device::perturbBytes = device::failAtLaunch = device::inputLayout = 0;
         device::divideInDouble = false;
         device::selectDevice(before);
     }
 };
 
 // The plain pass on one thread, then the device in bands of 1 or 3 rows or
-// the usual size, and once with the division through double (where the
-// device has doubles): the same bytes, and the device did filter.
+// the usual size, with the input going up band by band or whole, and once
+// with the division through double (where the device has doubles): the
+// same bytes, and the device did filter.
 TEST_P(LevelPassDevice, GivesThePlainBytes) {
     const Case &c = GetParam();
     CaseLevel l(c);
     const Bytes want = passBytes(l.a, l.in.size(), true);
-    for (int rows : {0, 1, 3, -1}) {
-        device::divideInDouble = rows < 0;
-        device::bandRows = std::max(rows, 0);
-        ASSERT_TRUE(device::selectDevice(0));  // checked again, with the switch
+    struct Run {
+        int layout, rows;
+        bool inDouble;
+    };
+    for (const Run r : {Run{1, 0, false}, Run{1, 1, false}, Run{1, 3, false}, Run{2, 0, false},
+                        Run{2, 3, false}, Run{0, 0, true}}) {
+        device::inputLayout = r.layout;
+        device::bandRows = r.rows;
+        device::divideInDouble = r.inDouble;
+        ASSERT_TRUE(device::selectDevice(0));  // checked again, with the switches
         EXPECT_EQ(testsupport::firstDifference(want, passBytes(l.a, l.in.size(), false, c.nbProc),
                                                c.iMax, c.spp),
                   "")
-            << (rows < 0 ? "division in double" : "band " + std::to_string(rows));
+            << (r.inDouble ? "division in double"
+                           : (r.layout == 2 ? "whole input, band " : "input by bands, band ") +
+                                 std::to_string(r.rows));
         EXPECT_EQ(device::lastLevelDevice(), device::deviceNames()[0]);
     }
 }
