@@ -1,7 +1,8 @@
-// The 8-bit level pass on an OpenCL device. The host uploads the bordered
-// level, its CIELab planes (colour), both kernels, the range table and the
-// bright map once per level, then launches the rows band by band and reads
-// each band back; the 3x3 smoothing stays on the CPU.
+// The 8-bit level pass on an OpenCL device. The host uploads both kernels,
+// the range table and the bright map once per level, and the bordered level
+// with its CIELab planes (colour) at once to a GPU, band by band to a CPU
+// device; it launches the rows band by band and reads each band back; the
+// 3x3 smoothing stays on the CPU.
 #include "filter/level_pass_device.h"
 
 #include <algorithm>
@@ -287,7 +288,6 @@ int rowsPerBand(const LevelPassArgs &a) {
     return std::max(1, (1 << 18) / std::max(a.iMax, 1));
 }
 
-// The level's rows on device s, band by band into a.imgOutput.
 // The CIELab planes of bordered rows [y0, y0 + rows) into lab, shared out
 // among nbProc threads.
 void labRows(const LevelPassArgs &a, int width, int y0, int rows, int nbProc, float *lab) {

@@ -11,12 +11,12 @@
 //
 // The level pass (level_pass.cpp) runs the thread team; the plan
 // (level_pass_plan.cpp) lays out the planes each row reads. Rows are
-// filtered a few neighbouring vectors at a time (or one, where the bright
-// map leaves a vector alone): first the weights of all their entries (into
-// a buffer that stays in the first-level cache) and their sums, then the
-// convolution sums, all in registers; the range table is read as each
-// instruction set reads it best (range_table-inl.h), and the planes of the
-// wide kernels' far-apart entries are prefetched a few vectors ahead.
+// filtered a few neighbouring vectors at a time (one where the bright map
+// leaves a vector alone, and on AVX-512 and SVE): first the weights of all
+// their entries (into a buffer that stays in the first-level cache) and
+// their sums, then the convolution sums, all in registers; the range table
+// is read by gathers (range_table-inl.h), and the planes of the wide
+// kernels' far-apart entries are prefetched a few vectors ahead.
 //
 // Compiled once per instruction set (Highway's foreach_target); the best one
 // the processor supports is chosen at run time.
