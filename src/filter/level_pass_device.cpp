@@ -260,7 +260,8 @@ void build(DeviceState &s) {
         cl_device_type type = 0;
         clGetDeviceInfo(s.id, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
         s.isCpu = (type & CL_DEVICE_TYPE_CPU) != 0;
-        clGetDeviceInfo(s.id, CL_DEVICE_MAX_MEM_ALLOC_SIZE, sizeof s.maxAlloc, &s.maxAlloc, nullptr);
+        clGetDeviceInfo(s.id, CL_DEVICE_MAX_MEM_ALLOC_SIZE, sizeof s.maxAlloc, &s.maxAlloc,
+                        nullptr);
         clGetDeviceInfo(s.id, CL_DEVICE_GLOBAL_MEM_SIZE, sizeof s.globalMemory, &s.globalMemory,
                         nullptr);
         s.context = clCreateContext(nullptr, 1, &s.id, nullptr, nullptr, &err);
