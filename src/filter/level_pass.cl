@@ -43,8 +43,9 @@ float rangeWeight(int spp, __global const float *lab, __global const uchar *img,
 // j0: the rows the band's windows reach), ers samples a row, pixel (i, j)'s
 // window top-left at (j - inputRow0) * ers + i * spp; lab: three floats per
 // bordered pixel of the same rows (colour only); entries: (x, y) offsets of
-// normal then fine kernel, factors beside them; period: per bright value, -1 copy, 0 normal, p > 0 fine where
-// (i + j) % p == 0; gaussOnly: the normal kernel's weights as they are.
+// normal then fine kernel, factors beside them; period: per bright value, -1
+// copy, 0 normal, p > 0 fine where (i + j) % p == 0; gaussOnly: the normal
+// kernel's weights as they are.
 __kernel void levelRows(__global const uchar *img, __global const float *lab, int ers, int spp,
                         int iMax, int j0, int rows, int inputRow0, __global const int2 *pos,
                         __global const float *factor, int numNormal, int numFine,
