@@ -126,9 +126,8 @@ HWY_INLINE void Records(const float *base, const int32_t *at, hn::Vec<DI> quads,
 void RangeLookup(const float *lut, const int32_t *idx, size_t count, float *out) {
     const DF df;
     const DI di;
-    const RangeTable t = LoadRangeTable(lut);
     for (size_t x = 0; x < count; x += hn::Lanes(df))
-        hn::StoreU(RangeWeight(t, hn::LoadU(di, idx + x)), df, out + x);
+        hn::StoreU(RangeWeight(lut, hn::LoadU(di, idx + x)), df, out + x);
 }
 
 // ---------------------------------------------------------------------------
@@ -139,9 +138,8 @@ void RangeLookup(const float *lut, const int32_t *idx, size_t count, float *out)
 // still runs its own pixel's entries in kernel order.
 
 // Reads of the entry planes two vectors (or runs of vectors) ahead of the
-// current one, and of the byte planes one cache line ahead every 64
-// pixels: the wide kernels'
-// entries are rows apart, beyond the hardware prefetcher's reach. Into the
+// current one, and of the byte planes one cache line ahead every 64 pixels:
+// the wide kernels' entries are rows apart, beyond the hardware prefetcher's reach. Into the
 // second-level cache only: two vectors of a wide kernel's entries are more
 // lines than the first-level cache holds (fetched into the first level, the
 // colour map level measured a third slower, 4 vectors ahead no faster).
@@ -265,7 +263,7 @@ HWY_INLINE hn::Vec<DF> Normalised(hn::Vec<DF> weight, hn::Vec<DF> sum, hn::Mask<
 // into stash, so that its sums read them without a second gather.
 template <bool PACKED>
 HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const KernelPlan &k,
-                                     const RangeTable &table, hn::Vec<DI> quads,
+                                     const float *HWY_RESTRICT lut, hn::Vec<DI> quads,
                                      float *HWY_RESTRICT w, int32_t *HWY_RESTRICT stash) {
     const DF df;
     const DI di;
@@ -298,7 +296,7 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
         read(o);
         if constexpr (PACKED) hn::StoreU(bytes, di, stash + e * N);
         const auto weight = hn::Mul(hn::Set(df, k.factor[e]),
-                                    RangeWeight(table, ColourIndex(L, A, B, cL, cA, cB)));
+                                    RangeWeight(lut, ColourIndex(L, A, B, cL, cA, cB)));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -310,7 +308,7 @@ HWY_INLINE hn::Vec<DF> ColourWeights(const LaneSource<3, PACKED> &src, const Ker
 // dividing by one sample changes nothing).
 template <bool PACKED>
 HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const KernelPlan &k,
-                                   const RangeTable &table, hn::Vec<DI> lanes,
+                                   const float *HWY_RESTRICT lut, hn::Vec<DI> lanes,
                                    float *HWY_RESTRICT w, int32_t *HWY_RESTRICT stash) {
     const DF df;
     const DI di;
@@ -332,7 +330,7 @@ HWY_INLINE hn::Vec<DF> GreyWeights(const LaneSource<1, PACKED> &src, const Kerne
         }
         const auto spatial = hn::Set(df, k.factor[e]);
         const auto bright = hn::Add(spatial, s0);
-        const auto weight = hn::Mul(spatial, RangeWeight(table, GreyIndex(bright, centreBright)));
+        const auto weight = hn::Mul(spatial, RangeWeight(lut, GreyIndex(bright, centreBright)));
         hn::StoreU(weight, df, w + e * N);
         sum = hn::Add(sum, weight);
     }
@@ -411,7 +409,7 @@ HWY_INLINE void Each(F &&f) {
 // FilterVectors stores them.
 template <int SPP, size_t V = (size_t)vectorsAtOnce(SPP)>
 HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const KernelPlan &k,
-                                 const RangeTable &table, float *HWY_RESTRICT w, size_t B,
+                                 const float *HWY_RESTRICT lut, float *HWY_RESTRICT w, size_t B,
                                  int32_t *HWY_RESTRICT result) {
     const DF df;
     const DI di;
@@ -436,7 +434,7 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
                 const auto index =
                     ColourIndex(hn::LoadU(df, src.L + o + u * N), hn::LoadU(df, src.A + o + u * N),
                                 hn::LoadU(df, src.Bp + o + u * N), c0[u], c1[u], c2[u]);
-                const auto weight = hn::Mul(spatial, RangeWeight(table, index));
+                const auto weight = hn::Mul(spatial, RangeWeight(lut, index));
                 hn::StoreU(weight, df, w + (V * e + u) * N);
                 sum[u] = hn::Add(sum[u], weight);
             });
@@ -450,7 +448,7 @@ HWY_INLINE void FilterNeighbours(const LaneSource<SPP, false> &src, const Kernel
             const auto spatial = hn::Set(df, k.factor[e]);
             Each<V>([&](size_t u) {
                 const auto bright = hn::Add(spatial, LoadSamples(src.S0 + o + u * N));
-                const auto weight = hn::Mul(spatial, RangeWeight(table, GreyIndex(bright, c0[u])));
+                const auto weight = hn::Mul(spatial, RangeWeight(lut, GreyIndex(bright, c0[u])));
                 hn::StoreU(weight, df, w + (V * e + u) * N);
                 sum[u] = hn::Add(sum[u], weight);
             });
@@ -510,7 +508,7 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
     const size_t B = (size_t)p.block;
     LaneSource<SPP, PACKED> src = BlockSource<SPP, PACKED>(p, base, gauss);
     float *HWY_RESTRICT w = s.weights;  // entry e of the vector at w + e * N
-    const RangeTable table = LoadRangeTable(p.args->expLut);
+    const float *HWY_RESTRICT lut = p.args->expLut;
     for (size_t v = 0, x = 0; v < nv; v++, x += N) {
         if (need != nullptr && !need[v]) continue;
         src.x = x;
@@ -522,7 +520,7 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
             const auto needed = [](unsigned char n) { return n != 0; };
             if (!gauss && v + V <= nv &&
                 (need == nullptr || std::all_of(need + v, need + v + V, needed))) {
-                FilterNeighbours<SPP>(src, k, table, w, B, result);
+                FilterNeighbours<SPP>(src, k, lut, w, B, result);
                 v += V - 1, x += (V - 1) * N;
                 continue;
             }
@@ -533,9 +531,9 @@ HWY_INLINE void FilterVectors(const Pass &p, const KernelPlan &k, size_t base, s
         auto sum = hn::Zero(df);
         if (!gauss) {
             if constexpr (SPP == 3)
-                sum = ColourWeights(src, k, table, quads, w, s.stash);
+                sum = ColourWeights(src, k, lut, quads, w, s.stash);
             else
-                sum = GreyWeights(src, k, table, lanes, w, s.stash);
+                sum = GreyWeights(src, k, lut, lanes, w, s.stash);
         }
         auto acc0 = hn::Zero(df), acc1 = hn::Zero(df), acc2 = hn::Zero(df);
         ConvolutionSums(src, k, lanes, gauss, w, s.stash, sum, acc0, acc1, acc2);

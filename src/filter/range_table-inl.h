@@ -1,7 +1,7 @@
-// The range-table reads of the SIMD level pass: the lookup strategy in one
-// place. Whatever the strategy, a read gives the
-// table's very floats. Included once per instruction set by
-// level_pass_hwy.cpp (Highway's per-target include guard).
+// The range-table reads of the SIMD level pass, in one place: the index
+// conversion and the lookup, which gives the table's very floats. Included
+// once per instruction set by level_pass_hwy.cpp (Highway's per-target
+// include guard).
 
 #if defined(LUMORA_FILTER_RANGE_TABLE_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef LUMORA_FILTER_RANGE_TABLE_INL_H_
@@ -23,29 +23,6 @@ namespace hn = hwy::HWY_NAMESPACE;
 using DF = hn::ScalableTag<float>;
 using DI = hn::RebindToSigned<DF>;
 
-// Every read is a gather, on every instruction set: it measured best
-// wherever it was set against another strategy, one thread, the 12 MP level
-// pass benchmark, ns per pixel-entry:
-// - AVX-512, Intel Xeon (Sapphire Rapids or later): the table's first 257
-//   entries held in 16 registers and read by two-table permutes where every
-//   lane's index is covered, before the gather, gave colour level 2 1.80
-//   against 1.31, colour map 3.11 against 2.63, level 1 alike (vectors
-//   one at a time);
-// - AVX2, the same Xeon: eight scalar loads assembled into the vector gave
-//   colour level 1 1.52-1.55 against 0.95-1.13 and one-sample levels
-//   1.09-1.63 against 0.57-0.74;
-// - AVX2, AMD EPYC (Zen 3): scalar loads alike (within the noise); the first
-//   64 entries read by vpermps and blends where every lane's index is below
-//   64, 13-28 % slower on the unsteered levels and up to 7 % on the map
-//   levels; the same without the branch, the larger lanes by a masked
-//   gather, 17-61 % slower.
-struct RangeTable {
-    const float *lut;
-};
-
-// What the lookups of a level keep at hand.
-HWY_INLINE RangeTable LoadRangeTable(const float *lut) { return RangeTable{lut}; }
-
 // (int) v for lanes known to lie within int32's range, as a range-table
 // index always does. On x86, Highway's ConvertTo also mends lanes that
 // overflow: four more instructions between each entry's distance and its
@@ -65,8 +42,24 @@ HWY_INLINE hn::Vec<DI> TruncateInRange(hn::Vec<DF> v) {
 // lut[idx] in every lane, for the indices of both kinds of level: a colour
 // level's are clamped below EXP_LUT_ENTRIES, a one-sample level's are a
 // brightness difference, at most 256 for 8-bit samples.
-HWY_INLINE hn::Vec<DF> RangeWeight(const RangeTable &t, hn::Vec<DI> idx) {
-    return hn::GatherIndex(DF(), t.lut, idx);
+// Every read is a gather, on every instruction set: it measured best
+// wherever it was set against another strategy, one thread, the 12 MP level
+// pass benchmark, ns per pixel-entry:
+// - AVX-512, Intel Xeon (Sapphire Rapids or later): the table's first 257
+//   entries held in 16 registers and read by two-table permutes where every
+//   lane's index is covered, before the gather, gave colour level 2 1.80
+//   against 1.31, colour map 3.11 against 2.63, level 1 alike (vectors
+//   one at a time);
+// - AVX2, the same Xeon: eight scalar loads assembled into the vector gave
+//   colour level 1 1.52-1.55 against 0.95-1.13 and one-sample levels
+//   1.09-1.63 against 0.57-0.74;
+// - AVX2, AMD EPYC (Zen 3): scalar loads alike (within the noise); the first
+//   64 entries read by vpermps and blends where every lane's index is below
+//   64, 13-28 % slower on the unsteered levels and up to 7 % on the map
+//   levels; the same without the branch, the larger lanes by a masked
+//   gather, 17-61 % slower.
+HWY_INLINE hn::Vec<DF> RangeWeight(const float *HWY_RESTRICT lut, hn::Vec<DI> idx) {
+    return hn::GatherIndex(DF(), lut, idx);
 }
 
 }  // namespace HWY_NAMESPACE
