@@ -27,9 +27,9 @@ namespace device {
 // launch, counted down from when it is set, that fails as an OpenCL error
 // would (0: none), the rand() calls each launch makes as a driver might, the
 // input's layout on the device (0 by device, 1 band by band, 2 whole), and
-// the division through double that a device without
-// correctly rounded division gets, on a device that has doubles (applied
-// when a device is next checked).
+// the division through double that a device without correctly rounded
+// division gets, on a device that has doubles (applied when a device is
+// next checked).
 extern int bandRows;
 extern int perturbBytes;
 extern int failAtLaunch;

@@ -175,6 +175,12 @@ std::vector<cl_device_id> allDevices() {
     return devices;
 }
 
+bool isCpu(cl_device_id d) {
+    cl_device_type type = 0;
+    clGetDeviceInfo(d, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
+    return (type & CL_DEVICE_TYPE_CPU) != 0;
+}
+
 std::string nameOf(cl_device_id d) {
     char name[256] = {0};
     clGetDeviceInfo(d, CL_DEVICE_NAME, sizeof name - 1, name, nullptr);
@@ -257,9 +263,7 @@ void build(DeviceState &s) {
     if (s.kernel != nullptr && options == s.options) return;
     cl_int err;
     if (s.context == nullptr) {
-        cl_device_type type = 0;
-        clGetDeviceInfo(s.id, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
-        s.isCpu = (type & CL_DEVICE_TYPE_CPU) != 0;
+        s.isCpu = isCpu(s.id);
         clGetDeviceInfo(s.id, CL_DEVICE_MAX_MEM_ALLOC_SIZE, sizeof s.maxAlloc, &s.maxAlloc,
                         nullptr);
         clGetDeviceInfo(s.id, CL_DEVICE_GLOBAL_MEM_SIZE, sizeof s.globalMemory, &s.globalMemory,
@@ -589,10 +593,8 @@ bool deviceIsCpu(int index) {
     std::lock_guard<std::mutex> lock(deviceMutex);
     enumerate();
     if (index < 0 || index >= (int)states.size()) return false;
-    cl_device_type type = 0;
     KeepHostState keep;
-    clGetDeviceInfo(states[index].id, CL_DEVICE_TYPE, sizeof type, &type, nullptr);
-    return (type & CL_DEVICE_TYPE_CPU) != 0;
+    return isCpu(states[index].id);
 }
 
 bool selectDevice(int index) {
