@@ -98,6 +98,11 @@ double processSeconds() {
     return (double)t.tv_sec + t.tv_nsec * 1e-9;
 }
 
+// The range-table reads the SIMD path uses, by name.
+const char *readsName() {
+    return simd::chosenLaneReads() == simd::LaneReads::Loads ? "loads" : "gather";
+}
+
 // One level as the pyramid sets it up with the driver's parameters.
 struct Level {
     std::vector<KernelEntry> normal, fine;
@@ -218,8 +223,9 @@ void BM_LevelPass(benchmark::State &state) {
     state.counters["cpu_ns_per_entry"] =
         cpuSeconds * 1e9 / ((double)state.iterations() * l.entries);
     static const char *kinds[] = {"colour", "one-sample", "colour map", "one-sample map"};
+    const std::string path = plain ? "plain" : std::string(simd::targetName()) + " " + readsName();
     state.SetLabel(std::string(kinds[kind]) + " " + std::to_string(p.w) + "x" +
-                   std::to_string(p.h) + " " + (plain ? "plain" : simd::targetName()));
+                   std::to_string(p.h) + " " + path);
 }
 
 void levelArgs(benchmark::internal::Benchmark *b) {
@@ -311,8 +317,9 @@ bool forceTarget(const char *name) {
 
 }  // namespace
 
-// --size=WxH and --target=NAME (before the benchmark's own flags) set the
-// picture size and the instruction set.
+// --size=WxH, --target=NAME and --reads=gather|loads (before the benchmark's
+// own flags) set the picture size, the instruction set and the range-table
+// reads (by default measured on first use).
 int main(int argc, char **argv) {
     std::vector<char *> rest;
     for (int k = 0; k < argc; k++) {
@@ -322,6 +329,15 @@ int main(int argc, char **argv) {
                              argv[k] + 9);
                 return 1;
             }
+            continue;
+        }
+        if (std::strncmp(argv[k], "--reads=", 8) == 0) {
+            const std::string reads = argv[k] + 8;
+            if (reads != "gather" && reads != "loads") {
+                std::fprintf(stderr, "--reads=gather|loads\n");
+                return 1;
+            }
+            simd::laneReads = reads == "gather" ? 1 : 2;
             continue;
         }
         if (std::strncmp(argv[k], "--size=", 7) == 0) {
@@ -338,6 +354,7 @@ int main(int argc, char **argv) {
     benchmark::Initialize(&n, rest.data());
     benchmark::AddCustomContext("processor", processorName());
     benchmark::AddCustomContext("instruction_set", simd::targetName());
+    benchmark::AddCustomContext("lane_reads", readsName());
     registerDevices();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

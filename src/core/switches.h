@@ -20,6 +20,10 @@ namespace simd {
 // Output rows per band of colour planes in the SIMD level pass; 0 chooses
 // by size (tests force tiny bands).
 extern int levelPassBandRows;
+// The per-lane reads of the SIMD level pass (range table, packed bytes): 0
+// the measured choice, 1 gathers, 2 scalar loads (where the instruction set
+// has them).
+extern int laneReads;
 }  // namespace simd
 namespace device {
 // The OpenCL level pass: rows per launch (0 chooses by size), a value added

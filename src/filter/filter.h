@@ -135,10 +135,21 @@ void loadBand(const LevelPlan &plan, int j0, int t, int T);
 void filterRow(const LevelPlan &plan, int j, int t, KernelEntry *bilateralKernel);
 // The instruction set the SIMD path runs on ("AVX3", "AVX2", ...).
 const char *targetName();
+// How the pass reads what each lane of a vector reads from an address of its
+// own (a range-table entry; a packed one-sample lane's bytes): one gather
+// instruction per vector, or one scalar load per lane. Only AVX2 offers both
+// (elsewhere both are the gather); they give the same bytes, and which is
+// faster depends on the core.
+enum class LaneReads { Gather, Loads };
+// The reads the pass uses on the instruction set it runs on: the faster of
+// the two as measured once per process where there are two (about a
+// millisecond on first use), unless the test switch laneReads names one.
+LaneReads chosenLaneReads();
 // The range-table reads of the pass alone, for tests: out[x] = lut[idx[x]]
 // as the weights of both kinds of level read it; count is a multiple of 64,
 // indices below EXP_LUT_ENTRIES.
-void rangeLookup(const float *lut, const int32_t *idx, size_t count, float *out);
+void rangeLookup(const float *lut, const int32_t *idx, size_t count, float *out,
+                 LaneReads reads);
 }  // namespace simd
 
 }  // namespace lumora

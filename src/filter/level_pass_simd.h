@@ -87,8 +87,9 @@ inline KernelPlan rowKernel(const KernelPlan &k, size_t width, int ringRows, int
 
 // Output row j of the level p describes, with one thread's scratch.
 using RowFunction = void (*)(const Pass &p, int j, const Scratch &s);
-// The row function of the instruction set the SIMD path runs on, and that
-// set's floats per vector: both from the same choice.
+// The row function of the instruction set the SIMD path runs on, with the
+// per-lane reads chosenLaneReads gives, and that set's floats per vector:
+// all from the same choice.
 RowFunction rowFunction(size_t *lanes);
 
 }  // namespace simd

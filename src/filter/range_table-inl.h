@@ -14,6 +14,8 @@
 
 #include <hwy/highway.h>
 
+#include "filter/level_pass_simd.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace lumora {
 namespace simd {
@@ -39,26 +41,58 @@ HWY_INLINE hn::Vec<DI> TruncateInRange(hn::Vec<DF> v) {
 #endif
 }
 
+// Whether this instruction set reads the table (and packed lanes' bytes) a
+// second way, by scalar loads (LaneReads::Loads); elsewhere both reads are
+// the gather, and the kernels are compiled once, for the gather.
+constexpr bool OffersLoads() { return HWY_TARGET == HWY_AVX2; }
+constexpr LaneReads SecondReads() {
+    return OffersLoads() ? LaneReads::Loads : LaneReads::Gather;
+}
+
 // lut[idx] in every lane, for the indices of both kinds of level: a colour
 // level's are clamped below EXP_LUT_ENTRIES, a one-sample level's are a
-// brightness difference, at most 256 for 8-bit samples.
-// Every read is a gather, on every instruction set: it measured best
-// wherever it was set against another strategy, one thread, the 12 MP level
-// pass benchmark, ns per pixel-entry:
+// brightness difference, at most 256 for 8-bit samples. Both reads give the
+// table's very floats; which is faster depends on the core, so the level
+// pass measures them on first use (level_pass_hwy.cpp).
+//
+// Gathers, and what measured worse, one thread, the 12 MP level pass
+// benchmark, ns per pixel-entry:
 // - AVX-512, Intel Xeon (Sapphire Rapids or later): the table's first 257
 //   entries held in 16 registers and read by two-table permutes where every
 //   lane's index is covered, before the gather, gave colour level 2 1.80
 //   against 1.31, colour map 3.11 against 2.63, level 1 alike (vectors
 //   one at a time);
-// - AVX2, the same Xeon: eight scalar loads assembled into the vector gave
-//   colour level 1 1.52-1.55 against 0.95-1.13 and one-sample levels
-//   1.09-1.63 against 0.57-0.74;
-// - AVX2, AMD EPYC (Zen 3): scalar loads alike (within the noise); the first
-//   64 entries read by vpermps and blends where every lane's index is below
-//   64, 13-28 % slower on the unsteered levels and up to 7 % on the map
-//   levels; the same without the branch, the larger lanes by a masked
-//   gather, 17-61 % slower.
+// - AVX2, the same Xeon: eight scalar loads, their indices stored to memory
+//   and read back, gave colour level 1 1.52-1.55 against 0.95-1.13 and
+//   one-sample levels 1.09-1.63 against 0.57-0.74;
+// - AVX2, AMD EPYC (Zen 3): the first 64 entries read by vpermps and blends
+//   where every lane's index is below 64, 13-28 % slower on the unsteered
+//   levels and up to 7 % on the map levels; the same without the branch,
+//   the larger lanes by a masked gather, 17-61 % slower.
+//
+// Loads (AVX2): the indices leave the register as four 64-bit halves
+// (vmovq, vpextrq), each lane's entry is one scalar load, and the loads are
+// put together with vinsertps. On the AMD EPYC (Zen 3) an 8-lane gather
+// costs some 13 cycles: the loads gave colour level 2 1.62-2.06 against
+// 2.31-2.83, the colour map 3.93-5.09 against 4.96-6.08, the other kinds
+// 5-20 % less (three interleaved runs); with the indices stored to memory
+// and read back instead of moved out of the register, the loads had measured
+// alike there. Not yet measured on an Intel core.
+template <LaneReads R>
 HWY_INLINE hn::Vec<DF> RangeWeight(const float *HWY_RESTRICT lut, hn::Vec<DI> idx) {
+#if HWY_TARGET == HWY_AVX2
+    if constexpr (R == LaneReads::Loads) {
+        const __m128i lo = _mm256_castsi256_si128(idx.raw);
+        const __m128i hi = _mm256_extracti128_si256(idx.raw, 1);
+        const auto q0 = (uint64_t)_mm_cvtsi128_si64(lo), q1 = (uint64_t)_mm_extract_epi64(lo, 1);
+        const auto q2 = (uint64_t)_mm_cvtsi128_si64(hi), q3 = (uint64_t)_mm_extract_epi64(hi, 1);
+        const __m128 low = _mm_setr_ps(lut[(uint32_t)q0], lut[q0 >> 32], lut[(uint32_t)q1],
+                                       lut[q1 >> 32]);
+        const __m128 high = _mm_setr_ps(lut[(uint32_t)q2], lut[q2 >> 32], lut[(uint32_t)q3],
+                                        lut[q3 >> 32]);
+        return hn::Vec<DF>{_mm256_set_m128(high, low)};
+    }
+#endif
     return hn::GatherIndex(DF(), lut, idx);
 }
 

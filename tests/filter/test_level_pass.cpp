@@ -1,8 +1,8 @@
 // The level pass: the bright map's kernel choice, then the SIMD pass against
 // the plain one, byte for byte on every instruction set compiled in: the
-// range-table reads (from registers where every lane's index is small, else
-// gathered) on all 20000 indices; random kernels over every band size and
-// anti-diagonal period; and the cases the faster forms treat apart: rows
+// range-table reads (gathered, or loaded lane by lane) on all 20000
+// indices; random kernels over every band size and anti-diagonal period,
+// with both reads; and the cases the faster forms treat apart: rows
 // that end inside a vector, colour distances at and past the table's end,
 // weight sums below 1, one-sample brightness differences of 256 and more,
 // and range sigmas that give zero, subnormal and all-one weights.
@@ -135,26 +135,22 @@ namespace {
 
 TEST(LevelPassRangeReads, GiveTheTableEntryForEveryIndex) {
     const std::vector<float> lut = unrelatedTable();
-    // Every index in order (vectors wholly below 64, 128 and 256, across
-    // them, and above), then shuffled (small and large indices in one
-    // vector), then small indices with one large one per 64.
+    // Both reads, every index in order (a lane that takes its neighbour's
+    // entry shows), then shuffled (small and large indices in one vector).
     std::vector<int32_t> idx(EXP_LUT_ENTRIES);
     for (int i = 0; i < EXP_LUT_ENTRIES; i++) idx[i] = i;
     std::vector<int32_t> shuffled = idx;
     std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
     idx.insert(idx.end(), shuffled.begin(), shuffled.end());
-    // The one large index steps up from each register read's limit, so that
-    // a read that reaches one entry too far shows.
-    for (int limit : {64, 128, 257})
-        for (int i = 0; i < 4096; i++)
-            idx.push_back(i % 64 == 17 ? limit + i / 64 % 64 : (i * 7) % limit);
     while (idx.size() % 64 != 0) idx.push_back(255);
     testsupport::forEachTarget([&](int) {
-        std::vector<float> out(idx.size(), -1.0f);
-        simd::rangeLookup(lut.data(), idx.data(), idx.size(), out.data());
-        for (size_t x = 0; x < idx.size(); x++)
-            ASSERT_EQ(std::memcmp(&out[x], &lut[idx[x]], sizeof(float)), 0)
-                << "index " << idx[x] << " at " << x;
+        for (simd::LaneReads reads : {simd::LaneReads::Gather, simd::LaneReads::Loads}) {
+            std::vector<float> out(idx.size(), -1.0f);
+            simd::rangeLookup(lut.data(), idx.data(), idx.size(), out.data(), reads);
+            for (size_t x = 0; x < idx.size(); x++)
+                ASSERT_EQ(std::memcmp(&out[x], &lut[idx[x]], sizeof(float)), 0)
+                    << "index " << idx[x] << " at " << x << (int)reads;
+        }
     });
 }
 
@@ -257,11 +253,12 @@ struct CaseLevel {
 
 struct LevelPassSimd : testing::TestWithParam<Case> {
     static void SetUpTestSuite() { CIELab_Init(2); }
-    void TearDown() override { simd::levelPassBandRows = 0; }
+    void TearDown() override { simd::levelPassBandRows = 0, simd::laneReads = 0; }
 };
 
 // The plain pass on one thread, then the SIMD pass on the case's team, in
-// bands of 1, 3 or 7 rows or the usual size: the same bytes.
+// bands of 1, 3 or 7 rows or the usual size, reading the range table by
+// gathers and by scalar loads in turn: the same bytes.
 TEST_P(LevelPassSimd, GivesThePlainBytes) {
     const Case &c = GetParam();
     CaseLevel l(c);
@@ -270,12 +267,15 @@ TEST_P(LevelPassSimd, GivesThePlainBytes) {
         simd::LevelPlan *plan = simd::planLevel(c.nbProc, l.a);
         EXPECT_NE(plan, nullptr) << "the SIMD path must cover these levels";
         simd::releaseLevelPlan(plan);
-        for (int rows : {0, 1, 3, 7}) {
+        // Band rows and reads (1 gather, 2 loads).
+        for (auto [rows, reads] : {std::pair{0, 1}, {0, 2}, {1, 2}, {3, 1}, {7, 2}}) {
             simd::levelPassBandRows = rows;
+            simd::laneReads = reads;
             EXPECT_EQ(testsupport::firstDifference(
                           want, passBytes(l.a, l.in.size(), false, c.nbProc), c.iMax, c.spp),
                       "")
-                << "band " << rows << " (rows from jMax are the smoothed copy)";
+                << "band " << rows << ", reads " << simd::laneReads
+                << " (rows from jMax are the smoothed copy)";
         }
     });
 }
