@@ -72,12 +72,13 @@ constexpr LaneReads SecondReads() {
 //
 // Loads (AVX2): the indices leave the register as four 64-bit halves
 // (vmovq, vpextrq), each lane's entry is one scalar load, and the loads are
-// put together with vinsertps. On the AMD EPYC (Zen 3) an 8-lane gather
-// costs some 13 cycles: the loads gave colour level 2 1.62-2.06 against
-// 2.31-2.83, the colour map 3.93-5.09 against 4.96-6.08, the other kinds
-// 5-20 % less (three interleaved runs); with the indices stored to memory
-// and read back instead of moved out of the register, the loads had measured
-// alike there. Not yet measured on an Intel core.
+// put together with vinsertps. On the AMD EPYC (Zen 3), where an 8-lane
+// gather alone costs some 13 cycles: colour levels 1 and 2 about 12 % less
+// (medians of six interleaved runs, 1.38 against 1.56 and 2.43 against
+// 2.76), one-sample levels 10-20 % less, the colour map alike (its packed
+// lanes' records dominate). With the indices stored to memory and read back
+// instead of moved out of the register, the loads had measured alike there.
+// Not yet measured on an Intel core.
 template <LaneReads R>
 HWY_INLINE hn::Vec<DF> RangeWeight(const float *HWY_RESTRICT lut, hn::Vec<DI> idx) {
 #if HWY_TARGET == HWY_AVX2
