@@ -77,17 +77,17 @@ HWY_INLINE hn::Vec<DI> GatherBytes(const unsigned char *plane, ptrdiff_t o, hn::
 #if HWY_TARGET == HWY_AVX2
     if constexpr (R == LaneReads::Loads) {
         const unsigned char *p = plane + o;
-        const __m128i lo = _mm256_castsi256_si128(idx.raw);
-        const __m128i hi = _mm256_extracti128_si256(idx.raw, 1);
-        const auto q0 = (uint64_t)_mm_cvtsi128_si64(lo), q1 = (uint64_t)_mm_extract_epi64(lo, 1);
-        const auto q2 = (uint64_t)_mm_cvtsi128_si64(hi), q3 = (uint64_t)_mm_extract_epi64(hi, 1);
-        const auto at = [p](uint64_t q) {
-            int32_t v;
-            std::memcpy(&v, p + (int32_t)(uint32_t)q, sizeof v);
-            return v;
-        };
-        const __m128i low = _mm_setr_epi32(at(q0), at(q0 >> 32), at(q1), at(q1 >> 32));
-        const __m128i high = _mm_setr_epi32(at(q2), at(q2 >> 32), at(q3), at(q3 >> 32));
+        int32_t v[8];
+        LoadEachLane(
+            idx,
+            [p](uint32_t at) {
+                int32_t word;
+                std::memcpy(&word, p + at, sizeof word);
+                return word;
+            },
+            v);
+        const __m128i low = _mm_setr_epi32(v[0], v[1], v[2], v[3]);
+        const __m128i high = _mm_setr_epi32(v[4], v[5], v[6], v[7]);
         return hn::Vec<DI>{_mm256_set_m128i(high, low)};
     }
 #endif
@@ -289,7 +289,7 @@ bool HasLoads() { return OffersLoads(); }
 // planes L, A and B of `stride` floats each, with `entries` offsets below
 // stride - pixels, with reads R. Returns the time taken in seconds. An
 // isolated loop of table reads would not do: on the AMD EPYC it ran the
-// loads twice as fast as the gather where whole levels gained a fifth.
+// loads twice as fast as the gather where the levels gained about a tenth.
 template <LaneReads R>
 double WeightsSeconds(const float *lut, const float *planes, size_t stride, size_t pixels,
                       const size_t *offset, size_t entries) {
