@@ -466,6 +466,10 @@ HWY_INLINE void ConvolutionSums(const LaneSource<SPP, PACKED> &src, const Kernel
 #define LUMORA_RUNS_OF_VECTORS 1
 #endif
 
+// Whether this instruction set filters runs of vectors (its weight scratch
+// holds a run's).
+bool RunsOfVectors() { return LUMORA_RUNS_OF_VECTORS != 0; }
+
 #if LUMORA_RUNS_OF_VECTORS
 // Runs f(u) for u = 0 .. V - 1, written out.
 template <size_t V, class F>
@@ -773,6 +777,7 @@ namespace lumora {
 namespace simd {
 
 HWY_EXPORT(FloatLanes);
+HWY_EXPORT(RunsOfVectors);
 HWY_EXPORT(TargetName);
 HWY_EXPORT(HasLoads);
 HWY_EXPORT(TimeReads);
@@ -828,8 +833,9 @@ void rangeLookup(const float *lut, const int32_t *idx, size_t count, float *out,
 
 const char *targetName() { return HWY_DYNAMIC_DISPATCH(TargetName)(); }
 
-RowFunction rowFunction(size_t *lanes) {
+RowFunction rowFunction(size_t *lanes, bool *runs) {
     *lanes = HWY_DYNAMIC_DISPATCH(FloatLanes)();
+    *runs = HWY_DYNAMIC_DISPATCH(RunsOfVectors)();
     return HWY_DYNAMIC_DISPATCH(RowWith)(chosenLaneReads());
 }
 

@@ -147,7 +147,7 @@ int bandRowsOf(const LevelPassArgs &a, const Layout &l, int team) {
     return std::min(rows, a.jMax);
 }
 
-Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
+Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes, bool runs) {
     Layout l{};
     l.lanes = lanes;
     l.width = (size_t)(a.extendedRowStride / a.spp);
@@ -165,7 +165,8 @@ Layout layoutOf(const LevelPassArgs &a, int nbProc, size_t lanes) {
     // blocks, choices, the two need lists, a row of packed columns (padded to
     // whole vectors) and the row's entry offsets.
     const auto round64 = [](size_t bytes) { return (bytes + 63) & ~(size_t)63; };
-    const size_t sizes[SCRATCH_PIECES] = {nMax * (size_t)vectorsAtOnce(a.spp) * lanes * sizeof(float),
+    const size_t run = runs ? (size_t)vectorsAtOnce(a.spp) : 1;
+    const size_t sizes[SCRATCH_PIECES] = {nMax * run * lanes * sizeof(float),
                                           nMax * lanes * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
                                           a.spp * block * sizeof(int32_t),
@@ -269,8 +270,9 @@ LevelPlan *planLevel(int nbProc, const LevelPassArgs &a) {
     // Choose the instruction set first: the lane count and the row function
     // must come from the same one.
     size_t lanes = 0;
-    p->filterRow = rowFunction(&lanes);
-    p->layout = layoutOf(a, nbProc, lanes);
+    bool runs = false;
+    p->filterRow = rowFunction(&lanes, &runs);
+    p->layout = layoutOf(a, nbProc, lanes, runs);
     if (!allocatePlanes(*p, std::max(nbProc, 1))) {
         releaseLevelPlan(p);
         return nullptr;

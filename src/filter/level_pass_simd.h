@@ -61,7 +61,8 @@ struct Scratch {
 // together: two for colour levels, four for one-sample levels (AVX2, AMD
 // EPYC, 12 MP level pass benchmark and whole fusions: four colour vectors
 // run out of registers; four one-sample vectors beat two by about a tenth).
-// AVX-512 and SVE go one vector at a time (level_pass_hwy.cpp).
+// AVX-512 and SVE go one vector at a time (level_pass_hwy.cpp), and their
+// weight scratch holds one vector's.
 constexpr int vectorsAtOnce(int spp) { return spp == 3 ? 2 : 4; }
 constexpr int SCRATCH_PIECES = 8;  // the pointers of Scratch but the kernel
 
@@ -88,9 +89,9 @@ inline KernelPlan rowKernel(const KernelPlan &k, size_t width, int ringRows, int
 // Output row j of the level p describes, with one thread's scratch.
 using RowFunction = void (*)(const Pass &p, int j, const Scratch &s);
 // The row function of the instruction set the SIMD path runs on, with the
-// per-lane reads chosenLaneReads gives, and that set's floats per vector:
-// all from the same choice.
-RowFunction rowFunction(size_t *lanes);
+// per-lane reads chosenLaneReads gives, that set's floats per vector and
+// whether it filters runs of vectorsAtOnce vectors: all from the same choice.
+RowFunction rowFunction(size_t *lanes, bool *runs);
 
 }  // namespace simd
 }  // namespace lumora
