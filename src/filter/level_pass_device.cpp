@@ -223,7 +223,7 @@ struct DeviceState {
     cl_program program = nullptr;
     cl_kernel kernel = nullptr;
     std::string options;  // the kernels' build options
-    bool isCpu = false;                        // its memory is the host's
+    bool isCpu = false;                        // its memory is the host's (known from enumerate)
     cl_ulong maxAlloc = 0, globalMemory = 0;   // bytes: one buffer, all
     Check check = Check::NotYet;
     bool failed = false;  // an OpenCL error: the CPU filters from then on
@@ -263,7 +263,6 @@ void build(DeviceState &s) {
     if (s.kernel != nullptr && options == s.options) return;
     cl_int err;
     if (s.context == nullptr) {
-        s.isCpu = isCpu(s.id);
         clGetDeviceInfo(s.id, CL_DEVICE_MAX_MEM_ALLOC_SIZE, sizeof s.maxAlloc, &s.maxAlloc,
                         nullptr);
         clGetDeviceInfo(s.id, CL_DEVICE_GLOBAL_MEM_SIZE, sizeof s.globalMemory, &s.globalMemory,
@@ -576,6 +575,7 @@ void enumerate() {
         states.emplace_back();
         states.back().id = id;
         states.back().name = nameOf(id);
+        states.back().isCpu = isCpu(id);
     }
 }
 
@@ -592,9 +592,10 @@ std::vector<std::string> deviceNames() {
 bool deviceIsCpu(int index) {
     std::lock_guard<std::mutex> lock(deviceMutex);
     enumerate();
-    if (index < 0 || index >= (int)states.size()) return false;
-    KeepHostState keep;
-    return isCpu(states[index].id);
+    // Asked of OpenCL once, in enumerate: no call into the driver here, so a
+    // host thread choosing a device cannot swap rand()'s state under a fusion
+    // running on another.
+    return index >= 0 && index < (int)states.size() && states[index].isCpu;
 }
 
 bool selectDevice(int index) {
