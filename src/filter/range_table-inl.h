@@ -49,6 +49,23 @@ constexpr LaneReads SecondReads() {
     return OffersLoads() ? LaneReads::Loads : LaneReads::Gather;
 }
 
+#if HWY_TARGET == HWY_AVX2
+// The lane values of f(index) for the eight indices of idx (none negative),
+// loaded one by one: the indices leave the register in pairs (lane 2k low,
+// 2k + 1 high); the caller puts the values together.
+template <typename T, class F>
+HWY_INLINE void LoadEachLane(hn::Vec<DI> idx, F &&f, T out[8]) {
+    const __m128i lo = _mm256_castsi256_si128(idx.raw);
+    const __m128i hi = _mm256_extracti128_si256(idx.raw, 1);
+    const uint64_t q[4] = {(uint64_t)_mm_cvtsi128_si64(lo), (uint64_t)_mm_extract_epi64(lo, 1),
+                           (uint64_t)_mm_cvtsi128_si64(hi), (uint64_t)_mm_extract_epi64(hi, 1)};
+    for (int k = 0; k < 4; k++) {
+        out[2 * k] = f((uint32_t)q[k]);
+        out[2 * k + 1] = f((uint32_t)(q[k] >> 32));
+    }
+}
+#endif
+
 // lut[idx] in every lane, for the indices of both kinds of level: a colour
 // level's are clamped below EXP_LUT_ENTRIES, a one-sample level's are a
 // brightness difference, at most 256 for 8-bit samples. Both reads give the
@@ -79,23 +96,6 @@ constexpr LaneReads SecondReads() {
 // lanes' records dominate). With the indices stored to memory and read back
 // instead of moved out of the register, the loads had measured alike there.
 // Not yet measured on an Intel core.
-#if HWY_TARGET == HWY_AVX2
-// The lane values of f(index) for the eight indices of idx (none negative),
-// loaded one by one: the indices leave the register in pairs (lane 2k low,
-// 2k + 1 high); the caller puts the values together.
-template <typename T, class F>
-HWY_INLINE void LoadEachLane(hn::Vec<DI> idx, F &&f, T out[8]) {
-    const __m128i lo = _mm256_castsi256_si128(idx.raw);
-    const __m128i hi = _mm256_extracti128_si256(idx.raw, 1);
-    const uint64_t q[4] = {(uint64_t)_mm_cvtsi128_si64(lo), (uint64_t)_mm_extract_epi64(lo, 1),
-                           (uint64_t)_mm_cvtsi128_si64(hi), (uint64_t)_mm_extract_epi64(hi, 1)};
-    for (int k = 0; k < 4; k++) {
-        out[2 * k] = f((uint32_t)q[k]);
-        out[2 * k + 1] = f((uint32_t)(q[k] >> 32));
-    }
-}
-#endif
-
 template <LaneReads R>
 HWY_INLINE hn::Vec<DF> RangeWeight(const float *HWY_RESTRICT lut, hn::Vec<DI> idx) {
 #if HWY_TARGET == HWY_AVX2
