@@ -312,6 +312,12 @@ bool readPng(FILE *fp, Image &image, std::string &error, std::vector<std::string
         error = ctx.message == "Read Error" ? "truncated PNG file" : "corrupt PNG data: " + ctx.message;
         return false;
     }
+    // Only the pixels are read here (metadata is copied by Exiv2), so every
+    // ancillary chunk but tRNS is skipped unread. libpng allocates a text
+    // chunk's stated length before reading it, whatever its chunk limit: a
+    // 70-byte file claiming a 2 GB tEXt chunk took 2 GB before it was found
+    // too short.
+    png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, nullptr, -1);
     png_init_io(png, fp);
     png_read_info(png, info);
     png_uint_32 w = 0, h = 0;
